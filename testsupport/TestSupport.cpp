@@ -1,0 +1,175 @@
+// Test helpers: temporary folders and child processes with bounded waits.
+#include "testsupport/TestSupport.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+extern char **environ;
+
+namespace orvexTest
+{
+
+TempDir::TempDir()
+{
+    const char *base = getenv("TMPDIR");
+    std::string pattern = std::string(base && *base ? base : "/tmp") + "/orvextest-XXXXXX";
+    std::vector<char> buf(pattern.begin(), pattern.end());
+    buf.push_back('\0');
+    if (!mkdtemp(buf.data()))
+        throw std::runtime_error("mkdtemp failed: " + std::string(strerror(errno)));
+    m_Path = buf.data();
+}
+
+TempDir::~TempDir()
+{
+    std::error_code ec;
+    std::filesystem::remove_all(m_Path, ec);
+}
+
+std::string TempDir::Write(const std::string &name, const std::string &content) const
+{
+    std::string path = File(name);
+    std::ofstream out(path, std::ios::binary);
+    out << content;
+    return path;
+}
+
+std::string ReadFile(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+std::string ExecutableDir()
+{
+    char buf[4096];
+    ssize_t n = readlink("/proc/self/exe", buf, sizeof(buf) - 1);
+    if (n <= 0)
+        return ".";
+    buf[n] = '\0';
+    return std::filesystem::path(buf).parent_path().string();
+}
+
+ProcessResult RunProcess(const std::vector<std::string> &argv, int timeoutMs,
+                         const std::vector<std::string> &extraEnv)
+{
+    ProcessResult result;
+    int outPipe[2], errPipe[2];
+    if (pipe2(outPipe, O_CLOEXEC) != 0)
+        return result;
+    if (pipe2(errPipe, O_CLOEXEC) != 0)
+    {
+        close(outPipe[0]);
+        close(outPipe[1]);
+        return result;
+    }
+
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
+    posix_spawn_file_actions_adddup2(&actions, errPipe[1], 2);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+
+    std::vector<std::string> env;
+    for (char **e = environ; *e; ++e)
+        env.emplace_back(*e);
+    for (const auto &e : extraEnv)
+        env.push_back(e);
+    std::vector<char *> envp, args;
+    for (auto &e : env)
+        envp.push_back(e.data());
+    envp.push_back(nullptr);
+    std::vector<std::string> argvCopy = argv;
+    for (auto &a : argvCopy)
+        args.push_back(a.data());
+    args.push_back(nullptr);
+
+    pid_t pid = -1;
+    int rc = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), envp.data());
+    posix_spawn_file_actions_destroy(&actions);
+    close(outPipe[1]);
+    close(errPipe[1]);
+    if (rc != 0)
+    {
+        close(outPipe[0]);
+        close(errPipe[0]);
+        result.err = "spawn failed: " + std::string(strerror(rc));
+        return result;
+    }
+
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    struct pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
+    int open = 2;
+    while (open > 0)
+    {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0)
+        {
+            result.timedOut = true;
+            kill(pid, SIGKILL);
+            break;
+        }
+        int n = poll(fds, 2, static_cast<int>(left.count()));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            continue;
+        for (int i = 0; i < 2; ++i)
+        {
+            if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP | POLLERR)))
+                continue;
+            char buf[4096];
+            ssize_t got = read(fds[i].fd, buf, sizeof(buf));
+            if (got > 0)
+                (i == 0 ? result.out : result.err).append(buf, static_cast<size_t>(got));
+            else if (got == 0 || errno != EINTR)
+            {
+                close(fds[i].fd);
+                fds[i].fd = -1;
+                --open;
+            }
+        }
+    }
+    for (auto &f : fds)
+        if (f.fd >= 0)
+            close(f.fd);
+
+    // The child may have closed its output and still run: the wait is bounded too.
+    int status = 0;
+    for (;;)
+    {
+        pid_t done = waitpid(pid, &status, WNOHANG);
+        if (done == pid || (done < 0 && errno != EINTR))
+            break;
+        if (std::chrono::steady_clock::now() >= deadline)
+        {
+            result.timedOut = true;
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            break;
+        }
+        usleep(2000);
+    }
+    if (WIFEXITED(status))
+        result.exitCode = WEXITSTATUS(status);
+    else if (WIFSIGNALED(status))
+        result.signal = WTERMSIG(status);
+    return result;
+}
+
+} // namespace orvexTest

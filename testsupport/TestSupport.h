@@ -1,0 +1,49 @@
+// Helpers for tests: a temporary folder that removes itself, and a child process runner with a
+// bounded wait that captures the child's output and exit status.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace orvexTest
+{
+
+// A fresh folder under $TMPDIR (or /tmp), removed with its contents when the object goes.
+class TempDir
+{
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir &) = delete;
+    TempDir &operator=(const TempDir &) = delete;
+
+    const std::string &Path() const { return m_Path; }
+    // Path of `name` inside the folder.
+    std::string File(const std::string &name) const { return m_Path + "/" + name; }
+    // Writes `content` to `name` inside the folder and gives its path.
+    std::string Write(const std::string &name, const std::string &content) const;
+
+private:
+    std::string m_Path;
+};
+
+struct ProcessResult
+{
+    int exitCode = -1;      // exit status, or -1 if the child did not exit normally
+    int signal = 0;         // the signal that ended it, or 0
+    bool timedOut = false;  // the child was killed after the time limit
+    std::string out;        // what it wrote to stdout
+    std::string err;        // what it wrote to stderr
+};
+
+// Runs `argv[0]` with the arguments, waits at most `timeoutMs`, kills it after that.
+ProcessResult RunProcess(const std::vector<std::string> &argv, int timeoutMs = 30000,
+                         const std::vector<std::string> &extraEnv = {});
+
+// Reads a whole file; empty if it can't be read.
+std::string ReadFile(const std::string &path);
+
+// The folder of the running test executable.
+std::string ExecutableDir();
+
+} // namespace orvexTest
