@@ -1,0 +1,106 @@
+// Tests of the base opening: LPeg, the stack left as found, and the optional toolkit library, played
+// by a small stand-in library built beside the tests that exports two of the twenty module openers.
+#include "languages/lua/LuaBase.h"
+
+#include <gtest/gtest.h>
+#include <lua.hpp>
+
+#include <cstdlib>
+#include <string>
+
+namespace
+{
+
+class LuaBaseTest : public ::testing::Test
+{
+protected:
+    void SetUp() override { unsetenv("ORVEXSCRIPT_TOOLKIT_LIB"); }
+
+    void TearDown() override
+    {
+        unsetenv("ORVEXSCRIPT_TOOLKIT_LIB");
+        orvexScript::SetToolkitLibrary(nullptr);
+        lua_close(m_State);
+    }
+
+    // Runs `chunk` on the state; gives "" if it ran, else the error message.
+    std::string Run(const char *chunk)
+    {
+        if (luaL_dostring(m_State, chunk) == 0) return "";
+        std::string message = lua_tostring(m_State, -1);
+        lua_pop(m_State, 1);
+        return message;
+    }
+
+    // Opens the base libraries and checks that the stack is left as it was found.
+    void Open()
+    {
+        lua_pushliteral(m_State, "sentinel");
+        orvexScript::OpenBaseLibs(m_State);
+        ASSERT_EQ(1, lua_gettop(m_State));
+        ASSERT_STREQ("sentinel", lua_tostring(m_State, 1));
+        lua_settop(m_State, 0);
+    }
+
+    lua_State *m_State = luaL_newstate();
+};
+
+TEST_F(LuaBaseTest, OpensStandardLibrariesAndLpeg)
+{
+    orvexScript::SetToolkitLibrary("");
+    Open();
+    EXPECT_EQ("", Run(R"(
+        assert(string and table and math and io and os and debug and coroutine and bit and jit)
+        assert(type(package.preload.ffi) == "function" or package.loaded.ffi ~= nil)
+        assert(lpeg == package.loaded.lpeg and type(package.preload.lpeg) == "function")
+        assert(lpeg.match(lpeg.P("ab")^1 * -1, "ababab") == 7))"));
+}
+
+TEST_F(LuaBaseTest, ToolkitModulesLandInPreloadAndIupluaIsRequiredAtOnce)
+{
+    orvexScript::SetToolkitLibrary(ORVEX_FAKE_TOOLKIT);
+    Open();
+    EXPECT_EQ("", Run(R"(
+        local preload = package.preload
+        assert(type(preload.iuplua) == "function", "iuplua loader")
+        assert(type(preload.cdlua) == "function", "cdlua loader")
+        for _, absent in ipairs{"iupluacontrols", "imlua", "cdluapdf", "iupluacd"} do
+            assert(preload[absent] == nil, absent)
+        end
+        assert(package.loaded.iuplua.name == "fake iuplua" and iup == package.loaded.iuplua, "iuplua loaded")
+        assert(package.loaded.cdlua == nil, "cdlua waits for require")
+        assert(fake_toolkit_opened == 1, "only iuplua opened")
+        assert(require("cdlua").name == "fake cdlua", "cdlua on demand"))"));
+}
+
+TEST_F(LuaBaseTest, MissingToolkitLibraryIsPassedOverSilently)
+{
+    orvexScript::SetToolkitLibrary("/nonexistent/libnothing-here.so");
+    ::testing::internal::CaptureStderr();
+    Open();
+    EXPECT_EQ("", ::testing::internal::GetCapturedStderr());
+    EXPECT_EQ("", Run("assert(package.preload.iuplua == nil and iup == nil and lpeg ~= nil)"));
+    EXPECT_NE("", Run("require('iuplua')"));
+}
+
+TEST_F(LuaBaseTest, EnvironmentOverridesTheToolkitName)
+{
+    orvexScript::SetToolkitLibrary("/nonexistent/libnothing-here.so");
+    setenv("ORVEXSCRIPT_TOOLKIT_LIB", ORVEX_FAKE_TOOLKIT, 1);
+    EXPECT_EQ(ORVEX_FAKE_TOOLKIT, orvexScript::ToolkitLibraryName());
+    Open();
+    EXPECT_EQ("", Run("assert(package.preload.cdlua ~= nil)"));
+}
+
+TEST_F(LuaBaseTest, ToolkitNameDefaultsAndCanBeTurnedOff)
+{
+    EXPECT_EQ("libiuplua.so", orvexScript::ToolkitLibraryName());
+    orvexScript::SetToolkitLibrary("");
+    EXPECT_EQ("", orvexScript::ToolkitLibraryName());
+    setenv("ORVEXSCRIPT_TOOLKIT_LIB", "", 1);
+    EXPECT_EQ("", orvexScript::ToolkitLibraryName()) << "an empty variable is no override";
+    orvexScript::SetToolkitLibrary(nullptr);
+    EXPECT_EQ("libiuplua.so", orvexScript::ToolkitLibraryName());
+}
+
+} // namespace

@@ -1,0 +1,220 @@
+// Tests of RunScript run in-process on script files in a temporary folder: result codes, the argument
+// table, what reaches stderr, and what a fresh state offers (lpeg, ffi, the registry flag).
+#include "languages/lua/RunScript.h"
+
+#include <gtest/gtest.h>
+#include <lua.hpp>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "testsupport/TestSupport.h"
+
+namespace
+{
+
+// Writable copies of the arguments, as RunScript splits name=value in place.
+class ArgumentArray
+{
+public:
+    ArgumentArray(std::initializer_list<std::string> arguments)
+    {
+        for (const std::string &argument : arguments)
+        {
+            m_Storage.emplace_back(argument.begin(), argument.end());
+            m_Storage.back().push_back('\0');
+        }
+        for (std::vector<char> &text : m_Storage)
+            m_Pointers.push_back(text.data());
+        m_Pointers.push_back(nullptr);
+    }
+    ArgumentArray(const ArgumentArray &) = delete;
+    ArgumentArray &operator=(const ArgumentArray &) = delete;
+
+    char **Get() { return m_Pointers.data(); }
+    std::string At(size_t i) const { return m_Storage[i].data(); }
+
+private:
+    std::vector<std::vector<char>> m_Storage;
+    std::vector<char *> m_Pointers;
+};
+
+struct RunResult
+{
+    int32_t code;
+    std::string err;
+};
+
+class RunScriptTest : public ::testing::Test
+{
+protected:
+    std::string Script(const std::string &text)
+    {
+        return m_Dir.Write("script" + std::to_string(++m_Count) + ".lua", text);
+    }
+
+    RunResult Run(std::string path, ArgumentArray &arguments)
+    {
+        ::testing::internal::CaptureStderr();
+        const int32_t code = RunScript(path.data(), arguments.Get());
+        return {code, ::testing::internal::GetCapturedStderr()};
+    }
+
+    RunResult Run(const std::string &path, std::initializer_list<std::string> arguments = {})
+    {
+        ArgumentArray array(arguments);
+        return Run(path, array);
+    }
+
+    RunResult RunText(const std::string &text) { return Run(Script(text)); }
+
+    orvexTest::TempDir m_Dir;
+    int m_Count = 0;
+};
+
+TEST_F(RunScriptTest, FirstResultNumberIsTruncatedTowardZero)
+{
+    EXPECT_EQ(3, RunText("return 3.9").code);
+    EXPECT_EQ(-3, RunText("return -3.9").code);
+    EXPECT_EQ(7, RunText("return 7").code);
+    EXPECT_EQ(0, RunText("return -0.5").code);
+}
+
+TEST_F(RunScriptTest, NumbersOutside32BitsSaturateAndNaNGivesZero)
+{
+    EXPECT_EQ(INT32_MAX, RunText("return 1e20").code);
+    EXPECT_EQ(INT32_MIN, RunText("return -1e20").code);
+    EXPECT_EQ(INT32_MIN, RunText("return -2147483648.5").code);
+    EXPECT_EQ(0, RunText("return 0/0").code);
+}
+
+TEST_F(RunScriptTest, NonNumberOrMissingFirstResultGivesZero)
+{
+    EXPECT_EQ(0, RunText("return '3'").code); // the Lua type counts, not convertibility
+    EXPECT_EQ(0, RunText("local x = 1").code);
+    EXPECT_EQ(0, RunText("return nil, 5").code);
+    EXPECT_EQ(0, RunText("return 0, 5").code);
+    EXPECT_EQ(0, RunText("return {}").code);
+}
+
+TEST_F(RunScriptTest, NamedAndNumberedArgumentsFillArg)
+{
+    const std::string path = Script(R"(
+        assert(arg.a == "1", "a")
+        assert(arg.b == "", "b")
+        assert(arg[1] == "x" and arg[2] == "y" and arg[3] == nil, "numbered")
+        assert(arg.n == 2 and type(arg.n) == "number", "n")
+        return 7)");
+    ArgumentArray arguments{"a=1", "x", "b=", "y"};
+    RunResult result = Run(path, arguments);
+    EXPECT_EQ(7, result.code) << result.err;
+}
+
+TEST_F(RunScriptTest, NameValueArgumentIsSplitInPlace)
+{
+    ArgumentArray arguments{"key=value=more", "plain"};
+    ASSERT_EQ(0, Run(Script("return 0"), arguments).code);
+    EXPECT_EQ("key", arguments.At(0));
+    EXPECT_EQ("plain", arguments.At(1));
+}
+
+TEST_F(RunScriptTest, UnusualArgumentsKeepStringKeys)
+{
+    const std::string path = Script(R"(
+        assert(arg[""] == "v", "empty name")
+        assert(arg["1"] == "x" and arg[1] == "first", "a name 1 stays a string key")
+        assert(arg.k == "b=c", "only the first = splits")
+        assert(arg.n == 1, "n counts numbered arguments only")
+        return 7)");
+    RunResult result = Run(path, {"=v", "1=x", "first", "k=b=c"});
+    EXPECT_EQ(7, result.code) << result.err;
+}
+
+TEST_F(RunScriptTest, EmptyArgumentArrayGivesZeroCount)
+{
+    RunResult result = RunText("assert(arg.n == 0 and next(arg) == 'n' and next(arg, 'n') == nil) return 7");
+    EXPECT_EQ(7, result.code) << result.err;
+}
+
+TEST_F(RunScriptTest, MissingFileReportsNameAndReason)
+{
+    RunResult result = Run(m_Dir.File("absent.lua"));
+    EXPECT_EQ(-2, result.code);
+    EXPECT_EQ("cannot open " + m_Dir.File("absent.lua") + ": No such file or directory\n", result.err);
+}
+
+TEST_F(RunScriptTest, SyntaxErrorReportsFileAndLineWithoutRunning)
+{
+    const std::string path = Script("print('ran')\nlocal = 1\n");
+    ::testing::internal::CaptureStdout();
+    RunResult result = Run(path);
+    EXPECT_EQ("", ::testing::internal::GetCapturedStdout());
+    EXPECT_EQ(-2, result.code);
+    EXPECT_NE(std::string::npos, result.err.find(path + ":2:")) << result.err;
+    EXPECT_EQ(1, std::count(result.err.begin(), result.err.end(), '\n'));
+}
+
+TEST_F(RunScriptTest, RuntimeErrorReportsMessageWithoutTraceback)
+{
+    RunResult result = RunText("local function f() error('boom') end\nf()\n");
+    EXPECT_EQ(-1, result.code);
+    EXPECT_NE(std::string::npos, result.err.find(":1: boom")) << result.err;
+    EXPECT_EQ(std::string::npos, result.err.find("traceback")) << result.err;
+}
+
+TEST_F(RunScriptTest, ErrorValueThatIsNoStringIsUnknownError)
+{
+    RunResult result = RunText("error({})");
+    EXPECT_EQ(-1, result.code);
+    EXPECT_EQ("unknown error\n", result.err);
+}
+
+TEST_F(RunScriptTest, StateOffersLpegFfiAndTheLocalConnectFlag)
+{
+    RunResult result = RunText(R"(
+        assert(type(lpeg) == "table" and lpeg == require("lpeg"), "lpeg global")
+        assert(type(package.preload.lpeg) == "function", "lpeg preload")
+        assert(lpeg.match(lpeg.C(lpeg.R("09")^1), "123abc") == "123", "lpeg works")
+        local ffi = require("ffi")
+        ffi.cdef("size_t strlen(const char *s);")
+        assert(ffi.C.strlen("hello") == 5, "ffi")
+        assert(bit.band(6, 3) == 2 and jit ~= nil, "bit and jit")
+        assert(debug.getregistry().QMLocalConnect == true, "registry flag")
+        assert(_ALERT == nil, "no _ALERT")
+        return 7)");
+    EXPECT_EQ(7, result.code) << result.err;
+}
+
+TEST_F(RunScriptTest, EachRunGetsAFreshState)
+{
+    EXPECT_EQ(0, RunText("assert(leftover == nil) leftover = 1 package.loaded.lpeg.mark = true").code);
+    RunResult second = RunText("assert(leftover == nil and lpeg.mark == nil) return 7");
+    EXPECT_EQ(7, second.code) << second.err;
+}
+
+TEST(Traceback, AddsTracebackToMessage)
+{
+    lua_State *state = luaL_newstate();
+    luaL_openlibs(state);
+    lua_pushcfunction(state, ltraceback);
+    ASSERT_EQ(0, luaL_loadstring(state, "local function inner() error('deep') end inner()"));
+    EXPECT_EQ(LUA_ERRRUN, lua_pcall(state, 0, 0, 1));
+    const std::string message = lua_tostring(state, -1);
+    EXPECT_NE(std::string::npos, message.find("deep")) << message;
+    EXPECT_NE(std::string::npos, message.find("stack traceback:")) << message;
+    EXPECT_NE(std::string::npos, message.find("inner")) << message;
+    lua_close(state);
+}
+
+TEST(Traceback, PassesMessageOnWithoutDebugLibrary)
+{
+    lua_State *state = luaL_newstate();
+    lua_pushcfunction(state, ltraceback);
+    lua_pushliteral(state, "plain");
+    lua_call(state, 1, 1);
+    EXPECT_STREQ("plain", lua_tostring(state, -1));
+    lua_close(state);
+}
+
+} // namespace
