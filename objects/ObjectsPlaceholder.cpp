@@ -1,0 +1,1 @@
+// Placeholder so the objects library has a source until its first real file arrives.
