@@ -1,0 +1,104 @@
+// Bodies of Lock, Event and the spinning lock words. The spin algorithm works by full-barrier exchanges
+// on the owner word alone; the depth word is guarded by the owner word holding all ones.
+
+#include "values/Lock.h"
+
+#include <atomic>
+#include <chrono>
+
+#include "values/Platform.h"
+
+namespace orvexScript
+{
+
+Lock::~Lock() = default;
+
+void Lock::ObtainLock()
+{
+    m_Mutex.lock();
+}
+
+void Lock::ReleaseLock()
+{
+    m_Mutex.unlock();
+}
+
+Event::~Event() = default;
+
+void Event::Signal()
+{
+    {
+        std::lock_guard<std::mutex> guard(m_Mutex);
+        m_Signalled = true;
+    }
+    m_Changed.notify_one();
+}
+
+bool Event::Wait(unsigned long timeoutMs)
+{
+    std::unique_lock<std::mutex> guard(m_Mutex);
+    auto signalled = [this] { return m_Signalled; };
+    if (timeoutMs >= NoTimeout)
+        m_Changed.wait(guard, signalled);
+    else if (!m_Changed.wait_for(guard, std::chrono::milliseconds(timeoutMs), signalled))
+        return false;
+    m_Signalled = false;
+    return true;
+}
+
+void Event::Reset()
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    m_Signalled = false;
+}
+
+namespace SpinWords
+{
+namespace
+{
+constexpr uint32_t Busy = 0xFFFFFFFFu;
+
+uint32_t Exchange(uint32_t &word, uint32_t value)
+{
+    return std::atomic_ref<uint32_t>(word).exchange(value, std::memory_order_seq_cst);
+}
+
+// Puts all ones into the owner word and gives what it held, waiting while another thread is inside.
+uint32_t Enter(uint32_t &owner)
+{
+    for (;;)
+    {
+        uint32_t old = Exchange(owner, Busy);
+        if (old != Busy)
+            return old;
+        Platform::SleepMs(1);
+    }
+}
+} // namespace
+
+void Obtain(uint32_t &owner, uint32_t &depth)
+{
+    const uint32_t self = Platform::CurrentThreadId();
+    for (;;)
+    {
+        uint32_t old = Enter(owner);
+        if (old == 0 || old == self)
+        {
+            ++depth;
+            Exchange(owner, self);
+            return;
+        }
+        Exchange(owner, old); // another thread holds it: put its id back and try again later
+        Platform::SleepMs(1);
+    }
+}
+
+void Release(uint32_t &owner, uint32_t &depth)
+{
+    Enter(owner);
+    --depth;
+    Exchange(owner, depth == 0 ? 0 : Platform::CurrentThreadId());
+}
+
+} // namespace SpinWords
+} // namespace orvexScript
