@@ -15,6 +15,11 @@ class ORVEX_API KeID
 {
 public:
     KeID() = default;
+    // A literal that is not copied, usable for constants made at load time.
+    struct LiteralTag
+    {
+    };
+    constexpr KeID(LiteralTag, const char *text) : m_Text(const_cast<char *>(text)) {}
     // Null gives empty; a marked block is shared; else `copy` makes a block, or keeps the pointer.
     KeID(const char *text, bool copy = true);
     // The two texts joined; `a` null gives empty, `b` null gives KeID(a).

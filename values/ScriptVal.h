@@ -308,16 +308,31 @@ public:
     };
     constexpr explicit ScriptVal(ConstTag) noexcept : m_Type(SV_Nil | SVF_Const), m_Value{} {}
 
+    // A string key by text, length and hash (the look-ups' working form).
+    struct TextKey;
+
 private:
-    void StoreString(const void *data);
-    void StoreTable(ScriptValType typeWord, const void *data);
-    bool CopyArray(const TableEntry *source);
+    void Build(ScriptValType typeWord, const void *data);
+    void BuildString(const ScriptValue *src);
+    void BuildOwned(uint32_t kind, const ScriptValue *src);
+    void AdoptString(char *block);
+    bool CanSteal() const;
+    void Steal(ScriptVal &other);
+    ScriptObject *RemoteLocal() const;
+    void DumpTable(int indent) const;
+
+    bool HoldsTable() const;
+    TableEntry *LastEntry() const;
+    void Append(TableEntry *entry);
     void CleanTable();
-    TableEntry *Append(TableEntry *entry);
-    ScriptVal &FindNumberKey(double key, bool add);
-    ScriptVal *FindStringKey(const char *key, uint32_t hash, int len, bool add, bool noCase);
-    const ScriptVal *FindKeyPtr(const ScriptVal &key) const;
-    ScriptVal *NestWalk(const char *path, bool create, bool noCase, bool constWalk);
+    void StoreTable(const ScriptValue *src);
+    bool CopyArray(const TableEntry *source);
+    void CopyEntries(const TableEntry *source);
+    ScriptVal *FindNumber(double key, bool add);
+    ScriptVal *FindText(const TextKey &key, bool add, bool noCase);
+    ScriptVal *FindKeyPtr(const ScriptVal &key) const;
+    ScriptVal RemoteGet(const ScriptVal &key);
+    void RemoteSet(const ScriptVal &key, const ScriptVal &value);
 };
 
 // The constant nil value: what const look-ups give for a missing key. Assigning to it does nothing.
