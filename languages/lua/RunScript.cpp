@@ -111,6 +111,13 @@ ORVEX_LUA_FUNCTION(PrepareState)
     return 0;
 }
 
+// For the failures that don't pass through the reporter: the error message on top of the stack.
+void ReportTopMessage(lua_State *state)
+{
+    const char *message = lua_tostring(state, -1);
+    fprintf(stderr, "%s\n", message != nullptr ? message : "unknown error");
+}
+
 // Runs the file on a prepared state whose stack holds only the reporter, at index 1.
 int32_t RunFile(lua_State *state, const char *fileName)
 {
@@ -126,7 +133,7 @@ int32_t RunFile(lua_State *state, const char *fileName)
     {
         // The handler isn't called for these two: their message still has to reach the user.
         if (status == LUA_ERRMEM || status == LUA_ERRERR)
-            fprintf(stderr, "%s\n", lua_isstring(state, -1) ? lua_tostring(state, -1) : "unknown error");
+            ReportTopMessage(state);
         return kRunFailed;
     }
     return lua_type(state, 2) == LUA_TNUMBER ? ToResult(lua_tonumber(state, 2)) : 0;
@@ -143,7 +150,7 @@ int32_t RunScriptUnguarded(char *fileName, char **arguments)
     lua_State *L = state.get();
     if (lua_cpcall(L, PrepareState, arguments) != 0)
     {
-        fprintf(stderr, "%s\n", lua_isstring(L, -1) ? lua_tostring(L, -1) : "unknown error");
+        ReportTopMessage(L);
         return kLoadFailed;
     }
     lua_settop(L, 0);
