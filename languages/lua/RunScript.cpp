@@ -132,8 +132,7 @@ int32_t RunFile(lua_State *state, const char *fileName)
     if (status != 0)
     {
         // The handler isn't called for these two: their message still has to reach the user.
-        if (status == LUA_ERRMEM || status == LUA_ERRERR)
-            ReportTopMessage(state);
+        if (status == LUA_ERRMEM || status == LUA_ERRERR) ReportTopMessage(state);
         return kRunFailed;
     }
     return lua_type(state, 2) == LUA_TNUMBER ? ToResult(lua_tonumber(state, 2)) : 0;
