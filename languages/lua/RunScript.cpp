@@ -15,8 +15,6 @@
 namespace
 {
 
-using orvexScript::LuaGuard;
-
 constexpr int32_t kRunFailed = -1;
 constexpr int32_t kLoadFailed = -2;
 
@@ -41,20 +39,9 @@ ORVEX_LUA_FUNCTION(ReportToStderr)
 ORVEX_LUA_FUNCTION(Traceback)
 {
     lua_getglobal(L, "debug");
-    if (!lua_istable(L, -1))
-    {
-        lua_pop(L, 1);
-        lua_pushvalue(L, 1);
-        return 1;
-    }
-    lua_getfield(L, -1, "traceback");
-    if (!lua_isfunction(L, -1))
-    {
-        lua_pop(L, 2);
-        lua_pushvalue(L, 1);
-        return 1;
-    }
+    if (lua_istable(L, -1)) lua_getfield(L, -1, "traceback");
     lua_pushvalue(L, 1);
+    if (!lua_isfunction(L, -2)) return 1; // no debug.traceback: the message goes on as it is
     lua_pushinteger(L, 2);
     lua_call(L, 2, 1);
     return 1;
@@ -66,7 +53,7 @@ void SetArguments(lua_State *state, char **arguments)
 {
     lua_newtable(state);
     lua_Integer counter = 1;
-    for (char **argument = arguments; *argument != nullptr; ++argument)
+    for (char **argument = arguments; argument != nullptr && *argument != nullptr; ++argument)
     {
         char *equals = strchr(*argument, '=');
         if (equals != nullptr)
