@@ -6,6 +6,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 
 #include "values/Export.h"
@@ -146,6 +147,11 @@ inline void SafeRecycle(const RefObject *object)
 
 ORVEX_API unsigned long GetInitUseCount();
 ORVEX_API void SetInitUseCount(unsigned long count);
+// Does nothing; it stands in the interface for hosts that call it.
 ORVEX_API void _RemoveScriptObject(void *object, TagList *tags);
+
+// The crash dump registers the function that adds a block of memory to the dump; until then
+// ScriptObject::DoDumpMem adds nothing. Null unregisters.
+ORVEX_API void SetIncludeMemoryHook(void (*hook)(const void *address, size_t size));
 
 } // namespace orvexScript
