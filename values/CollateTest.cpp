@@ -61,7 +61,9 @@ TEST(SmartCollation, SortsFileSequencesNaturally)
 {
     std::vector<std::string> names = {"shot10.exr", "Shot2.exr", "shot1.exr", "shot100.exr", "shot009.exr"};
     std::sort(names.begin(), names.end(),
-              [](const std::string &a, const std::string &b) { return stricoll_smart(a.c_str(), b.c_str()) < 0; });
-    std::vector<std::string> expected = {"shot1.exr", "Shot2.exr", "shot009.exr", "shot10.exr", "shot100.exr"};
+              [](const std::string &a, const std::string &b)
+              { return stricoll_smart(a.c_str(), b.c_str()) < 0; });
+    std::vector<std::string> expected = {"shot1.exr", "Shot2.exr", "shot009.exr", "shot10.exr",
+                                         "shot100.exr"};
     EXPECT_EQ(names, expected);
 }

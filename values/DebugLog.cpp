@@ -21,8 +21,7 @@ DebugLog::DebugLog(const char *envName, const char *baseName, bool defaultOn)
 {
     snprintf(m_FileName, sizeof(m_FileName), "%s_%d.log", baseName ? baseName : "",
              static_cast<int>(UtilSys::ProcessId()));
-    if (IsSwitchedOn(m_EnvName, m_Default) && OpenStream())
-        WriteHeader();
+    if (IsSwitchedOn(m_EnvName, m_Default) && OpenStream()) WriteHeader();
 }
 
 DebugLog::~DebugLog()
@@ -33,16 +32,13 @@ DebugLog::~DebugLog()
 bool DebugLog::IsSwitchedOn(const char *envName, bool defaultOn)
 {
     const char *value = envName ? getenv(envName) : nullptr;
-    if (!value)
-        return defaultOn;
+    if (!value) return defaultOn;
     static const char kTrue[] = "true";
     for (int i = 0; i < 5; ++i)
     {
         char c = value[i];
-        if (c >= 'A' && c <= 'Z')
-            c = static_cast<char>(c + 32);
-        if (c != kTrue[i])
-            return false;
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c + 32);
+        if (c != kTrue[i]) return false;
     }
     return true;
 }
@@ -55,8 +51,7 @@ int DebugLog::FormatPrefix(char *out, size_t size, uint32_t tickMs, uint32_t thr
 bool DebugLog::OpenStream()
 {
     m_Lock.ObtainLock();
-    if (!m_Stream)
-        m_Stream = fopen(m_FileName, kAppendMode);
+    if (!m_Stream) m_Stream = fopen(m_FileName, kAppendMode);
     bool open = m_Stream != nullptr;
     m_Lock.ReleaseLock();
     return open;
@@ -66,9 +61,10 @@ void DebugLog::WriteHeader()
 {
     char when[80] = {};
     time_t now = time(nullptr);
-    struct tm local{};
-    if (localtime_r(&now, &local))
-        strftime(when, sizeof(when), "%d/%b/%y %H:%M:%S", &local);
+    struct tm local
+    {
+    };
+    if (localtime_r(&now, &local)) strftime(when, sizeof(when), "%d/%b/%y %H:%M:%S", &local);
     std::string commandLine = UtilSys::CommandLine();
     m_Lock.ObtainLock();
     if (m_Stream)
@@ -81,23 +77,20 @@ void DebugLog::WriteHeader()
 
 void DebugLog::Open()
 {
-    if (IsSwitchedOn(m_EnvName, m_Default))
-        OpenStream();
+    if (IsSwitchedOn(m_EnvName, m_Default)) OpenStream();
 }
 
 void DebugLog::Close()
 {
     m_Lock.ObtainLock();
-    if (m_Stream)
-        fclose(m_Stream);
+    if (m_Stream) fclose(m_Stream);
     m_Stream = nullptr;
     m_Lock.ReleaseLock();
 }
 
 void DebugLog::PrintF(const char *format, ...)
 {
-    if (!format)
-        return;
+    if (!format) return;
     m_Lock.ObtainLock();
     if (m_Stream)
     {

@@ -183,10 +183,12 @@ TEST(DebugLogFile, EntriesFromSeveralThreadsStayWhole)
         fileName = log.FileName();
         std::vector<std::thread> threads;
         for (int t = 0; t < kThreads; ++t)
-            threads.emplace_back([&log, t] {
-                for (int i = 0; i < kEntries; ++i)
-                    log.PrintF("thread %d entry %d of a line long enough to interleave\n", t, i);
-            });
+            threads.emplace_back(
+                [&log, t]
+                {
+                    for (int i = 0; i < kEntries; ++i)
+                        log.PrintF("thread %d entry %d of a line long enough to interleave\n", t, i);
+                });
         for (std::thread &thread : threads)
             thread.join();
     }

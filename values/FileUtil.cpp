@@ -17,14 +17,11 @@ bool FileExists(const char *path, TagList *)
 
 uint64_t FileGetSize(const char *path, TagList *)
 {
-    if (!path)
-        return 0;
+    if (!path) return 0;
     FILE *stream = fopen(path, "rb");
-    if (!stream)
-        return 0;
+    if (!stream) return 0;
     uint64_t size = 0;
-    if (!UtilSys::StreamFileSize(stream, size))
-        size = 0;
+    if (!UtilSys::StreamFileSize(stream, size)) size = 0;
     fclose(stream);
     return size;
 }
@@ -36,8 +33,7 @@ static size_t ReadUpTo(FILE *stream, char *block, uint64_t size)
     while (done < size)
     {
         size_t got = fread(block + done, 1, static_cast<size_t>(size - done), stream);
-        if (got == 0)
-            break;
+        if (got == 0) break;
         done += got;
     }
     return done;
@@ -45,12 +41,10 @@ static size_t ReadUpTo(FILE *stream, char *block, uint64_t size)
 
 char *FileLoadText(const char *path, TagList *)
 {
-    if (!path)
-        return nullptr;
+    if (!path) return nullptr;
     // Text mode, measured on the open file; on this system no line ends are translated.
     FILE *stream = fopen(path, "r");
-    if (!stream)
-        return nullptr;
+    if (!stream) return nullptr;
     uint64_t size = 0;
     char *block = nullptr;
     if (UtilSys::StreamFileSize(stream, size) && size > 0 && size < SIZE_MAX)
@@ -73,12 +67,9 @@ char *FileLoadText(const char *path, TagList *)
 
 bool FileSaveText(const char *path, const char *text, uint64_t length, TagList *)
 {
-    if (!path || !text)
-        return false;
-    if (length == 0)
-        length = strlen(text);
-    if (length == 0 || length > SIZE_MAX)
-        return false;
+    if (!path || !text) return false;
+    if (length == 0) length = strlen(text);
+    if (length == 0 || length > SIZE_MAX) return false;
     return UtilSys::ReplaceFile(path, text, static_cast<size_t>(length));
 }
 

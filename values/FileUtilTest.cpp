@@ -93,8 +93,7 @@ TEST(FileLoadText, GivesNullForAnUnreadableFile)
 {
     orvexTest::TempDir dir;
     std::string file = dir.Write("secret", "content");
-    if (!MakeUnreadable(file))
-        GTEST_SKIP() << "permissions don't bind this user";
+    if (!MakeUnreadable(file)) GTEST_SKIP() << "permissions don't bind this user";
     EXPECT_FALSE(Load(file));
     EXPECT_EQ(FileGetSize(file.c_str()), 0u);
     EXPECT_TRUE(FileExists(file.c_str())); // it can still be examined
@@ -154,8 +153,7 @@ TEST(FileSaveText, ReadOnlyFolderLeavesTheOldFile)
     fs::permissions(dir.File("ro"), fs::perms::owner_read | fs::perms::owner_exec);
     bool bound = !FileSaveText(file.c_str(), "new");
     fs::permissions(dir.File("ro"), fs::perms::owner_all);
-    if (!bound)
-        GTEST_SKIP() << "permissions don't bind this user";
+    if (!bound) GTEST_SKIP() << "permissions don't bind this user";
     EXPECT_EQ(orvexTest::ReadFile(file), "old");
     EXPECT_EQ(EntryCount(dir.File("ro")), 1u);
 }

@@ -14,16 +14,14 @@ uint32_t GetHashValue(const char *text, TagList *)
 
 uint32_t GetHashValue(const char *text, int length, TagList *)
 {
-    if (!text || length <= 0)
-        return 0;
+    if (!text || length <= 0) return 0;
     return StringHash(text, static_cast<size_t>(length));
 }
 
 uint32_t gethash(const char *text)
 {
     uint32_t h = 0;
-    if (!text)
-        return 0;
+    if (!text) return 0;
     for (uint32_t i = 0; text[i]; ++i)
     {
         // The byte as a signed 8-bit value, widened with its sign.

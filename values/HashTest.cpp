@@ -14,8 +14,7 @@ static uint32_t ReferenceHash(const std::string &bytes, bool folded)
     for (size_t i = 0; i < bytes.size(); ++i)
     {
         signed char byte = static_cast<signed char>(bytes[i]);
-        if (folded && byte >= 'A' && byte <= 'Z')
-            byte = static_cast<signed char>(byte + 32);
+        if (folded && byte >= 'A' && byte <= 'Z') byte = static_cast<signed char>(byte + 32);
         uint32_t c = static_cast<uint32_t>(static_cast<int32_t>(byte));
         bool shortStep = folded ? (i % 2 == 0) : (i % 2 == 1);
         h = shortStep ? h ^ (h << 7) ^ c ^ (h >> 3) : h ^ ~((h << 11) ^ c ^ (h >> 5));

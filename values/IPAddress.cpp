@@ -16,30 +16,24 @@ namespace orvexScript
 static bool CouldBeHostName(const char *text)
 {
     size_t length = strlen(text);
-    if (length == 0 || length > 253)
-        return false;
+    if (length == 0 || length > 253) return false;
     for (const char *p = text; *p; ++p)
-        if (static_cast<unsigned char>(*p) <= ' ' || *p == 0x7F)
-            return false;
+        if (static_cast<unsigned char>(*p) <= ' ' || *p == 0x7F) return false;
     return true;
 }
 
 uint32_t IPFromStr(const char *text, TagList *)
 {
-    if (!text)
-        return kNoIPAddress;
+    if (!text) return kNoIPAddress;
     uint32_t ip = 0;
-    if (UtilSys::ParseIPv4(text, ip))
-        return ip;
-    if (CouldBeHostName(text) && UtilSys::ResolveIPv4(text, ip))
-        return ip;
+    if (UtilSys::ParseIPv4(text, ip)) return ip;
+    if (CouldBeHostName(text) && UtilSys::ResolveIPv4(text, ip)) return ip;
     return kNoIPAddress;
 }
 
 void StrFromIP(uint32_t ip, char *out, int size, TagList *)
 {
-    if (!out || size < 1)
-        return;
+    if (!out || size < 1) return;
     snprintf(out, static_cast<size_t>(size), "%u.%u.%u.%u", ip & 0xFF, (ip >> 8) & 0xFF, (ip >> 16) & 0xFF,
              ip >> 24);
     out[size - 1] = '\0';
@@ -47,17 +41,13 @@ void StrFromIP(uint32_t ip, char *out, int size, TagList *)
 
 bool IsLocalIP(const char *text, TagList *)
 {
-    if (!text)
-        return false;
-    if (strcmp(text, "127.0.0.1") == 0)
-        return true;
+    if (!text) return false;
+    if (strcmp(text, "127.0.0.1") == 0) return true;
     uint32_t ip = 0;
-    if (!UtilSys::ParseIPv4(text, ip))
-        return false;
+    if (!UtilSys::ParseIPv4(text, ip)) return false;
     std::vector<uint32_t> mine;
     UtilSys::InterfaceAddresses(mine);
-    if (std::find(mine.begin(), mine.end(), ip) != mine.end())
-        return true;
+    if (std::find(mine.begin(), mine.end(), ip) != mine.end()) return true;
     mine.clear();
     return UtilSys::HostNameAddresses(mine) && std::find(mine.begin(), mine.end(), ip) != mine.end();
 }

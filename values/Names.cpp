@@ -10,8 +10,8 @@ namespace orvexScript
 
 // Lua's keywords and the host's own reserved word, in their fixed order.
 static const char *const kReservedWords[] = {
-    "and", "break", "do",     "else",   "elseif", "end",   "false", "for",  "function", "if",    "in",
-    "local", "nil", "not",    "or",     "repeat", "return", "then", "true", "until",    "while", "render",
+    "and",   "break", "do",  "else", "elseif", "end",    "false", "for",  "function", "if",    "in",
+    "local", "nil",   "not", "or",   "repeat", "return", "then",  "true", "until",    "while", "render",
 };
 
 // Equal ignoring ASCII case only, whatever the process locale says about other letters.
@@ -19,22 +19,19 @@ static bool EqualsAsciiFolded(const char *a, const char *b)
 {
     auto fold = [](unsigned char c) { return c >= 'A' && c <= 'Z' ? c + 32 : c; };
     for (; *a && *b; ++a, ++b)
-        if (fold(static_cast<unsigned char>(*a)) != fold(static_cast<unsigned char>(*b)))
-            return false;
+        if (fold(static_cast<unsigned char>(*a)) != fold(static_cast<unsigned char>(*b))) return false;
     return *a == *b;
 }
 
 bool CompareName(const char *a, const char *b, TagList *)
 {
-    if (!a || !b)
-        return a == b;
+    if (!a || !b) return a == b;
     return strcmp(a, b) == 0;
 }
 
 void StripName(char *out, const char *in, TagList *)
 {
-    if (!out)
-        return;
+    if (!out) return;
     char *end = out;
     if (in)
     {
@@ -59,11 +56,9 @@ void StripName(char *out, const char *in, TagList *)
 
 bool IsValidName(const char *name, TagList *)
 {
-    if (!name)
-        return false;
+    if (!name) return false;
     for (const char *word : kReservedWords)
-        if (EqualsAsciiFolded(name, word))
-            return false;
+        if (EqualsAsciiFolded(name, word)) return false;
     return true;
 }
 

@@ -25,9 +25,9 @@ TEST(CompareName, CaseCountsAndNullsOnlyMatchNulls)
 
 TEST(IsValidName, ReservedWordsAreRejectedInAnyCase)
 {
-    const char *reserved[] = {"and", "break", "do", "else", "elseif", "end", "false", "for",
-                              "function", "if", "in", "local", "nil", "not", "or", "repeat",
-                              "return", "then", "true", "until", "while", "render"};
+    const char *reserved[] = {"and",      "break", "do",   "else",  "elseif", "end",   "false", "for",
+                              "function", "if",    "in",   "local", "nil",    "not",   "or",    "repeat",
+                              "return",   "then",  "true", "until", "while",  "render"};
     for (const char *word : reserved)
     {
         std::string upper(word);
@@ -44,9 +44,9 @@ TEST(IsValidName, TestsNothingButTheReservedWords)
 {
     EXPECT_TRUE(IsValidName("2 things"));
     EXPECT_TRUE(IsValidName(""));
-    EXPECT_TRUE(IsValidName("ends"));    // a reserved word as a prefix
+    EXPECT_TRUE(IsValidName("ends")); // a reserved word as a prefix
     EXPECT_TRUE(IsValidName("renderer"));
-    EXPECT_TRUE(IsValidName("en"));      // a prefix of a reserved word
+    EXPECT_TRUE(IsValidName("en")); // a prefix of a reserved word
 }
 
 TEST(StripName, KeepsLettersUnderscoresAndDigitsAfterTheFirstKept)
@@ -61,10 +61,18 @@ TEST(StripName, KeepsLettersUnderscoresAndDigitsAfterTheFirstKept)
 
 TEST(StripName, KeepsLettersOfAnyScriptAndDropsBrokenBytes)
 {
-    EXPECT_EQ(Strip("Gr\xC3\xB6\xC3\x9F" "e 1"), "Gr\xC3\xB6\xC3\x9F" "e1");     // German letters
+    EXPECT_EQ(Strip("Gr\xC3\xB6\xC3\x9F"
+                    "e 1"),
+              "Gr\xC3\xB6\xC3\x9F"
+              "e1");                                                           // German letters
     EXPECT_EQ(Strip("1\xE6\x97\xA5\xE6\x9C\xAC"), "\xE6\x97\xA5\xE6\x9C\xAC"); // CJK after a digit
-    EXPECT_EQ(Strip("\xE2\x82\xAC" "x"), "x");                                // the euro sign is no letter
-    EXPECT_EQ(Strip("a\xC3" "b\xFF" "c\xC0\xAF"), "abc");                     // cut, invalid, overlong
+    EXPECT_EQ(Strip("\xE2\x82\xAC"
+                    "x"),
+              "x"); // the euro sign is no letter
+    EXPECT_EQ(Strip("a\xC3"
+                    "b\xFF"
+                    "c\xC0\xAF"),
+              "abc"); // cut, invalid, overlong
 }
 
 TEST(StripName, LongNamesNeedNoSpecialCase)

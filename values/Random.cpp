@@ -8,8 +8,8 @@ namespace orvexScript
 {
 
 // The scale factors by their bit patterns, so that results match to the last bit.
-static constexpr double kInv32 = std::bit_cast<double>(0x3DF0000000100000ull); // 1 / 4294967295
-static constexpr double kInv28 = std::bit_cast<double>(0x3E30000001000000ull); // 1 / 268435455
+static constexpr double kInv32 = std::bit_cast<double>(0x3DF0000000100000ull);    // 1 / 4294967295
+static constexpr double kInv28 = std::bit_cast<double>(0x3E30000001000000ull);    // 1 / 268435455
 static constexpr double kTwoPow28 = std::bit_cast<double>(0x3E30000000000000ull); // 2^-28
 
 static thread_local Random *t_ThreadRNG = nullptr;

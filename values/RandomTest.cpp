@@ -124,11 +124,13 @@ TEST(ThreadRNG, EachThreadSeesOnlyItsOwnGenerator)
     MersenneTwister a, b;
     Random *seenA = nullptr, *seenB = nullptr, *seenFresh = &a;
     Random::SetThreadRNG(&a);
-    std::thread second([&] {
-        seenFresh = Random::GetThreadRNG();
-        Random::SetThreadRNG(&b);
-        seenB = Random::GetThreadRNG();
-    });
+    std::thread second(
+        [&]
+        {
+            seenFresh = Random::GetThreadRNG();
+            Random::SetThreadRNG(&b);
+            seenB = Random::GetThreadRNG();
+        });
     second.join();
     seenA = Random::GetThreadRNG();
     EXPECT_EQ(seenA, &a);

@@ -34,8 +34,7 @@ size_t DecodeUtf8(const char *p, wchar_t &ch)
     uint32_t cp = 0, least = 0;
     int more = 0;
     ch = kBadChar;
-    if (!ReadLead(static_cast<unsigned char>(p[0]), cp, more, least))
-        return 1;
+    if (!ReadLead(static_cast<unsigned char>(p[0]), cp, more, least)) return 1;
     for (int i = 1; i <= more; ++i)
     {
         unsigned char next = static_cast<unsigned char>(p[i]);
@@ -44,8 +43,7 @@ size_t DecodeUtf8(const char *p, wchar_t &ch)
         cp = (cp << 6) | (next & 0x3F);
     }
     // Overlong forms, surrogates and values past Unicode are not characters.
-    if (cp < least || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF))
-        return 1;
+    if (cp < least || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return 1;
     ch = static_cast<wchar_t>(cp);
     return static_cast<size_t>(more) + 1;
 }
@@ -83,12 +81,11 @@ static locale_t ClassLocale()
 // otherwise C.UTF-8, which orders by code point.
 static locale_t CollateLocale()
 {
-    static locale_t locale = [] {
+    static locale_t locale = []
+    {
         locale_t user = newlocale(LC_COLLATE_MASK | LC_CTYPE_MASK, "", nullptr);
-        if (user && IsUtf8Locale(user))
-            return user;
-        if (user)
-            freelocale(user);
+        if (user && IsUtf8Locale(user)) return user;
+        if (user) freelocale(user);
         return ClassLocale();
     }();
     return locale;
@@ -114,8 +111,7 @@ int CollateFolded(const wchar_t *a, const wchar_t *b)
 {
     std::wstring left = Folded(a), right = Folded(b);
     locale_t locale = CollateLocale();
-    if (!locale)
-        return wcscmp(left.c_str(), right.c_str());
+    if (!locale) return wcscmp(left.c_str(), right.c_str());
     return wcscoll_l(left.c_str(), right.c_str(), locale);
 }
 

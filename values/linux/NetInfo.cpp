@@ -17,8 +17,7 @@ namespace orvexScript::UtilSys
 bool ParseIPv4(const char *text, uint32_t &ip)
 {
     in_addr addr{};
-    if (!text || inet_aton(text, &addr) == 0)
-        return false;
+    if (!text || inet_aton(text, &addr) == 0) return false;
     ip = addr.s_addr;
     return true;
 }
@@ -30,15 +29,12 @@ template <typename Take> static bool ForEachHostAddress(const char *host, Take t
     hints.ai_family = AF_INET;
     hints.ai_socktype = SOCK_STREAM; // one entry per address instead of one per socket type
     addrinfo *list = nullptr;
-    if (getaddrinfo(host, nullptr, &hints, &list) != 0)
-        return false;
+    if (getaddrinfo(host, nullptr, &hints, &list) != 0) return false;
     for (addrinfo *entry = list; entry; entry = entry->ai_next)
     {
-        if (entry->ai_family != AF_INET || entry->ai_addrlen < sizeof(sockaddr_in))
-            continue;
+        if (entry->ai_family != AF_INET || entry->ai_addrlen < sizeof(sockaddr_in)) continue;
         uint32_t ip = reinterpret_cast<const sockaddr_in *>(entry->ai_addr)->sin_addr.s_addr;
-        if (!take(ip))
-            break;
+        if (!take(ip)) break;
     }
     freeaddrinfo(list);
     return true;
@@ -47,30 +43,32 @@ template <typename Take> static bool ForEachHostAddress(const char *host, Take t
 bool ResolveIPv4(const char *host, uint32_t &ip)
 {
     bool found = false;
-    ForEachHostAddress(host, [&](uint32_t each) {
-        ip = each;
-        found = true;
-        return false;
-    });
+    ForEachHostAddress(host,
+                       [&](uint32_t each)
+                       {
+                           ip = each;
+                           found = true;
+                           return false;
+                       });
     return found;
 }
 
 bool HostNameAddresses(std::vector<uint32_t> &ips)
 {
     char name[256] = {};
-    if (gethostname(name, sizeof(name) - 1) != 0)
-        return false;
-    return ForEachHostAddress(name, [&](uint32_t each) {
-        ips.push_back(each);
-        return true;
-    });
+    if (gethostname(name, sizeof(name) - 1) != 0) return false;
+    return ForEachHostAddress(name,
+                              [&](uint32_t each)
+                              {
+                                  ips.push_back(each);
+                                  return true;
+                              });
 }
 
 void InterfaceAddresses(std::vector<uint32_t> &ips)
 {
     ifaddrs *list = nullptr;
-    if (getifaddrs(&list) != 0)
-        return;
+    if (getifaddrs(&list) != 0) return;
     for (ifaddrs *entry = list; entry; entry = entry->ifa_next)
     {
         if (entry->ifa_addr && entry->ifa_addr->sa_family == AF_INET)

@@ -22,8 +22,7 @@ std::string CommandLine()
     while (!raw.empty() && raw.back() == '\0')
         raw.pop_back();
     for (char &c : raw)
-        if (c == '\0')
-            c = ' ';
+        if (c == '\0') c = ' ';
     return raw;
 }
 

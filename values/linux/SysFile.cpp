@@ -16,17 +16,19 @@ namespace orvexScript::UtilSys
 
 PathKind StatPath(const char *path)
 {
-    struct stat info{};
-    if (!path || stat(path, &info) != 0)
-        return PathKind::Missing;
+    struct stat info
+    {
+    };
+    if (!path || stat(path, &info) != 0) return PathKind::Missing;
     return S_ISREG(info.st_mode) ? PathKind::Regular : PathKind::Other;
 }
 
 bool StreamFileSize(FILE *stream, uint64_t &size)
 {
-    struct stat info{};
-    if (!stream || fstat(fileno(stream), &info) != 0 || !S_ISREG(info.st_mode))
-        return false;
+    struct stat info
+    {
+    };
+    if (!stream || fstat(fileno(stream), &info) != 0 || !S_ISREG(info.st_mode)) return false;
     size = static_cast<uint64_t>(info.st_size);
     return true;
 }
@@ -35,7 +37,9 @@ bool StreamFileSize(FILE *stream, uint64_t &size)
 // the rename replaces the target and not the link.
 static std::string RealTarget(const char *path)
 {
-    struct stat info{};
+    struct stat info
+    {
+    };
     if (lstat(path, &info) == 0 && S_ISLNK(info.st_mode))
     {
         if (char *real = realpath(path, nullptr))
@@ -51,8 +55,7 @@ static std::string RealTarget(const char *path)
 static std::string FolderOf(const std::string &path)
 {
     size_t slash = path.rfind('/');
-    if (slash == std::string::npos)
-        return ".";
+    if (slash == std::string::npos) return ".";
     return slash == 0 ? "/" : path.substr(0, slash);
 }
 
@@ -63,8 +66,7 @@ static int CreateTempFile(const std::string &folder, std::string &tempPath)
     for (int attempt = 0; attempt < 16; ++attempt)
     {
         unsigned char noise[8];
-        if (!RandomBytes(noise, sizeof(noise)))
-            return -1;
+        if (!RandomBytes(noise, sizeof(noise))) return -1;
         std::string name = folder + "/.orvex-";
         for (unsigned char byte : noise)
         {
@@ -79,8 +81,7 @@ static int CreateTempFile(const std::string &folder, std::string &tempPath)
             tempPath = name;
             return fd;
         }
-        if (errno != EEXIST)
-            return -1;
+        if (errno != EEXIST) return -1;
     }
     return -1;
 }
@@ -93,8 +94,7 @@ static bool WriteAll(int fd, const void *data, size_t size)
         ssize_t written = write(fd, bytes, size);
         if (written < 0)
         {
-            if (errno == EINTR)
-                continue;
+            if (errno == EINTR) continue;
             return false;
         }
         bytes += written;
@@ -105,24 +105,22 @@ static bool WriteAll(int fd, const void *data, size_t size)
 
 bool ReplaceFile(const char *path, const void *data, size_t size)
 {
-    if (!path || !*path)
-        return false;
+    if (!path || !*path) return false;
     std::string target = RealTarget(path);
     std::string tempPath;
     int fd = CreateTempFile(FolderOf(target), tempPath);
-    if (fd < 0)
-        return false;
+    if (fd < 0) return false;
 
     // A file that is replaced keeps its permission bits, as it would when overwritten in place.
-    struct stat old{};
-    if (stat(target.c_str(), &old) == 0 && S_ISREG(old.st_mode))
-        (void)fchmod(fd, old.st_mode & 07777);
+    struct stat old
+    {
+    };
+    if (stat(target.c_str(), &old) == 0 && S_ISREG(old.st_mode)) (void)fchmod(fd, old.st_mode & 07777);
 
     bool ok = WriteAll(fd, data, size) && fsync(fd) == 0;
     ok = (close(fd) == 0) && ok;
     ok = ok && rename(tempPath.c_str(), target.c_str()) == 0;
-    if (!ok)
-        unlink(tempPath.c_str());
+    if (!ok) unlink(tempPath.c_str());
     return ok;
 }
 

@@ -18,8 +18,7 @@ bool RandomBytes(void *out, size_t size)
         ssize_t got = getrandom(bytes + done, size - done, 0);
         if (got < 0)
         {
-            if (errno == EINTR)
-                continue;
+            if (errno == EINTR) continue;
             return false;
         }
         done += static_cast<size_t>(got);
