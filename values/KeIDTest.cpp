@@ -42,7 +42,8 @@ TEST(KeID, CopiesShareBlocksAndPlainTextsStayPlain)
         KeID shared(copied);
         KeID assigned;
         assigned = shared;
-        assigned = assigned;
+        const KeID &alias = assigned;
+        assigned = alias;
         EXPECT_EQ(StringBlockCount(copied.Raw()), 3);
         ScriptVal v(shared);
         EXPECT_EQ(v.m_Value.m_String.m_String, copied.Raw());
