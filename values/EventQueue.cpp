@@ -26,8 +26,7 @@ QueueNode *EventQueue::Get()
 {
     ObtainLock();
     QueueNode *node = Next(nullptr);
-    if (node)
-        Remove(node);
+    if (node) Remove(node);
     ReleaseLock();
     return node;
 }

@@ -69,8 +69,7 @@ uint32_t Enter(uint32_t &owner)
     for (;;)
     {
         uint32_t old = Exchange(owner, Busy);
-        if (old != Busy)
-            return old;
+        if (old != Busy) return old;
         Platform::SleepMs(1);
     }
 }

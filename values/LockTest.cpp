@@ -27,8 +27,7 @@ template <class F> bool WaitUntil(F done, int limitMs = 5000)
     const auto deadline = Clock::now() + std::chrono::milliseconds(limitMs);
     while (!done())
     {
-        if (Clock::now() > deadline)
-            return false;
+        if (Clock::now() > deadline) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
@@ -40,11 +39,13 @@ template <class L> void ExpectRecursiveExclusion(L &lock)
     lock.ObtainLock();
     lock.ObtainLock();
     std::atomic<bool> taken{false};
-    std::thread other([&] {
-        lock.ObtainLock();
-        taken = true;
-        lock.ReleaseLock();
-    });
+    std::thread other(
+        [&]
+        {
+            lock.ObtainLock();
+            taken = true;
+            lock.ReleaseLock();
+        });
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_FALSE(taken);
     lock.ReleaseLock();
@@ -61,18 +62,20 @@ template <class L> void ExpectNoLostUpdates(L &lock, int threads, int rounds)
     long counter = 0;
     std::vector<std::thread> workers;
     for (int t = 0; t < threads; ++t)
-        workers.emplace_back([&] {
-            for (int i = 0; i < rounds; ++i)
+        workers.emplace_back(
+            [&]
             {
-                lock.ObtainLock();
-                lock.ObtainLock();
-                long seen = counter;
-                std::this_thread::yield();
-                counter = seen + 1;
-                lock.ReleaseLock();
-                lock.ReleaseLock();
-            }
-        });
+                for (int i = 0; i < rounds; ++i)
+                {
+                    lock.ObtainLock();
+                    lock.ObtainLock();
+                    long seen = counter;
+                    std::this_thread::yield();
+                    counter = seen + 1;
+                    lock.ReleaseLock();
+                    lock.ReleaseLock();
+                }
+            });
     for (auto &worker : workers)
         worker.join();
     EXPECT_EQ(counter, static_cast<long>(threads) * rounds);
@@ -147,9 +150,9 @@ TEST(Event, SignalWakesExactlyOneOfTwoWaiters)
 {
     Event event;
     std::atomic<int> woken{0};
-    auto waiter = [&] {
-        if (event.Wait(5000))
-            ++woken;
+    auto waiter = [&]
+    {
+        if (event.Wait(5000)) ++woken;
     };
     std::thread a(waiter), b(waiter);
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -166,10 +169,12 @@ TEST(Event, SignalWakesExactlyOneOfTwoWaiters)
 TEST(Event, UnlimitedWaitEndsOnSignalFromAnotherThread)
 {
     Event event;
-    std::thread signaller([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        event.Signal();
-    });
+    std::thread signaller(
+        [&]
+        {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            event.Signal();
+        });
     EXPECT_TRUE(event.Wait(Event::NoTimeout));
     signaller.join();
 }
@@ -220,10 +225,12 @@ TEST(EventQueue, ManyProducersOneConsumerLoseNothing)
     EventQueue queue;
     std::vector<std::thread> threads;
     for (int p = 0; p < producers; ++p)
-        threads.emplace_back([&, p] {
-            for (int i = 0; i < perProducer; ++i)
-                queue.Put(new CountedNode(static_cast<unsigned long>(p * perProducer + i), destroyed));
-        });
+        threads.emplace_back(
+            [&, p]
+            {
+                for (int i = 0; i < perProducer; ++i)
+                    queue.Put(new CountedNode(static_cast<unsigned long>(p * perProducer + i), destroyed));
+            });
 
     std::vector<int> lastSeen(producers, -1);
     bool ordered = true;

@@ -50,8 +50,7 @@ void MinList::Clear(bool destroy)
     {
         MinNode *node = m_Head.m_Next;
         Remove(node);
-        if (destroy)
-            delete node;
+        if (destroy) delete node;
     }
 }
 

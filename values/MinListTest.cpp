@@ -15,13 +15,13 @@ namespace
 
 struct Named : MinNode
 {
-    explicit Named(std::string name, int *destroyed = nullptr) : m_Name(std::move(name)), m_Destroyed(destroyed)
+    explicit Named(std::string name, int *destroyed = nullptr)
+        : m_Name(std::move(name)), m_Destroyed(destroyed)
     {
     }
     ~Named() override
     {
-        if (m_Destroyed)
-            ++*m_Destroyed;
+        if (m_Destroyed) ++*m_Destroyed;
     }
     std::string m_Name;
     int *m_Destroyed;

@@ -30,8 +30,7 @@ public:
     explicit Attributed(int *destroyed = nullptr) : m_Destroyed(destroyed) {}
     ~Attributed() override
     {
-        if (m_Destroyed)
-            ++*m_Destroyed;
+        if (m_Destroyed) ++*m_Destroyed;
     }
     bool SetAttrsTagList(const TagList &tags) override
     {

@@ -33,8 +33,7 @@ LuaClass::~LuaClass() = default;
 
 int LuaClass::lw_push(lua_State *state)
 {
-    if (!state)
-        return 0;
+    if (!state) return 0;
     lua_pushnil(state);
     return 1;
 }
@@ -44,8 +43,7 @@ __attribute__((no_sanitize("undefined"))) int LuaClass::lw_safe_push(lua_State *
     // Small integers and null arrive here as "objects" from loosely typed callers.
     if (AddressOf(this) < 0x10001)
     {
-        if (!state)
-            return 0;
+        if (!state) return 0;
         lua_pushnil(state);
         return 1;
     }
@@ -59,17 +57,14 @@ bool ScriptObject::_Do(unsigned long, ScriptVal &)
     return false;
 }
 
-void ScriptObject::GetObjectInfo(const ScriptVal &, ScriptVal &)
-{
-}
+void ScriptObject::GetObjectInfo(const ScriptVal &, ScriptVal &) {}
 
 bool ScriptObject::DoInfo(const ScriptVal &query, ScriptVal &result, const KeID &name)
 {
     if (query.IsNil())
     {
         // The caller lists what the object could tell: note the name, gather no value.
-        if (!result.IsTable())
-            result = SV_Table;
+        if (!result.IsTable()) result = SV_Table;
         result[name] = true;
         return false;
     }
@@ -78,17 +73,14 @@ bool ScriptObject::DoInfo(const ScriptVal &query, ScriptVal &result, const KeID 
         const char *text = query.ToString("");
         return std::strcmp(text, "*") == 0 || query == name;
     }
-    if (query.IsTable())
-        return query[name].ToBoolean(false);
+    if (query.IsTable()) return query[name].ToBoolean(false);
     return false;
 }
 
 void ScriptObject::DoDumpMem(unsigned long flags)
 {
-    if (flags & 1)
-        return;
-    if (auto include = s_IncludeMemory.load())
-        include(this, SizeOf());
+    if (flags & 1) return;
+    if (auto include = s_IncludeMemory.load()) include(this, SizeOf());
 }
 
 unsigned long ScriptObject::SizeOf() const
@@ -121,15 +113,15 @@ bool ScriptObject::RemoveNotify(unsigned long long, TagList *)
     return false;
 }
 
-bool ScriptObject::Notify(unsigned long long, ScriptObject *, KeID, unsigned long long, ScriptVal *, TagList *)
+bool ScriptObject::Notify(unsigned long long, ScriptObject *, KeID, unsigned long long, ScriptVal *,
+                          TagList *)
 {
     return false;
 }
 
 __attribute__((no_sanitize("undefined"))) void ScriptObject::DumpMem(unsigned long flags)
 {
-    if (AddressOf(this) == 0 || (m_SOFlags & SOF_Dumped))
-        return;
+    if (AddressOf(this) == 0 || (m_SOFlags & SOF_Dumped)) return;
     m_SOFlags |= SOF_Dumped;
     // Linux has no structured exception guard here: a fault in one object's dump reaches the crash
     // handler's own signal handling.
@@ -138,9 +130,7 @@ __attribute__((no_sanitize("undefined"))) void ScriptObject::DumpMem(unsigned lo
 
 // ---- RefObject ------------------------------------------------------------------------------------
 
-RefObject::RefObject() : m_UseCount(static_cast<int32_t>(GetInitUseCount()))
-{
-}
+RefObject::RefObject() : m_UseCount(static_cast<int32_t>(GetInitUseCount())) {}
 
 RefObject::RefObject(const RefObject &other)
     : _Object(other), m_UseCount(static_cast<int32_t>(GetInitUseCount()))
@@ -151,10 +141,8 @@ RefObject::~RefObject() = default;
 
 void RefObject::GetObjectInfo(const ScriptVal &query, ScriptVal &result)
 {
-    if (!DoInfo(query, result, KeID("UseCount", false)))
-        return;
-    if (!result.IsTable())
-        result = SV_Table;
+    if (!DoInfo(query, result, KeID("UseCount", false))) return;
+    if (!result.IsTable()) result = SV_Table;
     result["UseCount"] = GetUseCount();
 }
 
@@ -165,8 +153,7 @@ void RefObject::Use() const
 
 void RefObject::Recycle() const
 {
-    if (m_UseCount.fetch_sub(1, std::memory_order_acq_rel) == 1)
-        delete this;
+    if (m_UseCount.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
 }
 
 bool RefObject::DoTagList(unsigned long, TagList &)
@@ -201,9 +188,7 @@ void SetInitUseCount(unsigned long count)
     s_InitUseCount.store(count);
 }
 
-void _RemoveScriptObject(void *, TagList *)
-{
-}
+void _RemoveScriptObject(void *, TagList *) {}
 
 void SetIncludeMemoryHook(void (*hook)(const void *, size_t))
 {

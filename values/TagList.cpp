@@ -39,14 +39,11 @@ bool IsPointerType(Tag type)
 
 // ---- construction ---------------------------------------------------------------------------------
 
-TagList::TagList() : m_Tags(s_EmptyWord)
-{
-}
+TagList::TagList() : m_Tags(s_EmptyWord) {}
 
 TagList::TagList(Tag *tags, bool copy) : m_Tags(tags ? tags : s_EmptyWord)
 {
-    if (copy)
-        Copy(0);
+    if (copy) Copy(0);
 }
 
 TagList::TagList(Tag first, ...) : m_Tags(s_EmptyWord)
@@ -63,8 +60,7 @@ TagList::TagList(Tag first, ...) : m_Tags(s_EmptyWord)
 TagList::~TagList()
 {
     Clear();
-    if (m_Owned)
-        std::free(m_Tags);
+    if (m_Owned) std::free(m_Tags);
 }
 
 bool TagList::SetAttrsTagList(const TagList &tags)
@@ -104,8 +100,7 @@ size_t TagList::GatherVarArgs(Tag first, va_list args, Tag *buffer, size_t capac
     for (Tag tag = first; tag != TAG_DONE; tag = va_arg(args, unsigned int))
     {
         const int size = Size(tag);
-        if (used + 1 + size + 1 > capacity)
-            break; // keep room for the terminator
+        if (used + 1 + size + 1 > capacity) break; // keep room for the terminator
         Tag *out = buffer + used;
         out[0] = tag;
         switch (TagType(tag))
@@ -132,8 +127,7 @@ size_t TagList::GatherVarArgs(Tag first, va_list args, Tag *buffer, size_t capac
             out[2] = va_arg(args, unsigned int);
             break;
         default:
-            if (size == 1)
-                out[1] = reinterpret_cast<Tag>(va_arg(args, void *));
+            if (size == 1) out[1] = reinterpret_cast<Tag>(va_arg(args, void *));
             break;
         }
         used += 1 + size;
@@ -149,8 +143,7 @@ Tag *TagList::Settle(Tag *pos)
     while (pos)
     {
         const Tag word = *pos;
-        if (TagType(word) != TAG_CONTROL)
-            return pos;
+        if (TagType(word) != TAG_CONTROL) return pos;
         switch (word)
         {
         case TAG_IGNORE:
@@ -163,13 +156,11 @@ Tag *TagList::Settle(Tag *pos)
         case TAG_SKIP:
         {
             const int32_t count = static_cast<int32_t>(pos[1]);
-            if (count < 0)
-                return nullptr; // would stall: stop the walk instead
+            if (count < 0) return nullptr; // would stall: stop the walk instead
             pos += 2;
             for (int32_t i = 0; i < count; ++i)
             {
-                if (*pos == TAG_DONE)
-                    return nullptr;
+                if (*pos == TAG_DONE) return nullptr;
                 pos += 1 + Size(*pos);
             }
             break;
@@ -183,8 +174,7 @@ Tag *TagList::Settle(Tag *pos)
 
 Tag *TagList::Next(Tag *tag) const
 {
-    if (!tag)
-        return Settle(m_Tags);
+    if (!tag) return Settle(m_Tags);
     return Settle(tag + 1 + Size(*tag));
 }
 
@@ -196,8 +186,7 @@ Tag *TagList::Find(Tag tag) const
 Tag *TagList::FindNext(Tag tag, Tag *after) const
 {
     for (Tag *at = Next(after); at; at = Next(at))
-        if (*at == tag)
-            return at;
+        if (*at == tag) return at;
     return nullptr;
 }
 
@@ -253,8 +242,7 @@ void TagList::BuildValue(Tag tag, const void *data, Tag *out)
 
 void TagList::ReleaseValue(Tag tag, Tag *words)
 {
-    if (words[0] == 0 || words[0] == 1)
-        return; // no value, or the marker of a partly loaded list
+    if (words[0] == 0 || words[0] == 1) return; // no value, or the marker of a partly loaded list
     switch (TagType(tag))
     {
     case TAG_STRING:
@@ -295,12 +283,10 @@ const void *TagList::StoredData(const Tag *at, MemBlock &block)
 
 void TagList::AddData(Tag tag, const void *data)
 {
-    if (tag == TAG_DONE)
-        return; // it would end the list here
+    if (tag == TAG_DONE) return; // it would end the list here
     Locked lock(*this);
     const int size = Size(tag);
-    if (m_Free < static_cast<uint32_t>(size + 1))
-        Copy(8);
+    if (m_Free < static_cast<uint32_t>(size + 1)) Copy(8);
     m_Free -= size + 1;
     Tag *at = m_End;
     BuildValue(tag, data, at + 1);
@@ -315,8 +301,7 @@ void TagList::SetData(Tag tag, const void *data, bool addNew)
     Locked lock(*this);
     if (tag & TAG_REPEATABLE)
     {
-        if (addNew)
-            AddData(tag, data);
+        if (addNew) AddData(tag, data);
         return;
     }
     if (Tag *at = Find(tag))
@@ -327,13 +312,10 @@ void TagList::SetData(Tag tag, const void *data, bool addNew)
 
 void TagList::SetData(Tag *where, const void *data)
 {
-    if (!where)
-        return;
+    if (!where) return;
     Locked lock(*this);
-    if (!InOwnArray(where))
-        where = MakeOwned(where);
-    if (!where)
-        return;
+    if (!InOwnArray(where)) where = MakeOwned(where);
+    if (!where) return;
     const Tag type = TagType(*where);
     if (type == TAG_INT || type == TAG_DOUBLE || type == TAG_PTR || type == TAG_CONTROL)
     {
@@ -355,8 +337,7 @@ Tag *TagList::MakeOwned(Tag *where)
     Tag *at = First();
     for (; at && at != where; at = Next(at))
         ++ordinal;
-    if (!at)
-        return nullptr; // not a tag of this list
+    if (!at) return nullptr; // not a tag of this list
     Copy(8);
     at = First();
     for (; at && ordinal > 0; --ordinal)
@@ -367,10 +348,8 @@ Tag *TagList::MakeOwned(Tag *where)
 const void *TagList::DataFor(Tag tag, const TypedValue &value, uint64_t *scratch)
 {
     const Tag type = TagType(tag);
-    if (IsPointerType(type))
-        return value.pointer;
-    if (type == TAG_MEMBLOCK && value.block)
-        return value.block;
+    if (IsPointerType(type)) return value.pointer;
+    if (type == TAG_MEMBLOCK && value.block) return value.block;
     scratch[0] = value.bits;
     scratch[1] = 0;
     if (type == TAG_MEMBLOCK)
@@ -404,8 +383,7 @@ void TagList::SetValue(Tag tag, const TypedValue &value, bool addNew)
 
 void TagList::SetValueAt(Tag *where, const TypedValue &value)
 {
-    if (!where)
-        return;
+    if (!where) return;
     uint64_t scratch[2];
     SetData(where, DataFor(*where, value, scratch));
 }
@@ -414,8 +392,7 @@ void TagList::SetValueAt(Tag *where, const TypedValue &value)
 
 void TagList::SetTags(const TagList *tags, bool addNew)
 {
-    if (!tags || tags == this)
-        return; // a list set onto itself would only repeat its repeatable tags
+    if (!tags || tags == this) return; // a list set onto itself would only repeat its repeatable tags
     Locked source(*tags);
     MemBlock block;
     for (Tag *at = tags->First(); at; at = tags->Next(at))
@@ -425,8 +402,7 @@ void TagList::SetTags(const TagList *tags, bool addNew)
 void TagList::Copy(long extraWords)
 {
     Locked lock(*this);
-    if (extraWords < 0)
-        extraWords = 0;
+    if (extraWords < 0) extraWords = 0;
     size_t count = 0;
     for (Tag *at = First(); at; at = Next(at))
         count += 1 + Size(*at);
@@ -445,8 +421,7 @@ void TagList::Copy(long extraWords)
         out += 1 + size;
     }
     *out = TAG_DONE;
-    if (m_Owned)
-        std::free(m_Tags);
+    if (m_Owned) std::free(m_Tags);
     m_Tags = fresh;
     m_End = out;
     m_Owned = true;
@@ -465,8 +440,7 @@ void TagList::Clear()
     }
     // Every value in the owned array is released, also one that a TAG_SKIP hides from the walk.
     for (Tag *at = m_Tags; at < m_End; at += 1 + Size(*at))
-        if (TagType(*at) != TAG_CONTROL)
-            ReleaseValue(*at, at + 1);
+        if (TagType(*at) != TAG_CONTROL) ReleaseValue(*at, at + 1);
     m_Free += static_cast<uint32_t>(m_End - m_Tags);
     m_End = m_Tags;
     m_Tags[0] = TAG_DONE;

@@ -189,17 +189,20 @@ private:
         const void *pointer;
         const MemBlock *block;
     };
-    static TypedValue FromInt(long v) { return {static_cast<uint64_t>(v), reinterpret_cast<const void *>(v), nullptr}; }
+    static TypedValue FromInt(long v)
+    {
+        return {static_cast<uint64_t>(v), reinterpret_cast<const void *>(v), nullptr};
+    }
     static TypedValue FromBits(unsigned long v)
     {
         return {static_cast<uint64_t>(v), reinterpret_cast<const void *>(v), nullptr};
     }
     static TypedValue FromDouble(double v);
-    static TypedValue FromPtr(const void *v)
+    static TypedValue FromPtr(const void *v) { return {reinterpret_cast<uint64_t>(v), v, nullptr}; }
+    static TypedValue FromBlock(const MemBlock &v)
     {
-        return {reinterpret_cast<uint64_t>(v), v, nullptr};
+        return {reinterpret_cast<uint64_t>(v.m_Ptr), v.m_Ptr, &v};
     }
-    static TypedValue FromBlock(const MemBlock &v) { return {reinterpret_cast<uint64_t>(v.m_Ptr), v.m_Ptr, &v}; }
     // The data pointer for `tag`: the value itself for the pointer types, else `scratch` (2 words).
     static const void *DataFor(Tag tag, const TypedValue &value, uint64_t *scratch);
     void AddValue(Tag tag, const TypedValue &value);

@@ -70,8 +70,7 @@ bool TagList::Get(Tag tag, void *out) const
 bool TagList::Get(Tag tag, int &out) const
 {
     uint64_t words[2];
-    if (!ReadWords(tag, words))
-        return false;
+    if (!ReadWords(tag, words)) return false;
     out = static_cast<int32_t>(words[0]);
     return true;
 }
@@ -79,8 +78,7 @@ bool TagList::Get(Tag tag, int &out) const
 bool TagList::Get(Tag tag, long &out) const
 {
     uint64_t words[2];
-    if (!ReadWords(tag, words))
-        return false;
+    if (!ReadWords(tag, words)) return false;
     out = static_cast<int32_t>(words[0]);
     return true;
 }
@@ -88,8 +86,7 @@ bool TagList::Get(Tag tag, long &out) const
 bool TagList::Get(Tag tag, unsigned long &out) const
 {
     uint64_t words[2];
-    if (!ReadWords(tag, words))
-        return false;
+    if (!ReadWords(tag, words)) return false;
     out = static_cast<uint32_t>(words[0]);
     return true;
 }
@@ -97,8 +94,7 @@ bool TagList::Get(Tag tag, unsigned long &out) const
 bool TagList::Get(Tag tag, double &out) const
 {
     uint64_t words[2];
-    if (!ReadWords(tag, words))
-        return false;
+    if (!ReadWords(tag, words)) return false;
     out = BitsToDouble(words[0]);
     return true;
 }
@@ -106,8 +102,7 @@ bool TagList::Get(Tag tag, double &out) const
 bool TagList::Get(Tag tag, char *&out) const
 {
     uint64_t words[2];
-    if (!ReadWords(tag, words))
-        return false;
+    if (!ReadWords(tag, words)) return false;
     out = reinterpret_cast<char *>(words[0]);
     return true;
 }
@@ -115,8 +110,7 @@ bool TagList::Get(Tag tag, char *&out) const
 bool TagList::Get(Tag tag, RefObject *&out) const
 {
     uint64_t words[2];
-    if (!ReadWords(tag, words))
-        return false;
+    if (!ReadWords(tag, words)) return false;
     out = reinterpret_cast<RefObject *>(words[0]);
     return true;
 }
@@ -124,8 +118,7 @@ bool TagList::Get(Tag tag, RefObject *&out) const
 bool TagList::Get(Tag tag, MemBlock &out) const
 {
     uint64_t words[2];
-    if (!ReadWords(tag, words))
-        return false;
+    if (!ReadWords(tag, words)) return false;
     out = WordsToBlock(words);
     return true;
 }
@@ -133,8 +126,7 @@ bool TagList::Get(Tag tag, MemBlock &out) const
 bool TagList::Get(Tag tag, bool &out) const
 {
     uint64_t words[2];
-    if (!ReadWords(tag, words))
-        return false;
+    if (!ReadWords(tag, words)) return false;
     out = words[0] != 0;
     return true;
 }
@@ -185,8 +177,7 @@ const char *TagList::GetSafeString(Tag tag, const char *def) const
 KeID TagList::GetID(Tag tag, const KeID &def) const
 {
     KeID id(def);
-    if (TagType(tag) == TAG_ID)
-        Get(tag, id);
+    if (TagType(tag) == TAG_ID) Get(tag, id);
     return id;
 }
 
@@ -246,15 +237,13 @@ const char *TagList::GetSafeString(const Tag *at) const
 
 KeID TagList::GetID(const Tag *at) const
 {
-    if (!at || TagType(*at) != TAG_ID)
-        return KeID();
+    if (!at || TagType(*at) != TAG_ID) return KeID();
     return WordsAsID(at + 1);
 }
 
 MemBlock TagList::GetMemBlock(const Tag *at) const
 {
-    if (!at)
-        return MemBlock();
+    if (!at) return MemBlock();
     const uint64_t words[2] = {at[1], Size(*at) > 1 ? at[2] : 0};
     return WordsToBlock(words);
 }

@@ -33,8 +33,7 @@ struct Probe : RefObject
     explicit Probe(int *destroyed = nullptr) : m_Destroyed(destroyed) {}
     ~Probe() override
     {
-        if (m_Destroyed)
-            ++*m_Destroyed;
+        if (m_Destroyed) ++*m_Destroyed;
     }
     int *m_Destroyed;
 };
@@ -54,8 +53,10 @@ TEST(TagListWalk, EmptyListFindsNothingAndSharesOneStaticWord)
 TEST(TagListWalk, FollowsMoreAndSkipsIgnoreRemovedAndSkip)
 {
     Tag other[] = {TI_Height, 20, TAG_DONE};
-    Tag tags[] = {TAG_IGNORE,  0,  TI_Width,  10, TAG_SKIP,  1, TD_Weight, 0, TAG_REMOVED, 0,
-                  TS_Name,     0,  TAG_MORE, reinterpret_cast<Tag>(other), TI_Item, 99, TAG_DONE};
+    Tag tags[] = {
+        TAG_IGNORE, 0,           TI_Width, 10,      TAG_SKIP, 1,        TD_Weight,
+        0,          TAG_REMOVED, 0,        TS_Name, 0,        TAG_MORE, reinterpret_cast<Tag>(other),
+        TI_Item,    99,          TAG_DONE};
     TagList list(tags, false);
     Tag *at = list.First();
     ASSERT_NE(at, nullptr);
@@ -253,8 +254,7 @@ TEST(TagListGrowth, NineOneWordTagsAllocateAtFirstFifthAndNinth)
     for (int i = 1; i <= 9; ++i)
     {
         list.Add(TAG_INT | static_cast<Tag>(i), i);
-        if (list.GetTagArray() != array)
-            grewAt.push_back(i);
+        if (list.GetTagArray() != array) grewAt.push_back(i);
         array = list.GetTagArray();
     }
     EXPECT_EQ(grewAt, (std::vector<int>{1, 5, 9}));
@@ -362,7 +362,8 @@ TEST(TagListVarArgs, SetAttrsReachesTheListsOwnSetTags)
 TEST(TagListVarArgs, GatherCutsAtAWholeTagWhenTheBufferIsFull)
 {
     Tag buffer[6];
-    auto gather = [&](Tag first, ...) {
+    auto gather = [&](Tag first, ...)
+    {
         va_list args;
         va_start(args, first);
         size_t used = TagList::GatherVarArgs(first, args, buffer, 6);
@@ -397,10 +398,12 @@ TEST(TagListLock, IsRecursiveAndHoldsOffOtherWriters)
     list.ObtainLock();
     list.ObtainLock();
     std::atomic<bool> written{false};
-    std::thread writer([&] {
-        list.Set(TI_Width, 1);
-        written = true;
-    });
+    std::thread writer(
+        [&]
+        {
+            list.Set(TI_Width, 1);
+            written = true;
+        });
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_FALSE(written);
     list.ReleaseLock();
@@ -417,10 +420,12 @@ TEST(TagListLock, ConcurrentAppendsAllArrive)
     TagList list;
     std::vector<std::thread> threads;
     for (int t = 0; t < 3; ++t)
-        threads.emplace_back([&list, t] {
-            for (int i = 0; i < 50; ++i)
-                list.Add(TI_Item, t * 100 + i);
-        });
+        threads.emplace_back(
+            [&list, t]
+            {
+                for (int i = 0; i < 50; ++i)
+                    list.Add(TI_Item, t * 100 + i);
+            });
     for (auto &thread : threads)
         thread.join();
     int count = 0;

@@ -28,8 +28,7 @@ struct Thread::Record
 
     void Release()
     {
-        if (refs.fetch_sub(1, std::memory_order_acq_rel) == 1)
-            delete this;
+        if (refs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
     }
 };
 
@@ -64,8 +63,7 @@ Thread::~Thread()
 void Thread::Entry(void *raw)
 {
     Record *record = static_cast<Record *>(raw);
-    if (!record->name.empty())
-        Platform::SetCurrentThreadName(record->name.c_str());
+    if (!record->name.empty()) Platform::SetCurrentThreadName(record->name.c_str());
     record->id.store(Platform::CurrentThreadId());
     record->idReady.Signal();
     {
@@ -81,8 +79,7 @@ void Thread::Entry(void *raw)
         record->id.store(0);
     }
     // Null if the destructor took the handle and waits for us; otherwise nobody will join this thread.
-    if (handle)
-        Platform::DetachThread(handle);
+    if (handle) Platform::DetachThread(handle);
     record->Release();
 }
 
@@ -95,8 +92,7 @@ void Thread::Start(const char *name)
 {
     Record *record = m_Record;
     std::lock_guard<std::mutex> guard(record->handleMutex);
-    if (record->handle.load())
-        return; // already running
+    if (record->handle.load()) return; // already running
     record->name = name ? name : "";
     record->idReady.Reset();
     record->refs.fetch_add(1, std::memory_order_relaxed);
@@ -110,17 +106,11 @@ void Thread::Start(const char *name)
     record->idReady.Wait(Event::NoTimeout);
 }
 
-void Thread::Suspend()
-{
-}
+void Thread::Suspend() {}
 
-void Thread::Resume()
-{
-}
+void Thread::Resume() {}
 
-void Thread::Stop()
-{
-}
+void Thread::Stop() {}
 
 bool Thread::IsRunning() const
 {

@@ -44,8 +44,7 @@ uint32_t TickMs()
 
 void SetCurrentThreadName(const char *name)
 {
-    if (!name)
-        return;
+    if (!name) return;
     char shortName[16]; // the kernel keeps 15 characters and the terminator
     std::strncpy(shortName, name, sizeof(shortName) - 1);
     shortName[sizeof(shortName) - 1] = 0;
@@ -84,8 +83,7 @@ ThreadHandle *StartThread(ThreadEntry entry, void *arg)
 
 bool JoinThread(ThreadHandle *handle, uint32_t timeoutMs)
 {
-    if (!handle)
-        return true;
+    if (!handle) return true;
     int rc;
     if (timeoutMs == 0xFFFFFFFFu)
         rc = ::pthread_join(handle->thread, nullptr);
@@ -102,16 +100,14 @@ bool JoinThread(ThreadHandle *handle, uint32_t timeoutMs)
         }
         rc = ::pthread_clockjoin_np(handle->thread, nullptr, CLOCK_MONOTONIC, &deadline);
     }
-    if (rc == ETIMEDOUT)
-        return false;
+    if (rc == ETIMEDOUT) return false;
     delete handle;
     return true;
 }
 
 void DetachThread(ThreadHandle *handle)
 {
-    if (!handle)
-        return;
+    if (!handle) return;
     ::pthread_detach(handle->thread);
     delete handle;
 }
