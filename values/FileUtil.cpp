@@ -15,10 +15,17 @@ bool FileExists(const char *path, TagList *)
     return UtilSys::StatPath(path) == UtilSys::PathKind::Regular;
 }
 
+// Opens a path for reading only if it names a regular file: opening a named pipe would wait for a
+// writer, and a device may not be meant to be read at all.
+static FILE *OpenRegular(const char *path, const char *mode)
+{
+    if (UtilSys::StatPath(path) != UtilSys::PathKind::Regular) return nullptr;
+    return fopen(path, mode);
+}
+
 uint64_t FileGetSize(const char *path, TagList *)
 {
-    if (!path) return 0;
-    FILE *stream = fopen(path, "rb");
+    FILE *stream = OpenRegular(path, "rb");
     if (!stream) return 0;
     uint64_t size = 0;
     if (!UtilSys::StreamFileSize(stream, size)) size = 0;
@@ -41,9 +48,8 @@ static size_t ReadUpTo(FILE *stream, char *block, uint64_t size)
 
 char *FileLoadText(const char *path, TagList *)
 {
-    if (!path) return nullptr;
     // Text mode, measured on the open file; on this system no line ends are translated.
-    FILE *stream = fopen(path, "r");
+    FILE *stream = OpenRegular(path, "r");
     if (!stream) return nullptr;
     uint64_t size = 0;
     char *block = nullptr;

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <future>
 #include <memory>
 #include <string>
 
@@ -97,6 +98,28 @@ TEST(FileLoadText, GivesNullForAnUnreadableFile)
     EXPECT_FALSE(Load(file));
     EXPECT_EQ(FileGetSize(file.c_str()), 0u);
     EXPECT_TRUE(FileExists(file.c_str())); // it can still be examined
+}
+
+TEST(FileLoadText, NamedPipeIsNoFileAndDoesNotBlock)
+{
+    orvexTest::TempDir dir;
+    std::string fifo = dir.File("pipe");
+    ASSERT_EQ(orvexTest::RunProcess({"/usr/bin/mkfifo", fifo}, 10000).exitCode, 0);
+    auto probe = std::async(std::launch::async,
+                            [&]
+                            {
+                                return FileGetSize(fifo.c_str()) == 0 &&
+                                       !Loaded(FileLoadText(fifo.c_str())) && !FileExists(fifo.c_str());
+                            });
+    if (probe.wait_for(std::chrono::seconds(10)) != std::future_status::ready)
+    {
+        // A reader blocked in open: writers let it go on, so the test fails instead of hanging.
+        for (int i = 0; i < 3 && probe.wait_for(std::chrono::milliseconds(0)) != std::future_status::ready;
+             ++i)
+            orvexTest::RunProcess({"/bin/sh", "-c", "echo > '" + fifo + "'"}, 3000);
+        ADD_FAILURE() << "reading a named pipe blocked";
+    }
+    EXPECT_TRUE(probe.get());
 }
 
 TEST(FileSaveText, ReplacesTheWholeFileAndKeepsItsPermissions)
