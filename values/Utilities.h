@@ -4,6 +4,7 @@
 
 #include "values/Collate.h"
 #include "values/DebugLog.h"
+#include "values/DumpBuffer.h"
 #include "values/FileUtil.h"
 #include "values/Hash.h"
 #include "values/IPAddress.h"
