@@ -38,16 +38,17 @@ int LuaClass::lw_push(lua_State *state)
     return 1;
 }
 
-__attribute__((no_sanitize("undefined"))) int LuaClass::lw_safe_push(lua_State *state)
+int LuaClass::lw_safe_push(LuaClass *object, lua_State *state)
 {
     // Small integers and null arrive here as "objects" from loosely typed callers.
-    if (AddressOf(this) < 0x10001)
+    if (reinterpret_cast<uintptr_t>(object) < 0x10001)
     {
-        if (!state) return 0;
+        if (!state)
+            return 0;
         lua_pushnil(state);
         return 1;
     }
-    return lw_push(state);
+    return object->lw_push(state);
 }
 
 // ---- ScriptObject defaults ------------------------------------------------------------------------

@@ -47,7 +47,10 @@ public:
 
     // As lw_push, but a receiver below 0x10001 counts as no object and pushes nil, so that small
     // integers and null handed around as objects do not fault.
-    int lw_safe_push(lua_State *state);
+    int lw_safe_push(lua_State *state) { return lw_safe_push(this, state); }
+    // The same for a pointer that may be null or a small integer: the check happens before any call
+    // through the pointer, so it is well defined for every value.
+    static int lw_safe_push(LuaClass *object, lua_State *state);
 
     static LuaType s_LuaType; // the class's Lua descriptor, defined by the Lua language library
 };
