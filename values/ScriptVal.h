@@ -17,6 +17,7 @@ class MemBlock;
 class RemoteObject;
 class RemoteApp;
 class ScriptObject;
+class ScriptSymbol;
 
 // The kinds. Their numbers travel in packets and in the generated binding.
 enum ScriptValType : uint32_t
@@ -222,6 +223,19 @@ public:
     ScriptVal &operator-=(const ScriptVal &other);
 
     void SetError(ScriptError code, const char *message = nullptr);
+
+    // ---- results of a call (on SV_Args and SV_Table; other kinds store nothing) -----------------
+    // Each stores one result at key -n, n being the new count of results (at most 255).
+    void Return(const ScriptVal &value);
+    void ReturnNil();
+    void ReturnNumber(double value);
+    void ReturnString(const char *text);
+    void ReturnBoolean(bool value);
+    void ReturnMemBlock(const MemBlock &block);
+    void ReturnCode(const void *code, unsigned long size, unsigned long argc);
+    // A function value: SV_Function holding the symbol's address; a null symbol gives nil.
+    void ReturnFunction(ScriptSymbol *symbol);
+    void ReturnObject(ScriptObject *object);
     // Prints the value to standard output, for debugging.
     void Dump(int indent = 0, bool newline = true) const;
 
