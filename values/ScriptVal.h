@@ -236,6 +236,7 @@ public:
     // A function value: SV_Function holding the symbol's address; a null symbol gives nil.
     void ReturnFunction(ScriptSymbol *symbol);
     void ReturnObject(ScriptObject *object);
+
     // Prints the value to standard output, for debugging.
     void Dump(int indent = 0, bool newline = true) const;
 
