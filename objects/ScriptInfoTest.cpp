@@ -1,0 +1,328 @@
+// Tests of class records: the registry, chains that link themselves on the first object, constants
+// handed down to the root, symbol look-up (kinds, shadowing, debug-only members, special slots), the
+// special symbol names, help built from declaration tags, and ReturnCustomData.
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "objects/ObjectHooks.h"
+#include "objects/ScriptInfo.h"
+#include "objects/TestObjects.h"
+#include "values/TagList.h"
+
+namespace orvexScript
+{
+namespace
+{
+
+using testobjects::Scripted;
+
+void Nop(void *, ScriptArgs &, ScriptSymbol *, bool) {}
+
+bool InRegistry(const ScriptInfo *record)
+{
+    for (const ScriptInfo *info = g_ScriptInfoList; info; info = info->m_Next)
+        if (info == record)
+            return true;
+    return false;
+}
+
+// ---- a chain built only by ChainTest -------------------------------------------------------------
+
+class ChainBase : public Scripted
+{
+public:
+    ChainBase() { _SetScriptInfo(this, s_Info); }
+    static ScriptInfoT<ChainBase> s_Info;
+};
+class ChainDerived : public ChainBase
+{
+public:
+    ChainDerived() { _SetScriptInfo(this, s_Info); }
+    static ScriptInfoT<ChainDerived> s_Info;
+};
+ScriptInfoT<ChainBase> ChainBase::s_Info(1, "ChainBase", "base of the chain test");
+ScriptInfoT<ChainDerived> ChainDerived::s_Info(1, "ChainDerived");
+
+TEST(ScriptInfoChain, LinksToTheBaseOfTheFirstObjectWithoutNamingIt)
+{
+    EXPECT_TRUE(InRegistry(&ChainBase::s_Info));
+    EXPECT_TRUE(InRegistry(&ChainDerived::s_Info));
+    EXPECT_FALSE(ChainDerived::s_Info.IsLinked());
+    EXPECT_FALSE(ChainBase::s_Info.IsLinked());
+
+    ChainDerived first;
+    EXPECT_EQ(first.GetScriptInfo(), &ChainDerived::s_Info);
+    EXPECT_EQ(ChainDerived::s_Info.m_Parent, &ChainBase::s_Info);
+    EXPECT_EQ(ChainBase::s_Info.m_Parent, g_RootScriptInfo);
+
+    ChainBase plain;
+    ChainDerived second;
+    EXPECT_EQ(plain.GetScriptInfo(), &ChainBase::s_Info);
+    EXPECT_EQ(ChainDerived::s_Info.m_Parent, &ChainBase::s_Info);
+}
+
+TEST(ScriptInfoChain, RootIsNamelessLinkedAndRegistered)
+{
+    ASSERT_NE(g_RootScriptInfo, nullptr);
+    EXPECT_STREQ(g_RootScriptInfo->m_Name, "");
+    EXPECT_EQ(g_RootScriptInfo->m_Parent, nullptr);
+    EXPECT_TRUE(g_RootScriptInfo->IsLinked());
+    EXPECT_TRUE(InRegistry(g_RootScriptInfo));
+}
+
+TEST(ScriptInfoChain, ExplicitLinkKeepsAnExistingLink)
+{
+    ScriptInfoT<Scripted> parent(1, "ExplicitParent");
+    ScriptInfoT<Scripted> child(1, "ExplicitChild");
+    _InitScriptInfo(child, &parent);
+    EXPECT_EQ(child.m_Parent, &parent);
+    _InitScriptInfo(child, nullptr);
+    EXPECT_EQ(child.m_Parent, &parent);
+    _InitScriptInfo(parent, nullptr);
+    EXPECT_EQ(parent.m_Parent, g_RootScriptInfo);
+}
+
+TEST(ScriptInfoChain, DestroyedRecordLeavesTheRegistry)
+{
+    auto record = std::make_unique<ScriptInfoT<Scripted>>(1, "Passing");
+    const ScriptInfo *address = record.get();
+    EXPECT_EQ(g_ScriptInfoList, address);
+    record.reset();
+    EXPECT_FALSE(InRegistry(address));
+}
+
+// ---- constants ------------------------------------------------------------------------------------
+
+class ConstHolder : public Scripted
+{
+public:
+    ConstHolder() { _SetScriptInfo(this, s_Info); }
+    static ScriptInfoT<ConstHolder> s_Info;
+};
+ScriptInfoT<ConstHolder> ConstHolder::s_Info(1, "ConstHolder");
+ScriptSymbol s_FirstConst(1, "CH_First", SST_Constant, Nop, ConstHolder::s_Info);
+ScriptSymbol s_HolderFunc(1, "CH_Func", SST_Function, Nop, ConstHolder::s_Info);
+ScriptSymbol s_SecondConst(1, "CH_Second", SST_Constant, Nop, ConstHolder::s_Info);
+
+TEST(ScriptInfoConstants, MoveToTheRootInOrderWhenTheClassIsLinked)
+{
+    EXPECT_EQ(FindSymbol(g_RootScriptInfo, "CH_First", 0), nullptr);
+    ConstHolder holder;
+
+    // Newest first in the class, and still in that order at the front of the root's list.
+    EXPECT_EQ(g_RootScriptInfo->m_Symbols, &s_SecondConst);
+    EXPECT_EQ(s_SecondConst.m_Next, &s_FirstConst);
+    EXPECT_EQ(ConstHolder::s_Info.m_Symbols, &s_HolderFunc);
+    EXPECT_EQ(s_HolderFunc.m_Next, nullptr);
+    EXPECT_EQ(s_FirstConst.m_Owner, &ConstHolder::s_Info);
+
+    // Any object finds them now, the function stays with its class.
+    ChainBase unrelated;
+    EXPECT_EQ(FindSymbol(unrelated.GetScriptInfo(), "CH_First", 0), &s_FirstConst);
+    EXPECT_EQ(FindSymbol(unrelated.GetScriptInfo(), "CH_Second", SST_Constant), &s_SecondConst);
+    EXPECT_EQ(FindSymbol(unrelated.GetScriptInfo(), "CH_Func", 0), nullptr);
+    EXPECT_EQ(FindSymbol(holder.GetScriptInfo(), "CH_Func", 0), &s_HolderFunc);
+}
+
+// ---- look-up ----------------------------------------------------------------------------------------
+
+class LookBase : public Scripted
+{
+public:
+    LookBase() { _SetScriptInfo(this, s_Info); }
+    static ScriptInfoT<LookBase> s_Info;
+};
+class LookDerived : public LookBase
+{
+public:
+    LookDerived() { _SetScriptInfo(this, s_Info); }
+    static ScriptInfoT<LookDerived> s_Info;
+};
+ScriptInfoT<LookBase> LookBase::s_Info(1, "LookBase");
+ScriptSymbol s_BaseValue(1, "Value", SST_Function, Nop, LookBase::s_Info);
+ScriptSymbol s_BaseDescribe(1, "Describe", SST_Function, Nop, LookBase::s_Info);
+ScriptSymbol s_BaseTrace(1, "Trace", SST_Function, Nop, LookBase::s_Info);
+ScriptSymbol s_BaseUnnamed(1, nullptr, SST_HelpTopic, Nop, LookBase::s_Info);
+ScriptSymbol s_BaseCall(1, nullptr, SST_Call, Nop, LookBase::s_Info);
+ScriptInfoT<LookDerived> LookDerived::s_Info(1, "LookDerived");
+ScriptSymbol s_DerivedValue(1, "Value", SST_Variable | SSF_Read, Nop, LookDerived::s_Info);
+ScriptSymbol s_DerivedDescribe(1, "Describe", SST_Function, Nop, LookDerived::s_Info);
+ScriptSymbol s_DerivedTrace(1, "Trace", SST_Function | SSF_DebugOnly, Nop, LookDerived::s_Info);
+ScriptSymbol s_DerivedHidden(1, "DebugOnly", SST_Function | SSF_DebugOnly, Nop, LookDerived::s_Info);
+
+bool s_Debugging = false;
+bool Debugging()
+{
+    return s_Debugging;
+}
+
+class ScriptInfoLookup : public ::testing::Test
+{
+protected:
+    void TearDown() override { SetIsDebugHook(nullptr); }
+    LookDerived m_Object;
+    const ScriptInfo *Info() const { return m_Object.GetScriptInfo(); }
+};
+
+TEST_F(ScriptInfoLookup, NumberZeroTakesAnyKindAndTheKindNumberSkipsOthers)
+{
+    EXPECT_EQ(FindSymbol(Info(), "Value", 0), &s_DerivedValue);
+    EXPECT_EQ(FindSymbol(Info(), "Value", SST_Variable), &s_DerivedValue);
+    EXPECT_EQ(FindSymbol(Info(), "Value", SST_Function), &s_BaseValue);
+    EXPECT_EQ(FindSymbol(Info(), "Value", SST_Constant), nullptr);
+}
+
+TEST_F(ScriptInfoLookup, NearestDeclarationWinsAndNamesAreCaseSensitive)
+{
+    EXPECT_EQ(FindSymbol(Info(), "Describe", 0), &s_DerivedDescribe);
+    EXPECT_EQ(FindSymbol(&LookBase::s_Info, "Describe", 0), &s_BaseDescribe);
+    EXPECT_EQ(FindSymbol(Info(), "describe", 0), nullptr);
+    EXPECT_EQ(Info()->FindSymbol("Describe", SST_Function), &s_DerivedDescribe);
+}
+
+TEST_F(ScriptInfoLookup, SpecialNumbersAndUnnamedKindsComeFromTheChain)
+{
+    EXPECT_EQ(FindSymbol(Info(), nullptr, SST_Call), &s_BaseCall);
+    EXPECT_EQ(FindSymbol(Info(), "ignored", SST_Call), &s_BaseCall);
+    EXPECT_EQ(FindSymbol(Info(), nullptr, SST_Create), nullptr);
+    EXPECT_NE(FindSymbol(Info(), nullptr, SST_GetTable), nullptr); // the root's
+    EXPECT_EQ(FindSymbol(Info(), nullptr, SST_HelpTopic), &s_BaseUnnamed);
+    EXPECT_EQ(FindSymbol(Info(), nullptr, 256), nullptr);
+    EXPECT_EQ(FindSymbol(nullptr, "Value", 0), nullptr);
+    EXPECT_EQ(FindSymbol(nullptr, nullptr, SST_GetTable), nullptr);
+}
+
+TEST_F(ScriptInfoLookup, DebugOnlyMembersAppearOnlyWhileDebuggingAndShadowNothing)
+{
+    EXPECT_EQ(FindSymbol(Info(), "DebugOnly", 0), nullptr);
+    EXPECT_EQ(FindSymbol(Info(), "Trace", 0), &s_BaseTrace);
+
+    s_Debugging = false;
+    SetIsDebugHook(Debugging);
+    EXPECT_EQ(FindSymbol(Info(), "Trace", 0), &s_BaseTrace);
+    s_Debugging = true;
+    EXPECT_TRUE(IsScriptDebug());
+    EXPECT_EQ(FindSymbol(Info(), "Trace", 0), &s_DerivedTrace);
+    EXPECT_EQ(FindSymbol(Info(), "DebugOnly", SST_Function), &s_DerivedHidden);
+}
+
+TEST(ScriptInfoLookupWalk, StopsAtAParentThatIsNotLinked)
+{
+    ScriptInfoT<Scripted> lone(1, "Lone");
+    ScriptSymbol own(1, "LoneMember", SST_Function, Nop, lone);
+    EXPECT_EQ(FindSymbol(&lone, "LoneMember", 0), &own);
+    EXPECT_EQ(FindSymbol(&lone, nullptr, SST_GetTable), nullptr);
+}
+
+TEST(ScriptSymbolRecord, AddsItselfToItsOwnerAndLeavesWhenDestroyed)
+{
+    ScriptInfoT<Scripted> owner(1, "Owner");
+    {
+        ScriptSymbol first(1, "First", SST_Function, Nop, owner);
+        ScriptSymbol create(1, nullptr, SST_Create, Nop, owner);
+        {
+            ScriptSymbol second(1, "Second", SST_Variable, Nop, owner);
+            EXPECT_EQ(owner.m_Symbols, &second);
+            EXPECT_EQ(second.m_Next, &first);
+            EXPECT_EQ(owner.m_Special[SST_Create - 128], &create);
+            EXPECT_EQ(FindSymbolByAddress(testobjects::FunctionValue(second)), &second);
+        }
+        EXPECT_EQ(owner.m_Symbols, &first);
+        EXPECT_EQ(FindSymbol(&owner, "Second", 0), nullptr);
+    }
+    EXPECT_EQ(owner.m_Symbols, nullptr);
+    EXPECT_EQ(owner.m_Special[SST_Create - 128], nullptr);
+}
+
+TEST(SpecialSymbolNames, CoverTheNumbersFromCreateToIsDebug)
+{
+    EXPECT_STREQ(SpecialSymbolName(SST_Create), "SST_Create");
+    EXPECT_STREQ(SpecialSymbolName(SST_CallMemberFunction), "SST_CallMemberFunction");
+    EXPECT_STREQ(SpecialSymbolName(SST_ObjectFromAddress), "SST_ObjectFromAddress");
+    EXPECT_STREQ(SpecialSymbolName(SST_IsDebug), "SST_IsDebug");
+    EXPECT_EQ(SpecialSymbolName(127), nullptr);
+    EXPECT_EQ(SpecialSymbolName(153), nullptr);
+    for (uint32_t number = SST_Create; number <= SST_IsDebug; ++number)
+        EXPECT_EQ(SpecialSymbolNumber(SpecialSymbolName(number)), number);
+    EXPECT_EQ(SpecialSymbolNumber("SST_Nothing"), 0u);
+}
+
+// ---- help from tags -----------------------------------------------------------------------------------
+
+ScriptInfoT<Scripted> s_HelpInfo(1, "Picture");
+ScriptSymbolTags s_Scale(1, "Scale", SST_Function, Nop, s_HelpInfo,                         //
+                         SYMS_ShortHelp, "Scales the picture",                               //
+                         SYMS_Prototype, "Gives the new width.",                            //
+                         SYMS_ReturnType, "number", SYMS_ReturnDesc, "the width",           //
+                         SYMS_ArgType, "number", SYMS_ArgName, "factor",                    //
+                         SYMB_Optional, true, SYMS_ArgType, "string", SYMS_ArgName, "mode", //
+                         SYMS_LongHelp, "Keeps the aspect ratio.", TAG_DONE);
+
+TEST(ScriptSymbolTagsHelp, FunctionPrototypeWithOptionalArgumentAndDescription)
+{
+    EXPECT_STREQ(s_Scale.m_ShortHelp.Text(), "Scales the picture");
+    EXPECT_STREQ(s_Scale.m_LongHelp.Text(), "number Picture:Scale(number factor [, string mode])\n"
+                                            "  Gives the new width.\n\n"
+                                            "Keeps the aspect ratio.\n\n");
+    EXPECT_EQ(s_Scale.Number(), SST_Function);
+    EXPECT_TRUE(s_Scale.m_Flags & SSF_Tags);
+    EXPECT_EQ(s_HelpInfo.m_Symbols, &s_Scale);
+}
+
+TEST(ScriptSymbolTagsHelp, UntypedFunctionAndVariableForms)
+{
+    TagList untyped(SYMS_Prototype, "", SYMS_ArgType, "table", TAG_DONE);
+    EXPECT_STREQ(ScriptSymbolTags::BuildHelp(untyped, SST_Function, "Pic", "Fill").Text(), "Pic:Fill(table)\n");
+
+    TagList variable(SYMS_Prototype, "The width.", SYMS_ReturnType, "number", TAG_DONE);
+    EXPECT_STREQ(ScriptSymbolTags::BuildHelp(variable, SST_Variable, "Pic", "Width").Text(),
+                 "number = Pic.Width\n  The width.\n\n");
+
+    TagList none(SYMS_ShortHelp, "short", TAG_DONE);
+    EXPECT_TRUE(ScriptSymbolTags::BuildHelp(none, SST_Function, "Pic", "X").IsEmpty());
+}
+
+// ---- custom data ------------------------------------------------------------------------------------
+
+TEST(ReturnCustomData, NamedPathGivesOneResultOrNone)
+{
+    ScriptVal data(SV_Table, nullptr);
+    data.FindKey("Owner") = ScriptVal(SV_Table, nullptr);
+    data.FindKey("Owner").FindKey("Name") = "Ada";
+    data.FindKey("Count") = 3;
+
+    ScriptArgs args;
+    ReturnCustomData(args, "Owner.Name", data);
+    EXPECT_EQ(testobjects::NumReturns(args), 1);
+    EXPECT_STREQ(args.FindKeyConst(-1).ToString(), "Ada");
+
+    ReturnCustomData(args, "Owner.Missing", data);
+    EXPECT_EQ(testobjects::NumReturns(args), 1);
+
+    ReturnCustomData(args, "Count", ScriptVal("not a table"));
+    EXPECT_EQ(testobjects::NumReturns(args), 1);
+}
+
+TEST(ReturnCustomData, NoNameListsTheKeysInOrder)
+{
+    ScriptVal data(SV_Table, nullptr);
+    data.FindKey("Zeta") = 1;
+    data.FindKey("Alpha") = 2;
+    data.FindKey(7) = 3;
+
+    ScriptArgs args;
+    ReturnCustomData(args, nullptr, data);
+    ASSERT_EQ(testobjects::NumReturns(args), 1);
+    const ScriptVal &keys = args.FindKeyConst(-1);
+    ASSERT_TRUE(keys.IsTable());
+    EXPECT_EQ(keys.NumKeys(), 3);
+    EXPECT_STREQ(keys.FindKeyConst(1).ToString(), "Zeta");
+    EXPECT_STREQ(keys.FindKeyConst(2).ToString(), "Alpha");
+    EXPECT_EQ(keys.FindKeyConst(3).ToNumber(), 7.0);
+}
+
+} // namespace
+} // namespace orvexScript

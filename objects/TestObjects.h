@@ -1,0 +1,40 @@
+// Shared by the object tests: an object that keeps the record its constructors give it, and small
+// helpers to run a special member and read results.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include "objects/ScriptInfo.h"
+
+namespace orvexScript::testobjects
+{
+
+class Scripted : public RefObject
+{
+public:
+    ScriptInfo *GetScriptInfo() const override { return m_Info; }
+    void SetScriptInfo(ScriptInfo *info) override { m_Info = info; }
+
+private:
+    ScriptInfo *m_Info = nullptr;
+};
+
+inline int NumReturns(const ScriptArgs &args)
+{
+    return args.m_Value.m_Args.m_NumReturns;
+}
+
+// Runs the special member `number` of `object`'s class chain, as the command runner does.
+inline void RunSpecial(ScriptObject *object, uint32_t number, ScriptArgs &args, bool set = false)
+{
+    ScriptSymbol *symbol = FindSymbol(object->GetScriptInfo(), nullptr, number);
+    ASSERT_NE(symbol, nullptr) << SpecialSymbolName(number);
+    symbol->Call(object, args, set);
+}
+
+inline uint64_t FunctionValue(const ScriptSymbol &symbol)
+{
+    return reinterpret_cast<uintptr_t>(&symbol);
+}
+
+} // namespace orvexScript::testobjects
