@@ -1,7 +1,8 @@
 // TagList: the typed attribute list. A flat run of 64-bit words, each attribute a tag word followed by
 // its data; the tag's top nibble tells the data's type and width. A list either wraps a caller's array
-// (owning nothing) or owns its array and every value in it. Byte form and tag maps live elsewhere.
-// Sections: tag constants, the class (construction, walking, reads, writes, bulk, lock).
+// (owning nothing) or owns its array and every value in it. The byte form is in TagListStore.cpp,
+// tag maps in TagMap.h.
+// Sections: tag constants, the class (construction, walking, reads, writes, bulk, lock, byte form).
 #pragma once
 
 #include <cstdarg>
@@ -181,7 +182,28 @@ public:
     void ObtainLock() const;
     void ReleaseLock() const;
 
+    // ---- byte form (TagListStore.cpp) -----------------------------------------------------------
+    // How deep lists may nest in the byte form: a list and at most this many levels below it.
+    static constexpr int MaxNesting = 64;
+
+    // Writes the byte form: T, the tag section, then the payloads (strings, identifiers, blocks,
+    // nested lists) in tag order. TAG_OBJECT and TAG_PTR are left out; a TAG_MORE is followed, so a
+    // wrapped chain saves as one flat list. With a null `buffer`, `size` receives the byte count.
+    // Else `size` is the buffer's capacity on entry: too small gives false with the need in `size`
+    // and nothing written; otherwise `size` receives the bytes written. False also for lists nested
+    // deeper than MaxNesting (size 0).
+    bool Save(unsigned char *buffer, int &size) const;
+    // Replaces this list by the list in `buffer`, releasing what it held. `size` on entry is the
+    // number of readable bytes: nothing behind them is read. On success `size` receives the bytes
+    // consumed (trailing bytes are allowed). False for a truncated or damaged form (a length past the
+    // end, no terminator, a control word other than TAG_IGNORE, TAG_SKIP or TAG_REMOVED, a text that
+    // starts with the block marker 0xFF or an identifier without its NUL, nesting deeper than
+    // MaxNesting); the list is then empty and unowned, as a new TagList, with everything released
+    // and `size` unchanged. Allocation stays within a small multiple of `size`.
+    [[nodiscard]] bool Load(const unsigned char *buffer, int &size);
+
 private:
+    friend struct TagListStore; // the byte form's reader and writer
     // A typed value as the typed forms hand it to the primitives; see DataFor.
     struct TypedValue
     {
