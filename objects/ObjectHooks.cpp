@@ -83,8 +83,7 @@ ScriptObject *GetRootObject()
 
 void RegisterObjectAddress(ScriptObject *object)
 {
-    if (!object)
-        return;
+    if (!object) return;
     AddressRegistry &registry = Registry();
     std::lock_guard<std::mutex> hold(registry.lock);
     registry.objects[reinterpret_cast<uintptr_t>(object)] = object;
@@ -103,8 +102,7 @@ bool ReturnObjectAtAddress(ScriptVal &args, uint64_t address)
     std::lock_guard<std::mutex> hold(registry.lock);
     // The number is only a key; the pointer handed on is the one that was registered.
     auto found = registry.objects.find(static_cast<uintptr_t>(address));
-    if (found == registry.objects.end())
-        return false;
+    if (found == registry.objects.end()) return false;
     // Under the lock: the object can't unregister and go before the result holds its count.
     args.ReturnObject(found->second);
     return true;

@@ -49,10 +49,8 @@ ScriptVal &LastResult(ScriptArgs &args)
 ScriptSymbol *FindTableForm(const ScriptInfo *info, const char *name)
 {
     const size_t length = std::strlen(name);
-    if (length < kTableNameMin || length > kTableNameMax)
-        return nullptr;
-    if (std::strcmp(name + length - kTableSuffix, "Table") != 0)
-        return nullptr;
+    if (length < kTableNameMin || length > kTableNameMax) return nullptr;
+    if (std::strcmp(name + length - kTableSuffix, "Table") != 0) return nullptr;
     const std::string base(name, length - kTableSuffix);
     return FindSymbol(info, base.c_str(), SST_Function);
 }
@@ -62,8 +60,7 @@ void ReturnConstructor(ScriptArgs &args, const char *name)
 {
     for (ScriptInfo *info = g_ScriptInfoList; info; info = info->m_Next)
     {
-        if (std::strcmp(info->m_Name, name) != 0)
-            continue;
+        if (std::strcmp(info->m_Name, name) != 0) continue;
         args.ReturnFunction(FindSymbol(info, nullptr, SST_Create));
         return;
     }
@@ -75,8 +72,7 @@ ScriptSymbol *ResolveFunction(const ScriptObject *object, uint64_t address)
 {
     for (const ScriptInfo *info = ClassOf(object); info; info = info->Parent())
         for (ScriptSymbol *symbol = info->m_Symbols; symbol; symbol = symbol->m_Next)
-            if (reinterpret_cast<uintptr_t>(symbol) == address)
-                return symbol;
+            if (reinterpret_cast<uintptr_t>(symbol) == address) return symbol;
     return FindSymbolByAddress(address);
 }
 
@@ -101,14 +97,12 @@ bool CallMember(ScriptObject *object, const ScriptVal &name, ScriptArgs &args)
     const ScriptInfo *info = ClassOf(object);
     ScriptSymbol *getTable = FindSymbol(info, nullptr, SST_GetTable);
     ScriptSymbol *callFunction = FindSymbol(info, nullptr, SST_CallFunction);
-    if (!getTable || !callFunction)
-        return false;
+    if (!getTable || !callFunction) return false;
     ScriptArgs lookup;
     lookup.FindKey(0) = name;
     getTable->Call(object, lookup, false);
     const ScriptVal &function = lookup.FindKeyConst(-1);
-    if (!function.IsFunction())
-        return false;
+    if (!function.IsFunction()) return false;
     args.FindKey(0) = function;
     callFunction->Call(object, args, false);
     return true;
@@ -146,8 +140,7 @@ void RootGetTable(void *self, ScriptArgs &args, ScriptSymbol *, bool)
         break;
     case SST_Function:
         args.ReturnFunction(symbol);
-        if (packed)
-            LastResult(args).SetFlags(SVF_PackResults);
+        if (packed) LastResult(args).SetFlags(SVF_PackResults);
         break;
     default:
         args.ReturnNil();
@@ -165,8 +158,7 @@ void RootSetTable(void *self, ScriptArgs &args, ScriptSymbol *, bool)
         return;
     }
     ScriptSymbol *symbol = FindSymbol(ClassOf(object), name, 0);
-    if (symbol && symbol->Number() == SST_Variable)
-        symbol->Call(object, args, true);
+    if (symbol && symbol->Number() == SST_Variable) symbol->Call(object, args, true);
 }
 
 void RootEQ(void *self, ScriptArgs &args, ScriptSymbol *, bool)
@@ -189,8 +181,7 @@ void RootCallFunction(void *self, ScriptArgs &args, ScriptSymbol *, bool)
     ScriptObject *object = Self(self);
     const ScriptVal &function = args.FindKeyConst(0);
     const uint64_t address = function.ToFunction();
-    if (!address)
-        return;
+    if (!address) return;
     const bool pack = function.GetFlags(SVF_PackResults) != 0;
     // The value may have come over the wire: only a symbol that exists here is called.
     ScriptSymbol *symbol = ResolveFunction(object, address);
@@ -200,8 +191,7 @@ void RootCallFunction(void *self, ScriptArgs &args, ScriptSymbol *, bool)
         return;
     }
     symbol->Call(object, args, false);
-    if (pack)
-        PackResults(args);
+    if (pack) PackResults(args);
 }
 
 void RootCallMemberFunction(void *self, ScriptArgs &args, ScriptSymbol *, bool)
@@ -220,8 +210,7 @@ void RootObjectFromAddress(void *, ScriptArgs &args, ScriptSymbol *, bool)
     const bool valid = low >= 0.0 && low < kHalf && high >= 0.0 && high < kHalf;
     const uint64_t address =
         valid ? (static_cast<uint64_t>(static_cast<uint32_t>(high)) << 32) | static_cast<uint32_t>(low) : 0;
-    if (!address || !ReturnObjectAtAddress(args, address))
-        args.SetError(SE_InvalidObject);
+    if (!address || !ReturnObjectAtAddress(args, address)) args.SetError(SE_InvalidObject);
 }
 
 // ---- the named members ------------------------------------------------------------------------------
@@ -230,8 +219,7 @@ void RootGetAttrs(void *self, ScriptArgs &args, ScriptSymbol *, bool)
 {
     ScriptObject *object = Self(self);
     ScriptSymbol *attrs = FindSymbol(ClassOf(object), nullptr, SST_GetSetAttrs);
-    if (!attrs)
-        return;
+    if (!attrs) return;
     const ScriptVal &key = args.FindKeyConst(1);
     ScriptArgs call;
     call.FindKey(1) = ScriptVal(SV_Table, nullptr);
@@ -245,8 +233,7 @@ void RootSetAttrs(void *self, ScriptArgs &args, ScriptSymbol *, bool)
 {
     ScriptObject *object = Self(self);
     ScriptSymbol *attrs = FindSymbol(ClassOf(object), nullptr, SST_GetSetAttrs);
-    if (!attrs)
-        return;
+    if (!attrs) return;
     ScriptArgs call;
     call.FindKey(1) = args.FindKeyConst(1);
     attrs->Call(object, call, true);
@@ -271,8 +258,7 @@ ScriptSymbolTags s_GetApp(1, "GetApp", SST_Function, RootGetApp, s_RootInfo, TAG
 
 bool CallScriptFunc(ScriptObject *object, const char *name, ScriptArgs &args, TagList *)
 {
-    if (!object || !name)
-        return false;
+    if (!object || !name) return false;
     return CallMember(object, ScriptVal(name), args);
 }
 

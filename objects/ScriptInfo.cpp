@@ -20,12 +20,30 @@ constinit ScriptInfo *g_ScriptInfoList = nullptr;
 namespace
 {
 const char *const kSpecialNames[] = {
-    "SST_Create",           "SST_Call",         "SST_GetTable",           "SST_SetTable",
-    "SST_Add",              "SST_Sub",          "SST_Mul",                "SST_Div",
-    "SST_Pow",              "SST_Unm",          "SST_EQ",                 "SST_LE",
-    "SST_LT",               "SST_Concat",       "SST_ToString",           "SST_CallFunction",
-    "SST_CallMemberFunction", "SST_GetSetAttrs", "SST_GetCustomData",     "SST_SetCustomData",
-    "SST_ObjectFromAddress", "SST_OnConnect",   "SST_OnConnectFailed",    "SST_OnDisconnect",
+    "SST_Create",
+    "SST_Call",
+    "SST_GetTable",
+    "SST_SetTable",
+    "SST_Add",
+    "SST_Sub",
+    "SST_Mul",
+    "SST_Div",
+    "SST_Pow",
+    "SST_Unm",
+    "SST_EQ",
+    "SST_LE",
+    "SST_LT",
+    "SST_Concat",
+    "SST_ToString",
+    "SST_CallFunction",
+    "SST_CallMemberFunction",
+    "SST_GetSetAttrs",
+    "SST_GetCustomData",
+    "SST_SetCustomData",
+    "SST_ObjectFromAddress",
+    "SST_OnConnect",
+    "SST_OnConnectFailed",
+    "SST_OnDisconnect",
     "SST_IsDebug",
 };
 static_assert(sizeof(kSpecialNames) / sizeof(kSpecialNames[0]) == SST_LastSpecial - SST_FirstSpecial + 1);
@@ -40,8 +58,7 @@ bool Unlink(ScriptSymbol *&head, ScriptSymbol *symbol)
 {
     for (ScriptSymbol **link = &head; *link; link = &(*link)->m_Next)
     {
-        if (*link != symbol)
-            continue;
+        if (*link != symbol) continue;
         *link = symbol->m_Next;
         symbol->m_Next = nullptr;
         return true;
@@ -55,8 +72,7 @@ void HandDownConstants(ScriptInfo &info)
     ScriptInfo *top = &info;
     while (top->Parent())
         top = top->Parent();
-    if (top == &info)
-        return;
+    if (top == &info) return;
     ScriptSymbol *moved = nullptr;
     ScriptSymbol **movedTail = &moved;
     ScriptSymbol **link = &info.m_Symbols;
@@ -78,11 +94,9 @@ void HandDownConstants(ScriptInfo &info)
 
 bool NameMatches(const ScriptSymbol *symbol, const char *name, unsigned long number)
 {
-    if (!name)
-        return symbol->m_Name.IsEmpty() && symbol->Number() == number;
+    if (!name) return symbol->m_Name.IsEmpty() && symbol->Number() == number;
     const char *own = symbol->m_Name.Text();
-    if (!own || !*own || std::strcmp(own, name) != 0)
-        return false;
+    if (!own || !*own || std::strcmp(own, name) != 0) return false;
     return number == 0 || symbol->Number() == number;
 }
 
@@ -105,18 +119,15 @@ void CallTrampoline(void *data)
 
 const char *SpecialSymbolName(unsigned long number)
 {
-    if (number < SST_FirstSpecial || number > SST_LastSpecial)
-        return nullptr;
+    if (number < SST_FirstSpecial || number > SST_LastSpecial) return nullptr;
     return kSpecialNames[number - SST_FirstSpecial];
 }
 
 uint32_t SpecialSymbolNumber(const char *name)
 {
-    if (!name)
-        return 0;
+    if (!name) return 0;
     for (uint32_t number = SST_FirstSpecial; number <= SST_LastSpecial; ++number)
-        if (std::strcmp(kSpecialNames[number - SST_FirstSpecial], name) == 0)
-            return number;
+        if (std::strcmp(kSpecialNames[number - SST_FirstSpecial], name) == 0) return number;
     return 0;
 }
 
@@ -151,21 +162,17 @@ ScriptSymbol *FindSymbol(const ScriptInfo *info, const char *name, unsigned long
 {
     if (number >= SST_FirstSpecial)
     {
-        if (!IsSpecial(number))
-            return nullptr;
+        if (!IsSpecial(number)) return nullptr;
         for (const ScriptInfo *r = info; r; r = r->Parent())
-            if (ScriptSymbol *symbol = r->m_Special[number - SST_FirstSpecial])
-                return symbol;
+            if (ScriptSymbol *symbol = r->m_Special[number - SST_FirstSpecial]) return symbol;
         return nullptr;
     }
     for (const ScriptInfo *r = info; r; r = r->Parent())
     {
         for (ScriptSymbol *symbol = r->m_Symbols; symbol; symbol = symbol->m_Next)
         {
-            if (!NameMatches(symbol, name, number))
-                continue;
-            if ((symbol->m_Flags & SSF_DebugOnly) && !IsScriptDebug())
-                continue;
+            if (!NameMatches(symbol, name, number)) continue;
+            if ((symbol->m_Flags & SSF_DebugOnly) && !IsScriptDebug()) continue;
             return symbol;
         }
     }
@@ -174,16 +181,13 @@ ScriptSymbol *FindSymbol(const ScriptInfo *info, const char *name, unsigned long
 
 ScriptSymbol *FindSymbolByAddress(uint64_t address)
 {
-    if (!address)
-        return nullptr;
+    if (!address) return nullptr;
     for (ScriptInfo *info = g_ScriptInfoList; info; info = info->m_Next)
     {
         for (ScriptSymbol *symbol = info->m_Symbols; symbol; symbol = symbol->m_Next)
-            if (reinterpret_cast<uintptr_t>(symbol) == address)
-                return symbol;
+            if (reinterpret_cast<uintptr_t>(symbol) == address) return symbol;
         for (ScriptSymbol *symbol : info->m_Special)
-            if (symbol && reinterpret_cast<uintptr_t>(symbol) == address)
-                return symbol;
+            if (symbol && reinterpret_cast<uintptr_t>(symbol) == address) return symbol;
     }
     return nullptr;
 }
@@ -192,8 +196,7 @@ ScriptSymbol *FindSymbolByAddress(uint64_t address)
 
 void _InitScriptInfo(ScriptInfo &info, ScriptInfo *parent)
 {
-    if (info.IsLinked())
-        return;
+    if (info.IsLinked()) return;
     info.m_Parent = parent && parent != &info ? parent : g_RootScriptInfo;
     HandDownConstants(info);
 }
@@ -207,8 +210,7 @@ void _SetScriptInfo(void *object, ScriptInfo &info)
         ScriptInfo *current = target ? target->GetScriptInfo() : nullptr;
         _InitScriptInfo(info, current);
     }
-    if (target)
-        target->SetScriptInfo(&info);
+    if (target) target->SetScriptInfo(&info);
 }
 
 // ---- ScriptSymbol -----------------------------------------------------------------------------------
@@ -216,7 +218,8 @@ void _SetScriptInfo(void *object, ScriptInfo &info)
 ScriptSymbol::ScriptSymbol(unsigned long version, const char *name, unsigned long flags, ScriptFunc function,
                            ScriptInfo &owner, const char *shortHelp, const char *longHelp)
     : m_Version(static_cast<uint32_t>(version)), m_Next(nullptr), m_Owner(&owner), m_Name(name),
-      m_Flags(static_cast<uint32_t>(flags)), m_Function(function), m_ShortHelp(shortHelp), m_LongHelp(longHelp)
+      m_Flags(static_cast<uint32_t>(flags)), m_Function(function), m_ShortHelp(shortHelp),
+      m_LongHelp(longHelp)
 {
     const uint32_t number = Number();
     if (number < SST_FirstSpecial)
@@ -236,14 +239,12 @@ ScriptSymbol::~ScriptSymbol()
     if (number >= SST_FirstSpecial)
     {
         ScriptSymbol *&slot = m_Owner->m_Special[number - SST_FirstSpecial];
-        if (slot == this)
-            slot = nullptr;
+        if (slot == this) slot = nullptr;
         return;
     }
     // A constant may have moved up to the top of its owner's chain.
     for (ScriptInfo *info = m_Owner; info; info = info->Parent())
-        if (Unlink(info->m_Symbols, this))
-            return;
+        if (Unlink(info->m_Symbols, this)) return;
 }
 
 void ScriptSymbol::Call(ScriptObject *object, ScriptArgs &args, bool set)
@@ -261,22 +262,19 @@ void ScriptSymbol::Call(ScriptObject *object, ScriptArgs &args, bool set)
 
 void ScriptSymbol::CallHere(ScriptObject *object, ScriptArgs &args, bool set)
 {
-    if (m_Function)
-        m_Function(m_Owner->FromObj(object), args, this, set);
+    if (m_Function) m_Function(m_Owner->FromObj(object), args, this, set);
 }
 
 // ---- custom data ----------------------------------------------------------------------------------
 
 void ReturnCustomData(ScriptArgs &args, const char *name, const ScriptVal &data, TagList *)
 {
-    if (!data.IsTable())
-        return;
+    if (!data.IsTable()) return;
     if (name)
     {
         // A missing key may come back as null or as the constant nil: either way, no result.
         const ScriptVal *value = data.FindKeyNestConst(name);
-        if (value && !value->IsNil())
-            args.Return(*value);
+        if (value && !value->IsNil()) args.Return(*value);
         return;
     }
     ScriptVal keys(SV_Table, nullptr);

@@ -29,12 +29,12 @@ class ORVEX_API ScriptInfo
 {
 public:
     uint32_t m_Version;
-    ScriptInfo *m_Next;           // the registry
-    ScriptInfo *m_Parent;         // null in the root, NotLinked() until the class is linked
-    const char *m_Name;           // as scripts see it; not copied
-    const char *m_Description;    // one line for the class list; not copied
-    const char *m_Text;           // stored for the host, not read here
-    ScriptSymbol *m_Symbols;      // named symbols, newest first
+    ScriptInfo *m_Next;                           // the registry
+    ScriptInfo *m_Parent;                         // null in the root, NotLinked() until the class is linked
+    const char *m_Name;                           // as scripts see it; not copied
+    const char *m_Description;                    // one line for the class list; not copied
+    const char *m_Text;                           // stored for the host, not read here
+    ScriptSymbol *m_Symbols;                      // named symbols, newest first
     ScriptSymbol *m_Special[SST_NumSpecialSlots]; // index: number less 128
     ScriptVal m_CustomData;
 

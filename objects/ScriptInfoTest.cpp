@@ -24,8 +24,7 @@ void Nop(void *, ScriptArgs &, ScriptSymbol *, bool) {}
 bool InRegistry(const ScriptInfo *record)
 {
     for (const ScriptInfo *info = g_ScriptInfoList; info; info = info->m_Next)
-        if (info == record)
-            return true;
+        if (info == record) return true;
     return false;
 }
 
@@ -254,7 +253,7 @@ TEST(SpecialSymbolNames, CoverTheNumbersFromCreateToIsDebug)
 
 ScriptInfoT<Scripted> s_HelpInfo(1, "Picture");
 ScriptSymbolTags s_Scale(1, "Scale", SST_Function, Nop, s_HelpInfo,                         //
-                         SYMS_ShortHelp, "Scales the picture",                               //
+                         SYMS_ShortHelp, "Scales the picture",                              //
                          SYMS_Prototype, "Gives the new width.",                            //
                          SYMS_ReturnType, "number", SYMS_ReturnDesc, "the width",           //
                          SYMS_ArgType, "number", SYMS_ArgName, "factor",                    //
@@ -275,7 +274,8 @@ TEST(ScriptSymbolTagsHelp, FunctionPrototypeWithOptionalArgumentAndDescription)
 TEST(ScriptSymbolTagsHelp, UntypedFunctionAndVariableForms)
 {
     TagList untyped(SYMS_Prototype, "", SYMS_ArgType, "table", TAG_DONE);
-    EXPECT_STREQ(ScriptSymbolTags::BuildHelp(untyped, SST_Function, "Pic", "Fill").Text(), "Pic:Fill(table)\n");
+    EXPECT_STREQ(ScriptSymbolTags::BuildHelp(untyped, SST_Function, "Pic", "Fill").Text(),
+                 "Pic:Fill(table)\n");
 
     TagList variable(SYMS_Prototype, "The width.", SYMS_ReturnType, "number", TAG_DONE);
     EXPECT_STREQ(ScriptSymbolTags::BuildHelp(variable, SST_Variable, "Pic", "Width").Text(),

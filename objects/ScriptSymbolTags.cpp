@@ -34,8 +34,7 @@ std::string Format(const char *format, ...)
     const int length = std::vsnprintf(nullptr, 0, format, copy);
     va_end(copy);
     std::string text(length > 0 ? static_cast<size_t>(length) : 0, '\0');
-    if (length > 0)
-        std::vsnprintf(text.data(), text.size() + 1, format, args);
+    if (length > 0) std::vsnprintf(text.data(), text.size() + 1, format, args);
     va_end(args);
     return text;
 }
@@ -48,7 +47,8 @@ Tag *WriteHead(const Prototype &p, Tag *opener)
     const bool typed = next && *next == SYMS_ReturnType;
     const char *type = typed ? p.tags.GetSafeString(next) : nullptr;
     if (p.kind == SST_Function)
-        p.out += typed ? Format("%s %s:%s(", type, p.className, p.name) : Format("%s:%s(", p.className, p.name);
+        p.out +=
+            typed ? Format("%s %s:%s(", type, p.className, p.name) : Format("%s:%s(", p.className, p.name);
     else if (typed)
         p.out += Format("%s = %s.%s", type, p.className, p.name);
     return typed ? p.tags.Next(next) : next;
@@ -67,10 +67,8 @@ Tag *WriteArguments(const Prototype &p, Tag *at)
             optional = p.tags.GetBool(at);
             continue;
         }
-        if (*at == SYMS_ReturnDesc)
-            continue;
-        if (*at != SYMS_ArgType)
-            break;
+        if (*at == SYMS_ReturnDesc) continue;
+        if (*at != SYMS_ArgType) break;
         const char *type = p.tags.GetSafeString(at);
         Tag *nameTag = p.tags.Next(at);
         const char *argName = nullptr;
@@ -86,8 +84,7 @@ Tag *WriteArguments(const Prototype &p, Tag *at)
                 p.out += " [";
                 ++opened;
             }
-            if (++count > 1)
-                p.out += ", ";
+            if (++count > 1) p.out += ", ";
             p.out += argName ? Format("%s %s", type, argName) : std::string(type);
         }
         else
@@ -109,19 +106,15 @@ KeID ScriptSymbolTags::BuildHelp(const TagList &tags, uint32_t kind, const char 
     Prototype p{tags, kind, cls, member, help};
     for (Tag *at = tags.Find(SYMS_Prototype); at; at = tags.FindNext(SYMS_Prototype, at))
     {
-        if (kind == SST_Function || kind == SST_Variable)
-            WriteArguments(p, WriteHead(p, at));
+        if (kind == SST_Function || kind == SST_Variable) WriteArguments(p, WriteHead(p, at));
         const char *description = tags.GetSafeString(at);
-        if (*description)
-            help += Format("  %s\n\n", description);
+        if (*description) help += Format("  %s\n\n", description);
     }
     for (Tag *at = tags.First(); at; at = tags.Next(at))
     {
-        if (*at != SYMS_LongHelp && *at != SYMS_LongHelp2)
-            continue;
+        if (*at != SYMS_LongHelp && *at != SYMS_LongHelp2) continue;
         const char *paragraph = tags.GetSafeString(at);
-        if (*paragraph)
-            help += Format("%s\n\n", paragraph);
+        if (*paragraph) help += Format("%s\n\n", paragraph);
     }
     return KeID(help.c_str());
 }

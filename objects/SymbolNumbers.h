@@ -57,13 +57,13 @@ ORVEX_API uint32_t SpecialSymbolNumber(const char *name);
 
 // Flag bits of ScriptSymbol::m_Flags beside the number in the low byte.
 constexpr uint32_t SSF_NumberMask = 0x000000FFu;
-constexpr uint32_t SSF_Read = 0x00000100u;             // a readable variable
-constexpr uint32_t SSF_Write = 0x00000200u;            // a writable variable
-constexpr uint32_t SSF_MainThread = 0x00100000u;       // read or call runs on the main thread
-constexpr uint32_t SSF_MainThreadWrite = 0x00200000u;  // write runs on the main thread
-constexpr uint32_t SSF_HideHelp = 0x00400000u;         // left out of help lists unless debugging
-constexpr uint32_t SSF_Tags = 0x40000000u;             // the record is a ScriptSymbolTags
-constexpr uint32_t SSF_DebugOnly = 0x80000000u;        // found by no look-up unless debugging
+constexpr uint32_t SSF_Read = 0x00000100u;            // a readable variable
+constexpr uint32_t SSF_Write = 0x00000200u;           // a writable variable
+constexpr uint32_t SSF_MainThread = 0x00100000u;      // read or call runs on the main thread
+constexpr uint32_t SSF_MainThreadWrite = 0x00200000u; // write runs on the main thread
+constexpr uint32_t SSF_HideHelp = 0x00400000u;        // left out of help lists unless debugging
+constexpr uint32_t SSF_Tags = 0x40000000u;            // the record is a ScriptSymbolTags
+constexpr uint32_t SSF_DebugOnly = 0x80000000u;       // found by no look-up unless debugging
 
 // On a function value handed out under "<name>Table": its results come back packed in one table.
 constexpr uint32_t SVF_PackResults = 0x00100000u;

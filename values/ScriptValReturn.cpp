@@ -35,11 +35,9 @@ void ScriptVal::Return(const ScriptVal &value)
     else
         return;
     // A full count drops the result: one more would wrap to key 0, where the member name stands.
-    if (count >= kMaxReturns)
-        return;
+    if (count >= kMaxReturns) return;
     ++count;
-    if (Type() == SV_Args)
-        m_Value.m_Args.m_NumReturns = static_cast<uint8_t>(count);
+    if (Type() == SV_Args) m_Value.m_Args.m_NumReturns = static_cast<uint8_t>(count);
     ScriptVal &slot = FindKey(-count);
     slot.ClearFlags(SVF_Const);
     slot = value;

@@ -1,0 +1,342 @@
+// Tests of the members every object has through the root class: member reads and writes with the
+// "Table" rule and constructors of registered classes, function values and member calls end to end,
+// CallScriptFunc, equality and text form, objects named by address, and GetAttrs / SetAttrs / GetApp.
+
+#include <gtest/gtest.h>
+
+#include <cinttypes>
+#include <cstdio>
+#include <string>
+
+#include "objects/ObjectHooks.h"
+#include "objects/ScriptInfo.h"
+#include "objects/TestObjects.h"
+
+namespace orvexScript
+{
+namespace
+{
+
+using testobjects::FunctionValue;
+using testobjects::NumReturns;
+using testobjects::RunSpecial;
+using testobjects::Scripted;
+
+// A class with a function of two results, a variable, a function literally named "Table", a
+// one-letter function for the shortest "Table" form, and an attribute table.
+class Widget : public Scripted
+{
+public:
+    Widget() { _SetScriptInfo(this, s_Info); }
+    static ScriptInfoT<Widget> s_Info;
+    double m_Size = 4;
+    int m_Calls = 0;
+};
+
+void WidgetMinMax(void *self, ScriptArgs &args, ScriptSymbol *, bool)
+{
+    static_cast<Widget *>(self)->m_Calls++;
+    args.ReturnNumber(args.FindKeyConst(1).ToNumber() - 1);
+    args.ReturnNumber(args.FindKeyConst(1).ToNumber() + 1);
+}
+
+void WidgetSize(void *self, ScriptArgs &args, ScriptSymbol *, bool set)
+{
+    Widget *widget = static_cast<Widget *>(self);
+    if (set)
+        widget->m_Size = args.FindKeyConst(1).ToNumber();
+    else
+        args.ReturnNumber(widget->m_Size);
+}
+
+void WidgetName(void *, ScriptArgs &args, ScriptSymbol *symbol, bool)
+{
+    args.ReturnString(symbol->m_Name);
+}
+
+// Key 1 is the attribute table: filled on a read, taken from on a write.
+void WidgetAttrs(void *self, ScriptArgs &args, ScriptSymbol *, bool set)
+{
+    Widget *widget = static_cast<Widget *>(self);
+    ScriptVal &table = args.FindKey(1);
+    if (set)
+        widget->m_Size = table.FindKeyConst("Size").ToNumber(widget->m_Size);
+    else
+        table.FindKey("Size") = widget->m_Size;
+}
+
+ScriptInfoT<Widget> Widget::s_Info(1, "Widget");
+ScriptSymbol s_MinMax(1, "MinMax", SST_Function, WidgetMinMax, Widget::s_Info);
+ScriptSymbol s_Size(1, "Size", SST_Variable | SSF_Read | SSF_Write, WidgetSize, Widget::s_Info);
+ScriptSymbol s_TableFunc(1, "Table", SST_Function, WidgetName, Widget::s_Info);
+ScriptSymbol s_X(1, "X", SST_Function, WidgetName, Widget::s_Info);
+ScriptSymbol s_Topic(1, "Topic", SST_HelpTopic, WidgetName, Widget::s_Info);
+ScriptSymbol s_Attrs(1, nullptr, SST_GetSetAttrs, WidgetAttrs, Widget::s_Info);
+
+// A registered class with a constructor.
+ScriptInfoT<Scripted> s_GadgetInfo(1, "Gadget");
+ScriptSymbol s_GadgetCreate(1, nullptr, SST_Create, WidgetName, s_GadgetInfo);
+
+// A class that can't look members up: its chain is not linked to the root.
+ScriptInfoT<Scripted> s_IslandInfo(1, "Island");
+class Island : public Scripted
+{
+public:
+    Island() { SetScriptInfo(&s_IslandInfo); }
+};
+
+ScriptArgs Named(const char *name)
+{
+    ScriptArgs args;
+    args.FindKey(0) = name;
+    return args;
+}
+
+class RootMembers : public ::testing::Test
+{
+protected:
+    void TearDown() override { SetRootObjectHook(nullptr); }
+    // Reads member `name` of the widget and gives the first result.
+    ScriptVal Get(const char *name)
+    {
+        ScriptArgs args = Named(name);
+        RunSpecial(&m_Widget, SST_GetTable, args);
+        return args.FindKeyConst(-1);
+    }
+    Widget m_Widget;
+};
+
+TEST_F(RootMembers, GetTableGivesFunctionsAsValuesAndCallsVariables)
+{
+    ScriptVal function = Get("MinMax");
+    ASSERT_TRUE(function.IsFunction());
+    EXPECT_EQ(function.ToFunction(), FunctionValue(s_MinMax));
+    EXPECT_EQ(function.GetFlags(SVF_PackResults), 0u);
+
+    EXPECT_EQ(Get("Size").ToNumber(), 4.0);
+    EXPECT_TRUE(Get("Topic").IsNil());
+    EXPECT_TRUE(Get("NoSuchMember").IsNil());
+}
+
+TEST_F(RootMembers, GetTableNeedsAStringName)
+{
+    ScriptArgs args;
+    args.FindKey(0) = 5;
+    RunSpecial(&m_Widget, SST_GetTable, args);
+    EXPECT_EQ(args.FindKeyConst("Error").ToNumber(), static_cast<double>(SE_InvalidIndex));
+    EXPECT_STREQ(args.FindKeyConst("ErrorString").ToString(), "Invalid index.");
+    EXPECT_EQ(NumReturns(args), 0);
+}
+
+TEST_F(RootMembers, SetTableWritesVariablesOnly)
+{
+    ScriptArgs args = Named("Size");
+    args.FindKey(1) = 9;
+    RunSpecial(&m_Widget, SST_SetTable, args, true);
+    EXPECT_EQ(m_Widget.m_Size, 9.0);
+
+    ScriptArgs call = Named("MinMax");
+    call.FindKey(1) = 1;
+    RunSpecial(&m_Widget, SST_SetTable, call, true);
+    EXPECT_EQ(m_Widget.m_Calls, 0);
+}
+
+TEST_F(RootMembers, TableSuffixGivesTheSameFunctionWithPackedResults)
+{
+    ScriptVal packed = Get("MinMaxTable");
+    ASSERT_TRUE(packed.IsFunction());
+    EXPECT_EQ(packed.ToFunction(), FunctionValue(s_MinMax));
+    EXPECT_NE(packed.GetFlags(SVF_PackResults), 0u);
+
+    ScriptArgs args;
+    args.FindKey(0) = packed;
+    args.FindKey(1) = 10;
+    RunSpecial(&m_Widget, SST_CallFunction, args);
+    ASSERT_EQ(NumReturns(args), 1);
+    const ScriptVal &table = args.FindKeyConst(-1);
+    ASSERT_TRUE(table.IsTable());
+    EXPECT_EQ(table.FindKeyConst(1).ToNumber(), 9.0);
+    EXPECT_EQ(table.FindKeyConst(2).ToNumber(), 11.0);
+    EXPECT_TRUE(args.FindKeyConst(-2).IsNil());
+}
+
+TEST_F(RootMembers, TableSuffixNeedsSixLettersAndAFunction)
+{
+    // "Table" is an ordinary name: the function of that name, unpacked.
+    ScriptVal plain = Get("Table");
+    EXPECT_EQ(plain.ToFunction(), FunctionValue(s_TableFunc));
+    EXPECT_EQ(plain.GetFlags(SVF_PackResults), 0u);
+
+    ScriptVal shortest = Get("XTable");
+    EXPECT_EQ(shortest.ToFunction(), FunctionValue(s_X));
+    EXPECT_NE(shortest.GetFlags(SVF_PackResults), 0u);
+
+    EXPECT_TRUE(Get("SizeTable").IsNil()); // a variable doesn't count
+}
+
+TEST_F(RootMembers, ClassNameGivesItsConstructorOnlyIfItHasOne)
+{
+    EXPECT_EQ(Get("Gadget").ToFunction(), FunctionValue(s_GadgetCreate));
+    EXPECT_TRUE(Get("Widget").IsNil());
+}
+
+TEST_F(RootMembers, CallMemberFunctionRunsAMemberInOneCommand)
+{
+    ScriptArgs args = Named("MinMax");
+    args.FindKey(1) = 5;
+    RunSpecial(&m_Widget, SST_CallMemberFunction, args);
+    ASSERT_EQ(NumReturns(args), 2);
+    EXPECT_EQ(args.FindKeyConst(-1).ToNumber(), 4.0);
+    EXPECT_EQ(args.FindKeyConst(-2).ToNumber(), 6.0);
+
+    ScriptArgs packed = Named("MinMaxTable");
+    packed.FindKey(1) = 5;
+    RunSpecial(&m_Widget, SST_CallMemberFunction, packed);
+    ASSERT_EQ(NumReturns(packed), 1);
+    EXPECT_EQ(packed.FindKeyConst(-1).FindKeyConst(2).ToNumber(), 6.0);
+
+    ScriptArgs variable = Named("Size");
+    RunSpecial(&m_Widget, SST_CallMemberFunction, variable);
+    EXPECT_EQ(NumReturns(variable), 0);
+    EXPECT_EQ(m_Widget.m_Calls, 2);
+}
+
+TEST_F(RootMembers, CallScriptFuncReportsWhetherItCalled)
+{
+    ScriptArgs args;
+    args.FindKey(1) = 1;
+    EXPECT_TRUE(CallScriptFunc(&m_Widget, "MinMax", args));
+    EXPECT_EQ(args.FindKeyConst(-2).ToNumber(), 2.0);
+
+    ScriptArgs other;
+    EXPECT_FALSE(CallScriptFunc(&m_Widget, "Size", other));
+    EXPECT_FALSE(CallScriptFunc(&m_Widget, "Nothing", other));
+    Island island;
+    EXPECT_FALSE(CallScriptFunc(&island, "MinMax", other));
+    EXPECT_FALSE(CallScriptFunc(nullptr, "MinMax", other));
+}
+
+TEST_F(RootMembers, CallFunctionCallsOnlySymbolsThatExist)
+{
+    ScriptArgs args;
+    ScriptValue forged{};
+    forged.m_Function = FunctionValue(s_MinMax) + 8;
+    args.FindKey(0) = ScriptVal(SV_Function, &forged);
+    RunSpecial(&m_Widget, SST_CallFunction, args);
+    EXPECT_EQ(args.FindKeyConst("Error").ToNumber(), static_cast<double>(SE_UnknownSymbol));
+    EXPECT_EQ(m_Widget.m_Calls, 0);
+
+    ScriptArgs none;
+    RunSpecial(&m_Widget, SST_CallFunction, none);
+    EXPECT_TRUE(none.FindKeyConst("Error").IsNil());
+}
+
+TEST_F(RootMembers, EqualityAndTextForm)
+{
+    Widget other;
+    ScriptArgs same;
+    same.FindKey(1) = static_cast<ScriptObject *>(&m_Widget);
+    RunSpecial(&m_Widget, SST_EQ, same);
+    EXPECT_TRUE(same.FindKeyConst(-1).ToBoolean());
+
+    ScriptArgs different;
+    different.FindKey(1) = static_cast<ScriptObject *>(&other);
+    RunSpecial(&m_Widget, SST_EQ, different);
+    ASSERT_TRUE(different.FindKeyConst(-1).IsBoolean());
+    EXPECT_FALSE(different.FindKeyConst(-1).ToBoolean());
+
+    ScriptArgs text;
+    RunSpecial(&m_Widget, SST_ToString, text);
+    char expected[64];
+    std::snprintf(expected, sizeof(expected), "Widget (0x%016" PRIXPTR ")",
+                  reinterpret_cast<uintptr_t>(&m_Widget));
+    EXPECT_STREQ(text.FindKeyConst(-1).ToString(), expected);
+}
+
+TEST_F(RootMembers, ObjectFromAddressAnswersOnlyForRegisteredObjects)
+{
+    const uint64_t address = reinterpret_cast<uintptr_t>(&m_Widget);
+    // Gives the number of results; `args` keeps them (a copy of args would drop the count).
+    ScriptArgs args;
+    auto ask = [&](double low, double high)
+    {
+        args = ScriptArgs();
+        args.FindKey(1) = low;
+        args.FindKey(2) = high;
+        RunSpecial(&m_Widget, SST_ObjectFromAddress, args);
+        return NumReturns(args);
+    };
+    const double low = static_cast<double>(address & 0xFFFFFFFFu);
+    const double high = static_cast<double>(address >> 32);
+
+    // A live object that nobody registered is as unknown as any other number.
+    EXPECT_EQ(ask(low, high), 0);
+    EXPECT_EQ(args.FindKeyConst("Error").ToNumber(), static_cast<double>(SE_InvalidObject));
+    EXPECT_STREQ(args.FindKeyConst("ErrorString").ToString(), "Invalid object.");
+
+    RegisterObjectAddress(&m_Widget);
+    EXPECT_EQ(ask(low, high), 1);
+    EXPECT_EQ(args.FindKeyConst(-1).ToLocalObject(), &m_Widget);
+    EXPECT_EQ(ask(low + 8, high), 0);
+    EXPECT_EQ(ask(-1, high), 0);
+    EXPECT_EQ(ask(low, 4294967296.0), 0);
+    UnregisterObjectAddress(&m_Widget);
+
+    EXPECT_EQ(ask(low, high), 0);
+}
+
+TEST_F(RootMembers, GetAttrsAndSetAttrsGoThroughTheAttributeMember)
+{
+    ScriptArgs all = Named("GetAttrs");
+    RunSpecial(&m_Widget, SST_CallMemberFunction, all);
+    ASSERT_TRUE(all.FindKeyConst(-1).IsTable());
+    EXPECT_EQ(all.FindKeyConst(-1).FindKeyConst("Size").ToNumber(), 4.0);
+
+    ScriptArgs one = Named("GetAttrs");
+    one.FindKey(1) = "Size";
+    RunSpecial(&m_Widget, SST_CallMemberFunction, one);
+    EXPECT_EQ(one.FindKeyConst(-1).ToNumber(), 4.0);
+
+    ScriptArgs set = Named("SetAttrs");
+    set.FindKey(1) = ScriptVal(SV_Table, nullptr);
+    set.FindKey(1).FindKey("Size") = 12;
+    RunSpecial(&m_Widget, SST_CallMemberFunction, set);
+    EXPECT_EQ(m_Widget.m_Size, 12.0);
+}
+
+Widget *s_App = nullptr;
+ScriptObject *App()
+{
+    return s_App;
+}
+
+TEST_F(RootMembers, GetAppGivesTheConfiguredRootObject)
+{
+    ScriptArgs none = Named("GetApp");
+    RunSpecial(&m_Widget, SST_CallMemberFunction, none);
+    EXPECT_EQ(NumReturns(none), 1);
+    EXPECT_TRUE(none.FindKeyConst(-1).IsNil());
+
+    Widget app;
+    s_App = &app;
+    SetRootObjectHook(App);
+    ScriptArgs args = Named("GetApp");
+    RunSpecial(&m_Widget, SST_CallMemberFunction, args);
+    EXPECT_EQ(args.FindKeyConst(-1).ToLocalObject(), &app);
+    s_App = nullptr;
+}
+
+TEST(RootMemberHelp, NamedRootMembersAreFunctionsWithEmptyHelp)
+{
+    for (const char *name : {"GetAttrs", "SetAttrs", "GetApp"})
+    {
+        ScriptSymbol *symbol = FindSymbol(g_RootScriptInfo, name, SST_Function);
+        ASSERT_NE(symbol, nullptr) << name;
+        EXPECT_TRUE(symbol->m_Flags & SSF_Tags);
+        EXPECT_TRUE(symbol->m_ShortHelp.IsEmpty());
+        EXPECT_TRUE(symbol->m_LongHelp.IsEmpty());
+    }
+}
+
+} // namespace
+} // namespace orvexScript
