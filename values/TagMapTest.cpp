@@ -192,15 +192,6 @@ TEST(TagMap, RepeatableTagsAccumulateAcrossGroups)
     EXPECT_EQ(tags.GetLong(second), 2u);
 }
 
-TEST(TagMap, NothingHappensTowardsTables)
-{
-    ScriptVal t = Table();
-    t["Width"] = 1;
-    TagList tags;
-    EXPECT_EQ(scriptval_maptags(kEntries, false, t, tags), 0);
-    EXPECT_TRUE(tags.IsEmpty());
-}
-
 // ---- MapTag -----------------------------------------------------------------------------------
 
 TEST(MapTag, CopiesAndAssignmentsCopyChildrenDeeply)
