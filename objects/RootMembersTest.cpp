@@ -326,17 +326,5 @@ TEST_F(RootMembers, GetAppGivesTheConfiguredRootObject)
     s_App = nullptr;
 }
 
-TEST(RootMemberHelp, NamedRootMembersAreFunctionsWithEmptyHelp)
-{
-    for (const char *name : {"GetAttrs", "SetAttrs", "GetApp"})
-    {
-        ScriptSymbol *symbol = FindSymbol(g_RootScriptInfo, name, SST_Function);
-        ASSERT_NE(symbol, nullptr) << name;
-        EXPECT_TRUE(symbol->m_Flags & SSF_Tags);
-        EXPECT_TRUE(symbol->m_ShortHelp.IsEmpty());
-        EXPECT_TRUE(symbol->m_LongHelp.IsEmpty());
-    }
-}
-
 } // namespace
 } // namespace orvexScript

@@ -58,8 +58,9 @@ public:
     ScriptInfo *Parent() const { return IsLinked() ? m_Parent : nullptr; }
 };
 
-// The record of class T, which derives from ScriptObject.
-template <typename T> class ScriptInfoT : public ScriptInfo
+// The record of class T, which derives from ScriptObject. Final, so that a record made at run time is
+// deleted through its own type (ScriptInfo has no virtual destructor).
+template <typename T> class ScriptInfoT final : public ScriptInfo
 {
 public:
     ScriptInfoT(unsigned long version, const char *name, const char *description = "",

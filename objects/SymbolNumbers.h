@@ -6,7 +6,7 @@
 #include <cstdint>
 
 #include "values/Export.h"
-#include "values/TagList.h"
+#include "values/ScriptObject.h" // Tag
 
 namespace orvexScript
 {
@@ -66,6 +66,7 @@ constexpr uint32_t SSF_Tags = 0x40000000u;            // the record is a ScriptS
 constexpr uint32_t SSF_DebugOnly = 0x80000000u;       // found by no look-up unless debugging
 
 // On a function value handed out under "<name>Table": its results come back packed in one table.
+// The same bit as SVF_Single, which means nothing on a function value.
 constexpr uint32_t SVF_PackResults = 0x00100000u;
 
 // Declaration tags of ScriptSymbolTags.
