@@ -1,4 +1,4 @@
-# Two helpers that every subsystem folder uses.
+# The helpers that every subsystem folder uses.
 #
 # orvex_library(NAME DEPS <targets...>)
 #   A static, position independent archive of the folder's *.cpp and linux/*.cpp, leaving out
