@@ -96,6 +96,17 @@ void BM_CopyKeID(benchmark::State &state)
 }
 BENCHMARK(BM_CopyKeID);
 
+// The least a copy of a shared, counted block can cost: one atomic increment and one decrement.
+void BM_AtomicPairBaseline(benchmark::State &state)
+{
+    static std::atomic<int32_t> count{1};
+    TimedLoop(state, "atomic pair", [&] {
+        count.fetch_add(1);
+        benchmark::DoNotOptimize(count.fetch_sub(1));
+    });
+}
+BENCHMARK(BM_AtomicPairBaseline);
+
 // ---- 2. copying a dense numeric table: array path against the general path ---------------------
 
 ScriptVal NumberTable(int n, bool gap)
@@ -171,10 +182,14 @@ void PrintSummary()
 {
     auto get = [](const std::string &name) { return g_Results.count(name) ? g_Results[name] : 0.0; };
     std::printf("\nSummary\n");
-    std::printf("  copy ScriptVal string: %.2f ns, %.3f allocations per copy\n", get("copy ScriptVal string"),
-                get("copy ScriptVal string.allocs"));
-    std::printf("  copy KeID:             %.2f ns, %.3f allocations per copy\n", get("copy KeID"),
-                get("copy KeID.allocs"));
+    double pair = get("atomic pair");
+    auto overPair = [pair](double ns) { return pair > 0 ? ns / pair : 0.0; };
+    std::printf("  atomic increment + decrement (baseline): %.2f ns\n", pair);
+    std::printf("  copy ScriptVal string: %.2f ns, %.3f allocations per copy, %.2f x baseline\n",
+                get("copy ScriptVal string"), get("copy ScriptVal string.allocs"),
+                overPair(get("copy ScriptVal string")));
+    std::printf("  copy KeID:             %.2f ns, %.3f allocations per copy, %.2f x baseline\n",
+                get("copy KeID"), get("copy KeID.allocs"), overPair(get("copy KeID")));
     double dense = get("copy 100000 dense"), gap = get("copy 100000 with gap");
     std::printf("  copy 100000 numbers: array path %.2f ms, general path %.2f ms, general/array %.2f\n",
                 dense / 1e6, gap / 1e6, dense > 0 ? gap / dense : 0.0);

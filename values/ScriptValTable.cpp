@@ -661,7 +661,9 @@ void ScriptVal::StoreTable(const ScriptValue *src)
 }
 
 // Dense numeric arrays (keys 1..N, N above 64, number values) skip the sorted insertion. The copy
-// becomes a bare one-line table: constructor name and the source's flags are dropped.
+// becomes a bare one-line table: constructor name and the source's flags are dropped. The new value is
+// built aside (Set cleans the target only afterwards), so the source stays intact while it is read and
+// the entries can be made in one forward pass, with no temporary array.
 bool ScriptVal::CopyArray(const TableEntry *source)
 {
     size_t n = 0;
@@ -670,37 +672,30 @@ bool ScriptVal::CopyArray(const TableEntry *source)
             return false;
     if (n < kArrayPathMin)
         return false;
-    double *values = static_cast<double *>(std::malloc(n * sizeof(double)));
-    if (!values)
-        return false;
-    size_t i = 0;
-    for (const TableEntry *e = source; e; e = e->m_Next)
-        values[i++] = e->m_Value.m_Value.m_Number;
-    uint32_t valueWord = SV_Number | source->m_Value.GetFlags(SVF_Single);
-    TableEntry *head = nullptr;
-    TableEntry *last = nullptr;
-    for (i = n; i > 0; --i)
-    {
-        TableEntry *entry = new TableEntry();
-        if (!entry)
-            break;
-        entry->m_Key.m_Type = SV_Number;
-        entry->m_Key.m_Value.m_Number = static_cast<double>(i);
-        entry->m_Value.m_Type = valueWord;
-        entry->m_Value.m_Value.m_Number = values[i - 1];
-        entry->m_Next = head;
-        head = entry;
-        if (!last)
-            last = entry;
-    }
-    std::free(values);
+    const uint32_t valueWord = SV_Number | source->m_Value.GetFlags(SVF_Single);
     StringBlockRelease(m_Value.m_Table.m_ConstructorCopy);
     m_Value = ScriptValue{};
     m_Type = SV_Table | SVF_OneLine;
-    m_Value.m_Table.m_Table = head;
-    m_Value.m_Table.m_Last = last;
-    if (i > 0) // out of entries part-way: drop the partial list rather than keep a table with gaps
-        CleanTable();
+    TableEntry *last = nullptr;
+    for (const TableEntry *e = source; e; e = e->m_Next)
+    {
+        TableEntry *entry = new TableEntry();
+        if (!entry)
+        {
+            CleanTable(); // out of entries part-way: an empty table rather than one with gaps
+            return true;
+        }
+        entry->m_Key.m_Type = SV_Number;
+        entry->m_Key.m_Value.m_Number = e->m_Key.m_Value.m_Number;
+        entry->m_Value.m_Type = valueWord;
+        entry->m_Value.m_Value.m_Number = e->m_Value.m_Value.m_Number;
+        if (last)
+            last->m_Next = entry;
+        else
+            m_Value.m_Table.m_Table = entry;
+        last = entry;
+        m_Value.m_Table.m_Last = entry;
+    }
     return true;
 }
 

@@ -81,11 +81,16 @@ struct Form
     }
     Bytes Build() const
     {
-        Bytes out;
-        Put(out, uint32_t(section.size() + 4));
-        out.insert(out.end(), section.begin(), section.end());
-        Put(out, 0);
-        out.insert(out.end(), payload.begin(), payload.end());
+        // Sized once and filled in place: g++ 12 at -O3 misreads growing inserts as over-reads.
+        Bytes out(4 + section.size() + 4 + payload.size());
+        auto put = [&out](size_t at, uint32_t v) {
+            for (int i = 0; i < 4; ++i)
+                out[at + i] = uint8_t(v >> (8 * i));
+        };
+        put(0, uint32_t(section.size() + 4));
+        std::copy(section.begin(), section.end(), out.begin() + 4);
+        put(4 + section.size(), 0);
+        std::copy(payload.begin(), payload.end(), out.begin() + 8 + long(section.size()));
         return out;
     }
 };
