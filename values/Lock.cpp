@@ -4,6 +4,7 @@
 #include "values/Lock.h"
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 
 #include "values/Platform.h"
@@ -11,16 +12,31 @@
 namespace orvexScript
 {
 
-Lock::~Lock() = default;
+Lock::Lock()
+{
+    pthread_mutexattr_t attributes;
+    pthread_mutexattr_init(&attributes);
+    pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
+    // Robust, so that a thread that ends while holding the lock doesn't block every later waiter.
+    pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
+    pthread_mutex_init(&m_Mutex, &attributes);
+    pthread_mutexattr_destroy(&attributes);
+}
+
+Lock::~Lock()
+{
+    pthread_mutex_destroy(&m_Mutex);
+}
 
 void Lock::ObtainLock()
 {
-    m_Mutex.lock();
+    // The owner ended holding the lock: it is ours now, held once, and usable again.
+    if (pthread_mutex_lock(&m_Mutex) == EOWNERDEAD) pthread_mutex_consistent(&m_Mutex);
 }
 
 void Lock::ReleaseLock()
 {
-    m_Mutex.unlock();
+    pthread_mutex_unlock(&m_Mutex);
 }
 
 Event::~Event() = default;

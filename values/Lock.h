@@ -3,6 +3,8 @@
 // lock or reports an error.
 #pragma once
 
+#include <pthread.h>
+
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -12,11 +14,12 @@
 namespace orvexScript
 {
 
-// A recursive lock owned by a thread; waits in the kernel.
+// A recursive lock owned by a thread; waits in the kernel. A lock whose owner ended without releasing
+// it passes to the next thread that obtains it.
 class ORVEX_API Lock
 {
 public:
-    Lock() = default;
+    Lock();
     Lock(const Lock &) = delete;
     Lock &operator=(const Lock &) = delete;
     virtual ~Lock();
@@ -26,7 +29,7 @@ public:
     void ReleaseLock();
 
 private:
-    std::recursive_mutex m_Mutex;
+    pthread_mutex_t m_Mutex; // recursive and robust
 };
 
 // An auto-reset event that starts unsignalled: one Signal lets one Wait through and resets.

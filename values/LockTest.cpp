@@ -93,6 +93,30 @@ TEST(Lock, NoLostUpdatesUnderContention)
     ExpectNoLostUpdates(lock, 4, 2000);
 }
 
+TEST(Lock, PassesToTheNextWaiterWhenItsOwnerEndsHoldingIt)
+{
+    // On the heap: if the waiter never gets the lock it is left blocked on it, so the lock must outlive
+    // the test.
+    auto *lock = new Lock;
+    std::thread([lock] { lock->ObtainLock(), lock->ObtainLock(); }).join(); // ends holding it twice
+    std::atomic<bool> taken{false};
+    std::thread waiter(
+        [lock, &taken]
+        {
+            lock->ObtainLock();
+            taken = true;
+            lock->ReleaseLock();
+        });
+    if (!WaitUntil([&] { return taken.load(); }, 2000))
+    {
+        waiter.detach();
+        FAIL() << "the lock of a thread that ended stays held";
+    }
+    waiter.join();
+    ExpectRecursiveExclusion(*lock); // and it works as before
+    delete lock;
+}
+
 TEST(SpinLock, IsTwoZeroWordsAndRecordsOwnerAndDepth)
 {
     static_assert(sizeof(SpinLock) == 8);
