@@ -217,9 +217,10 @@ int KeID::ReverseFind(char c, int start) const
     int len = GetLength();
     if (start == -1)
         start = len - 1;
-    if (start < 0 || start >= len)
-        return -1;
     const char *t = Text();
+    // Index `len` is the terminator, which is still inside the text; only past it is out of bounds.
+    if (!t || start < 0 || start > len)
+        return -1;
     for (int i = start; i >= 0; --i)
         if (t[i] == c)
             return i;

@@ -81,9 +81,11 @@ TEST(KeID, FindAndReverseFindBounds)
     EXPECT_EQ(id.Find('a', 5), -1);
     EXPECT_EQ(id.ReverseFind('a', -1), 3);
     EXPECT_EQ(id.ReverseFind('a', 2), 0);
-    EXPECT_EQ(id.ReverseFind('a', 5), -1);
+    EXPECT_EQ(id.ReverseFind('a', 5), 3); // the end itself is no bound: only past it
+    EXPECT_EQ(id.ReverseFind('a', 6), -1);
     EXPECT_EQ(id.ReverseFind('a', -2), -1);
     EXPECT_EQ(KeID().ReverseFind('a', -1), -1);
+    EXPECT_EQ(KeID().ReverseFind('a', 0), -1);
 }
 
 TEST(KeID, Groups)
