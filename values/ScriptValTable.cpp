@@ -1,6 +1,7 @@
 // ScriptVal tables: the look-up family, key order on insertion, nested paths, iteration, remote
 // member access through the hooks, constructor names, and table copying with its fast paths.
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -91,6 +92,11 @@ Segment NextSegment(const char *p)
     const char *end = dot ? dot : p + std::strlen(p);
     char *parsed = nullptr;
     long number = std::strtol(p, &parsed, 10);
+    // Key numbers are 32-bit longs: a number out of that range stops at its limit, as strtol does there.
+    if (number > INT32_MAX)
+        number = INT32_MAX;
+    else if (number < INT32_MIN)
+        number = INT32_MIN;
     return Segment{p, static_cast<int>(end - p), dot == nullptr, parsed == end, number};
 }
 

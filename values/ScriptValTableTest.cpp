@@ -189,6 +189,21 @@ TEST(ScriptValTableNest, CreateBuildsTablesOnTheWay)
     EXPECT_TRUE(u["a"].IsTable());
 }
 
+TEST(ScriptValTableNest, NumberSegmentsAreThirtyTwoBitIntegers)
+{
+    // A segment is read as a 32-bit long: out of range it stops at the limit.
+    ScriptVal t = Table();
+    *t.FindKeyNest("a.4294967297", true) = 1;
+    *t.FindKeyNest("a.-4294967297", true) = 2;
+    *t.FindKeyNest("5000000000.x", true) = 3;
+    EXPECT_EQ(t["a"].FindKeyConst(2147483647.0).ToNumber(), 1.0);
+    EXPECT_EQ(t["a"].FindKeyConst(-2147483648.0).ToNumber(), 2.0);
+    EXPECT_EQ(t.FindKeyConst(2147483647.0)["x"].ToNumber(), 3.0);
+    EXPECT_EQ(t["a"].NumKeys(), 2);
+    EXPECT_EQ(t.FindKeyNoCaseNestConst("2147483647.X")->ToNumber(), 3.0);
+    EXPECT_EQ(t.FindKeyNestConst("a.9999999999")->ToNumber(), 1.0);
+}
+
 TEST(ScriptValTableNest, WithoutCreateTheLastSegmentStillAdds)
 {
     ScriptVal t = Table();
