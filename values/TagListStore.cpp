@@ -158,10 +158,8 @@ void TagListStore::Write(const TagList &list, Writer &out)
         }
         else if (HasPayloadType(type))
             out.Put32(at[1] ? 1 : 0); // a fixed mark, so equal lists save to equal bytes
-        else if (type == TAG_INT || type == TAG_CONTROL)
-            out.Put32(static_cast<uint32_t>(at[1]));
         else
-            out.Put32(0); // types above TAG_ID carry no data: the unit is filler
+            out.Put32(static_cast<uint32_t>(at[1])); // types above TAG_ID: the word behind, ignored by Load
     }
     out.Put32(TAG_DONE);
     for (const Tag *at = Stored(list.m_Tags); at; at = NextStored(at))

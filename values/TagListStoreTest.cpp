@@ -131,6 +131,29 @@ TEST(TagListStore, IntAndStringSaveToTheDocumentedThirtyBytes)
     EXPECT_EQ(std::memcmp(&form[28], "ab", 2), 0);
 }
 
+TEST(TagListStore, DatalessTagsRecordTheWordBehindThem)
+{
+    // A type above TAG_ID has no data; its record's second unit is the low half of the next word.
+    constexpr Tag flag = 0x90000001u;
+    TagList list;
+    list.Add(flag, 0);
+    list.Add(TI_A, 5);
+    list.Add(flag | TAG_REPEATABLE, 0);
+    const Bytes form = Save(list);
+    ASSERT_EQ(form.size(), 32u);
+    auto word = [&](size_t at)
+    { return uint32_t(form[at] | form[at + 1] << 8 | form[at + 2] << 16 | form[at + 3] << 24); };
+    EXPECT_EQ(word(4), uint32_t(flag));
+    EXPECT_EQ(word(8), uint32_t(TI_A));
+    EXPECT_EQ(word(20), uint32_t(flag | TAG_REPEATABLE));
+    EXPECT_EQ(word(24), 0u); // the word behind the last tag is the terminator
+    TagList loaded;
+    ASSERT_TRUE(LoadAll(loaded, form));
+    EXPECT_NE(loaded.Find(flag), nullptr);
+    EXPECT_EQ(loaded.GetInt(TI_A), 5);
+    EXPECT_EQ(Save(loaded), form);
+}
+
 TEST(TagListStore, EmptyListIsEightBytesAndLoadsBackEmpty)
 {
     TagList empty;
