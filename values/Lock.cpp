@@ -43,10 +43,10 @@ Event::~Event() = default;
 
 void Event::Signal()
 {
-    {
-        std::lock_guard<std::mutex> guard(m_Mutex);
-        m_Signalled = true;
-    }
+    // Notified under the lock: a waiter that sees the flag may destroy the event as soon as it has the
+    // lock (a reply event on its stack), so nothing here may touch the event after the lock is gone.
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    m_Signalled = true;
     m_Changed.notify_one();
 }
 
