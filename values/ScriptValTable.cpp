@@ -57,9 +57,11 @@ bool EqualNoCase(const char *stored, const char *key, size_t len)
     return stored[len] == '\0';
 }
 
+// strncmp rather than memcmp: it stops at the stored text's end, so a shorter stored key with the same
+// hash is never read past. The key itself holds no NUL within `len`.
 bool EqualBytes(const char *stored, const char *key, size_t len)
 {
-    return std::memcmp(stored, key, len) == 0 && stored[len] == '\0';
+    return std::strncmp(stored, key, len) == 0 && stored[len] == '\0';
 }
 
 TextKey MakeKey(const char *text, int len = -1, const char *block = nullptr)

@@ -144,6 +144,20 @@ TEST(ScriptValTable, StringKeysByLengthAndCase)
     EXPECT_EQ(t.FindKeyConst(KeID("KEY")).ToNumber(), 2.0);
 }
 
+// "csup" and "hpvohmywtita" share a hash: the look-up of the longer must not read past the shorter's block.
+TEST(ScriptValTable, EqualHashesOfDifferentLengthsStayApart)
+{
+    ASSERT_EQ(StringHash("csup"), StringHash("hpvohmywtita"));
+    ScriptVal t = Table();
+    t["csup"] = 1;
+    EXPECT_TRUE(t.FindKeyConst("hpvohmywtita").IsNil());
+    EXPECT_TRUE(t.FindKeyConst("hpvohmywtita", 12).IsNil());
+    EXPECT_EQ(t.FindKeyNoCaseConst("HPVOHMYWTITA"), nullptr);
+    t["hpvohmywtita"] = 2;
+    EXPECT_EQ(t.FindKeyConst("csup").ToNumber(), 1.0);
+    EXPECT_EQ(t.FindKeyConst("hpvohmywtita").ToNumber(), 2.0);
+}
+
 TEST(ScriptValTable, KeyKindsThatNeverMatchAlwaysAppend)
 {
     ScriptVal t = Table();
