@@ -46,20 +46,34 @@ void Event::Signal()
     // Notified under the lock: a waiter that sees the flag may destroy the event as soon as it has the
     // lock (a reply event on its stack), so nothing here may touch the event after the lock is gone.
     std::lock_guard<std::mutex> guard(m_Mutex);
-    m_Signalled = true;
-    m_Changed.notify_one();
+    if (m_Waiters > m_Releases)
+    {
+        ++m_Releases;
+        m_Changed.notify_one();
+    }
+    else
+        m_Signalled = true;
 }
 
 bool Event::Wait(unsigned long timeoutMs)
 {
     std::unique_lock<std::mutex> guard(m_Mutex);
-    auto signalled = [this] { return m_Signalled; };
+    if (m_Signalled)
+    {
+        m_Signalled = false;
+        return true;
+    }
+    ++m_Waiters;
+    auto released = [this] { return m_Releases > 0; };
+    bool got = true;
     if (timeoutMs >= NoTimeout)
-        m_Changed.wait(guard, signalled);
-    else if (!m_Changed.wait_for(guard, std::chrono::milliseconds(timeoutMs), signalled))
-        return false;
-    m_Signalled = false;
-    return true;
+        m_Changed.wait(guard, released);
+    else
+        got = m_Changed.wait_for(guard, std::chrono::milliseconds(timeoutMs), released);
+    --m_Waiters;
+    if (got)
+        --m_Releases;
+    return got;
 }
 
 void Event::Reset()

@@ -32,7 +32,9 @@ private:
     pthread_mutex_t m_Mutex; // recursive and robust
 };
 
-// An auto-reset event that starts unsignalled: one Signal lets one Wait through and resets.
+// An auto-reset event that starts unsignalled: one Signal lets one Wait through and resets. A Signal
+// while threads wait releases one of them; with none waiting it leaves the event set, and signals don't
+// add up. So two Signals release two threads that are both waiting, however quickly they follow.
 class ORVEX_API Event
 {
 public:
@@ -53,6 +55,8 @@ private:
     std::mutex m_Mutex;
     std::condition_variable m_Changed; // waits on the monotonic clock
     bool m_Signalled = false;
+    unsigned m_Waiters = 0;  // threads inside Wait
+    unsigned m_Releases = 0; // signals handed to waiting threads, not yet taken
 };
 
 // The recursive spinning lock algorithm on two 32-bit words of the caller, shared by SpinLock and

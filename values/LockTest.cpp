@@ -190,6 +190,24 @@ TEST(Event, SignalWakesExactlyOneOfTwoWaiters)
     EXPECT_EQ(woken.load(), 2);
 }
 
+TEST(Event, BackToBackSignalsReleaseTwoWaitingThreads)
+{
+    Event event;
+    std::atomic<int> woken{0};
+    auto waiter = [&]
+    {
+        if (event.Wait(5000)) ++woken;
+    };
+    std::thread a(waiter), b(waiter);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100)); // both are inside Wait by now
+    event.Signal();
+    event.Signal();
+    a.join();
+    b.join();
+    EXPECT_EQ(woken.load(), 2);
+    EXPECT_FALSE(event.Wait(0)); // both signals were taken: nothing is left set
+}
+
 TEST(Event, UnlimitedWaitEndsOnSignalFromAnotherThread)
 {
     Event event;
