@@ -2,16 +2,12 @@
 // formatting, and Strip (letters, digits and '_' of any script, judged on a C.UTF-8 locale object).
 #include "values/KeID.h"
 
-#include <clocale>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <cwchar>
-#include <cwctype>
-#include <locale.h>
-#include <mutex>
 
+#include "values/Names.h"
 #include "values/StringBlock.h"
 
 namespace orvexScript
@@ -87,14 +83,6 @@ bool IsAsciiLetter(char c)
 bool IsAsciiDigit(char c)
 {
     return c >= '0' && c <= '9';
-}
-
-locale_t Utf8Locale()
-{
-    static std::once_flag once;
-    static locale_t locale = nullptr;
-    std::call_once(once, [] { locale = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr); });
-    return locale;
 }
 
 } // namespace
@@ -363,38 +351,14 @@ KeID KeID::Strip() const
     const char *t = Text();
     if (!t || !*t)
         return NOID;
+    // StripName keeps bytes of the input only, so the result is never longer than it.
     size_t len = std::strlen(t);
     char stackBuffer[256];
     char *out = len < sizeof(stackBuffer) ? stackBuffer : static_cast<char *>(std::malloc(len + 1));
     if (!out)
         return KeID();
-    locale_t utf8 = Utf8Locale();
-    locale_t previous = utf8 ? uselocale(utf8) : nullptr;
-    size_t kept = 0;
-    std::mbstate_t state{};
-    for (size_t i = 0; i < len;)
-    {
-        wchar_t wc = 0;
-        size_t n = utf8 ? std::mbrtowc(&wc, t + i, len - i, &state) : 1;
-        if (!utf8)
-            wc = static_cast<unsigned char>(t[i]);
-        if (n == 0 || n == static_cast<size_t>(-1) || n == static_cast<size_t>(-2))
-        {
-            state = std::mbstate_t{}; // a broken sequence: drop one byte and resynchronise
-            ++i;
-            continue;
-        }
-        bool letter = utf8 ? (iswalpha_l(static_cast<wint_t>(wc), utf8) != 0) : IsAsciiLetter(t[i]);
-        bool digit = utf8 ? (iswdigit_l(static_cast<wint_t>(wc), utf8) != 0) : IsAsciiDigit(t[i]);
-        if (letter || wc == L'_' || (digit && kept > 0))
-        {
-            std::memcpy(out + kept, t + i, n);
-            kept += n;
-        }
-        i += n;
-    }
-    if (utf8)
-        uselocale(previous);
+    StripName(out, t, nullptr);
+    size_t kept = std::strlen(out);
     KeID result = kept ? KeID(out, kept) : KeID();
     if (out != stackBuffer)
         std::free(out);

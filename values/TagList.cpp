@@ -18,19 +18,6 @@ Tag TagList::s_EmptyWord[1] = {TAG_DONE};
 
 namespace
 {
-// Holds the list's lock for a scope.
-class Locked
-{
-public:
-    explicit Locked(const TagList &list) : m_List(list) { m_List.ObtainLock(); }
-    ~Locked() { m_List.ReleaseLock(); }
-    Locked(const Locked &) = delete;
-    Locked &operator=(const Locked &) = delete;
-
-private:
-    const TagList &m_List;
-};
-
 bool IsPointerType(Tag type)
 {
     return type == TAG_STRING || type == TAG_OBJECT || type == TAG_TAGLIST || type == TAG_ID;
@@ -284,7 +271,7 @@ const void *TagList::StoredData(const Tag *at, MemBlock &block)
 void TagList::AddData(Tag tag, const void *data)
 {
     if (tag == TAG_DONE) return; // it would end the list here
-    Locked lock(*this);
+    Hold lock(*this);
     const int size = Size(tag);
     if (m_Free < static_cast<uint32_t>(size + 1)) Copy(8);
     m_Free -= size + 1;
@@ -298,7 +285,7 @@ void TagList::AddData(Tag tag, const void *data)
 
 void TagList::SetData(Tag tag, const void *data, bool addNew)
 {
-    Locked lock(*this);
+    Hold lock(*this);
     if (tag & TAG_REPEATABLE)
     {
         if (addNew) AddData(tag, data);
@@ -313,7 +300,7 @@ void TagList::SetData(Tag tag, const void *data, bool addNew)
 void TagList::SetData(Tag *where, const void *data)
 {
     if (!where) return;
-    Locked lock(*this);
+    Hold lock(*this);
     if (!InOwnArray(where)) where = MakeOwned(where);
     if (!where) return;
     const Tag type = TagType(*where);
@@ -393,7 +380,7 @@ void TagList::SetValueAt(Tag *where, const TypedValue &value)
 void TagList::SetTags(const TagList *tags, bool addNew)
 {
     if (!tags || tags == this) return; // a list set onto itself would only repeat its repeatable tags
-    Locked source(*tags);
+    Hold source(*tags);
     MemBlock block;
     for (Tag *at = tags->First(); at; at = tags->Next(at))
         SetData(*at, StoredData(at, block), addNew);
@@ -401,7 +388,7 @@ void TagList::SetTags(const TagList *tags, bool addNew)
 
 void TagList::Copy(long extraWords)
 {
-    Locked lock(*this);
+    Hold lock(*this);
     if (extraWords < 0) extraWords = 0;
     size_t count = 0;
     for (Tag *at = First(); at; at = Next(at))
@@ -430,7 +417,7 @@ void TagList::Copy(long extraWords)
 
 void TagList::Clear()
 {
-    Locked lock(*this);
+    Hold lock(*this);
     if (!m_Owned)
     {
         m_Tags = s_EmptyWord;

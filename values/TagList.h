@@ -182,6 +182,19 @@ public:
     void ObtainLock() const;
     void ReleaseLock() const;
 
+    // Holds a list's lock for a scope.
+    class Hold
+    {
+    public:
+        explicit Hold(const TagList &list) : m_List(list) { m_List.ObtainLock(); }
+        ~Hold() { m_List.ReleaseLock(); }
+        Hold(const Hold &) = delete;
+        Hold &operator=(const Hold &) = delete;
+
+    private:
+        const TagList &m_List;
+    };
+
     // ---- byte form (TagListStore.cpp) -----------------------------------------------------------
     // How deep lists may nest in the byte form: a list and at most this many levels below it.
     static constexpr int MaxNesting = 64;

@@ -47,18 +47,6 @@ struct Writer
     }
 };
 
-class ScopedLock
-{
-public:
-    explicit ScopedLock(const TagList &list) : m_List(list) { m_List.ObtainLock(); }
-    ~ScopedLock() { m_List.ReleaseLock(); }
-    ScopedLock(const ScopedLock &) = delete;
-    ScopedLock &operator=(const ScopedLock &) = delete;
-
-private:
-    const TagList &m_List;
-};
-
 bool HasPayloadType(Tag type)
 {
     return type == TAG_STRING || type == TAG_TAGLIST || type == TAG_ID || type == TAG_MEMBLOCK;
@@ -112,7 +100,7 @@ struct TagListStore
 bool TagListStore::Measure(const TagList &list, int depth, uint64_t &total)
 {
     if (depth > TagList::MaxNesting) return false;
-    ScopedLock lock(list);
+    TagList::Hold lock(list);
     uint64_t section = 4; // the terminating zero word
     uint64_t payloads = 0;
     for (const Tag *at = Stored(list.m_Tags); at; at = NextStored(at))
@@ -141,7 +129,7 @@ bool TagListStore::Measure(const TagList &list, int depth, uint64_t &total)
 
 void TagListStore::Write(const TagList &list, Writer &out)
 {
-    ScopedLock lock(list);
+    TagList::Hold lock(list);
     uint32_t section = 4;
     for (const Tag *at = Stored(list.m_Tags); at; at = NextStored(at))
         section += static_cast<uint32_t>(SavedRecordBytes(*at));
@@ -361,7 +349,7 @@ void TagListStore::Reset(TagList &list)
 
 bool TagList::Save(unsigned char *buffer, int &size) const
 {
-    ScopedLock lock(*this);
+    TagList::Hold lock(*this);
     uint64_t total = 0;
     if (!TagListStore::Measure(*this, 0, total) || total > uint64_t(INT_MAX))
     {
@@ -386,7 +374,7 @@ bool TagList::Save(unsigned char *buffer, int &size) const
 
 bool TagList::Load(const unsigned char *buffer, int &size)
 {
-    ScopedLock lock(*this);
+    TagList::Hold lock(*this);
     TagListStore::Reset(*this);
     if (!buffer || size < 0) return false;
     size_t used = 0;
