@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <chrono>
 #include <thread>
@@ -131,6 +134,27 @@ TEST(SpinLock, IsTwoZeroWordsAndRecordsOwnerAndDepth)
     lock.ReleaseLock();
     EXPECT_EQ(lock.m_Owner, 0u);
     EXPECT_EQ(lock.m_Depth, 0u);
+}
+
+TEST(SpinLock, ChildOfAForkOwnsWithItsOwnThreadId)
+{
+    const uint32_t parentId = Platform::CurrentThreadId(); // cached in the parent before the fork
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0)
+    {
+        // Only async-signal-safe work here; the verdict is the exit status.
+        const uint32_t id = Platform::CurrentThreadId();
+        SpinLock lock;
+        lock.ObtainLock();
+        const bool ok = id != parentId && id == static_cast<uint32_t>(::getpid()) && lock.m_Owner == id;
+        ::_exit(ok ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_TRUE(WaitUntil([&] { return ::waitpid(child, &status, WNOHANG) == child; }));
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "the child saw its parent's thread id";
+    EXPECT_EQ(Platform::CurrentThreadId(), parentId);
 }
 
 TEST(SpinLock, IsRecursiveAndExcludesOtherThreads)
