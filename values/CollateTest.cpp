@@ -118,8 +118,7 @@ TEST(SmartCollation, NarrowFormGivesTheWideResultOfTheDecodedTexts)
                                  "\xC3\xA4PFEL02",
                                  "a\xFF",
                                  "a\xFE",
-                                 "\xE2\x82\xAC"
-                                 "5",
+                                 "\xE2\x82\xAC\x35" /* €5 */,
                                  "\xE2\x82",
                                  "x4294967296",
                                  "x99999999999999999999",
