@@ -24,20 +24,52 @@ static std::atomic<long> g_Allocations{0};
 #pragma GCC diagnostic ignored "-Wmismatched-new-delete" // the replacements below pair malloc and free
 #endif
 
-void *operator new(std::size_t size)
+static void *CountedAllocation(std::size_t size) noexcept
 {
     if (g_CountAllocations.load(std::memory_order_relaxed))
         g_Allocations.fetch_add(1, std::memory_order_relaxed);
-    if (void *block = std::malloc(size ? size : 1)) return block;
-    throw std::bad_alloc();
+    return std::malloc(size ? size : 1);
 }
 
+// The plain and nothrow forms, single and array, all on malloc and free; the aligned ones stay as they are.
+void *operator new(std::size_t size)
+{
+    if (void *block = CountedAllocation(size)) return block;
+    throw std::bad_alloc();
+}
+void *operator new[](std::size_t size)
+{
+    return operator new(size);
+}
+void *operator new(std::size_t size, const std::nothrow_t &) noexcept
+{
+    return CountedAllocation(size);
+}
+void *operator new[](std::size_t size, const std::nothrow_t &) noexcept
+{
+    return CountedAllocation(size);
+}
 void operator delete(void *block) noexcept
 {
     std::free(block);
 }
-
+void operator delete[](void *block) noexcept
+{
+    std::free(block);
+}
 void operator delete(void *block, std::size_t) noexcept
+{
+    std::free(block);
+}
+void operator delete[](void *block, std::size_t) noexcept
+{
+    std::free(block);
+}
+void operator delete(void *block, const std::nothrow_t &) noexcept
+{
+    std::free(block);
+}
+void operator delete[](void *block, const std::nothrow_t &) noexcept
 {
     std::free(block);
 }
