@@ -1,20 +1,24 @@
 // Benchmarks of the value core: copying strings and identifiers (time and heap allocations per copy),
 // copying a large numeric table by the array path and the general path, and string-key look-ups
-// against std::unordered_map. A summary of the ratios follows the benchmark table.
+// against std::unordered_map, and sorting names in the smart order. A summary of the ratios follows the
+// benchmark table.
 #include <benchmark/benchmark.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <algorithm>
 #include <map>
 #include <new>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
+#include "values/Collate.h"
 #include "values/KeID.h"
 #include "values/ScriptVal.h"
+#include "values/TextLocale.h"
 
 using namespace orvexScript;
 
@@ -178,6 +182,45 @@ void BM_UnorderedMap(benchmark::State &state)
 }
 BENCHMARK(BM_UnorderedMap)->Arg(4)->Arg(16)->Arg(64);
 
+// ---- 4. sorting names in the smart order -------------------------------------------------------
+
+std::vector<std::string> FileNames()
+{
+    std::vector<std::string> names;
+    for (int i = 0; i < 1000; ++i)
+        names.push_back((i % 3 ? "Render_" : "render_") + std::to_string((i * 7919) % 2000) + "_v" +
+                        std::to_string(i % 7) + ".exr");
+    return names;
+}
+
+template <typename Less> void SortNames(benchmark::State &state, const std::string &name, Less less)
+{
+    std::vector<std::string> names = FileNames();
+    std::vector<const char *> order(names.size());
+    TimedLoop(state, name, [&] {
+        for (size_t i = 0; i < names.size(); ++i)
+            order[i] = names[i].c_str();
+        std::sort(order.begin(), order.end(), less);
+        benchmark::DoNotOptimize(order.data());
+    });
+}
+
+void BM_SortSmart(benchmark::State &state)
+{
+    SortNames(state, "sort smart", [](const char *a, const char *b) { return stricoll_smart(a, b) < 0; });
+}
+BENCHMARK(BM_SortSmart)->Unit(benchmark::kMicrosecond);
+
+// The earlier way: both texts decoded to wide strings for every comparison.
+void BM_SortSmartWidened(benchmark::State &state)
+{
+    SortNames(state, "sort smart widened", [](const char *a, const char *b) {
+        std::wstring wideA = TextLocale::WidenUtf8(a), wideB = TextLocale::WidenUtf8(b);
+        return wcsicoll_smart(wideA.c_str(), wideB.c_str()) < 0;
+    });
+}
+BENCHMARK(BM_SortSmartWidened)->Unit(benchmark::kMicrosecond);
+
 void PrintSummary()
 {
     auto get = [](const std::string &name) { return g_Results.count(name) ? g_Results[name] : 0.0; };
@@ -200,6 +243,11 @@ void PrintSummary()
         std::printf("  FindKey on %2d keys: %.2f ns, unordered_map %.2f ns, ratio %.2f\n", n, mine, theirs,
                     theirs > 0 ? mine / theirs : 0.0);
     }
+    double smart = get("sort smart"), widened = get("sort smart widened");
+    std::printf("  sort 1000 names: smart %.1f us, %.0f allocations; widened per comparison %.1f us, %.0f "
+                "allocations; ratio %.2f\n",
+                smart / 1e3, get("sort smart.allocs"), widened / 1e3, get("sort smart widened.allocs"),
+                smart > 0 ? widened / smart : 0.0);
 }
 
 } // namespace

@@ -1,9 +1,9 @@
-// stricoll_smart and wcsicoll_smart. Both walk the texts as wide characters; the narrow form decodes
-// its UTF-8 first. Collation itself (folded, locale-aware) comes from TextLocale.
+// stricoll_smart and wcsicoll_smart. Both walk the texts a character at a time; the narrow form decodes
+// its UTF-8 as it goes, so that sorting a list allocates nothing per comparison. Collation itself
+// (folded, locale-aware) comes from TextLocale.
 #include "values/Collate.h"
 
 #include <cstdint>
-#include <string>
 
 #include "values/TextLocale.h"
 
@@ -13,11 +13,12 @@ namespace orvexScript
 // Compares the digit runs at `a` and `b` by value and steps both past their runs. A run that fits in
 // 32 signed bits gives the difference of the two values; longer runs are compared by magnitude and
 // give -1, 0 or 1, so that no run is cut or wraps.
-static int CompareDigitRuns(const wchar_t *&a, const wchar_t *&b)
+// Digits are ASCII, so the same walk serves UTF-8 and wide texts.
+template <class Char> static int CompareDigitRuns(const Char *&a, const Char *&b)
 {
-    auto scan = [](const wchar_t *&p, size_t &significant, const wchar_t *&first)
+    auto scan = [](const Char *&p, size_t &significant, const Char *&first)
     {
-        while (*p == L'0')
+        while (*p == '0')
             ++p;
         first = p;
         while (TextLocale::IsDigit(*p))
@@ -25,14 +26,14 @@ static int CompareDigitRuns(const wchar_t *&a, const wchar_t *&b)
         significant = static_cast<size_t>(p - first);
     };
     size_t lenA, lenB;
-    const wchar_t *firstA, *firstB;
+    const Char *firstA, *firstB;
     scan(a, lenA, firstA);
     scan(b, lenB, firstB);
-    auto value = [](const wchar_t *p, size_t len)
+    auto value = [](const Char *p, size_t len)
     {
         int64_t v = 0;
         for (size_t i = 0; i < len; ++i)
-            v = v * 10 + (p[i] - L'0');
+            v = v * 10 + (p[i] - '0');
         return v;
     };
     if (lenA <= 10 && lenB <= 10)
@@ -49,9 +50,7 @@ static int CompareDigitRuns(const wchar_t *&a, const wchar_t *&b)
 // One character of each text, by folded collation.
 static int CompareChars(wchar_t a, wchar_t b)
 {
-    if (a == b) return 0;
-    const wchar_t left[2] = {a, 0}, right[2] = {b, 0};
-    return TextLocale::CollateFolded(left, right);
+    return a == b ? 0 : TextLocale::CollateFoldedChars(a, b);
 }
 
 int wcsicoll_smart(const wchar_t *a, const wchar_t *b)
@@ -75,8 +74,22 @@ int wcsicoll_smart(const wchar_t *a, const wchar_t *b)
 int stricoll_smart(const char *a, const char *b)
 {
     if (!a || !b) return a == b ? 0 : (a ? 1 : -1);
-    std::wstring wideA = TextLocale::WidenUtf8(a), wideB = TextLocale::WidenUtf8(b);
-    return wcsicoll_smart(wideA.c_str(), wideB.c_str());
+    // The walk of wcsicoll_smart over the decoded characters, so both give the same results.
+    while (*a && *b)
+    {
+        wchar_t charA, charB;
+        const size_t usedA = TextLocale::WidenUtf8Char(a, charA), usedB = TextLocale::WidenUtf8Char(b, charB);
+        if (CompareChars(charA, charB) != 0) break;
+        a += usedA;
+        b += usedB;
+        if (TextLocale::IsDigit(static_cast<unsigned char>(*a)) &&
+            TextLocale::IsDigit(static_cast<unsigned char>(*b)))
+        {
+            int difference = CompareDigitRuns(a, b);
+            if (difference != 0) return difference;
+        }
+    }
+    return TextLocale::CollateFoldedUtf8(a, b);
 }
 
 } // namespace orvexScript

@@ -19,9 +19,10 @@ ORVEX_API uint64_t FileGetSize(const char *path, TagList *tags = nullptr);
 // The file's content in a new block from malloc with a NUL behind what was read; the caller frees it.
 // Null when the file can't be opened or read, is no regular file, is empty, or memory runs out.
 ORVEX_API char *FileLoadText(const char *path, TagList *tags = nullptr);
-// Replaces the file with `length` bytes of `text` (0: the text's own length). False, touching nothing,
-// when there is nothing to write; false, leaving the old file as it was and no partial file behind,
-// when the write fails.
+// Replaces the file with `length` bytes of `text` (0: the text's own length), keeping an existing file's
+// owner and mode. False, touching nothing, when there is nothing to write; false, leaving the old file
+// as it was and no partial file behind, when the write fails. The exception: an existing file in a folder
+// that takes no new file is rewritten in place, and a failure there can leave it cut short.
 [[nodiscard]] ORVEX_API bool FileSaveText(const char *path, const char *text, uint64_t length = 0,
                                           TagList *tags = nullptr);
 

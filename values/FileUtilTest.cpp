@@ -4,6 +4,12 @@
 
 #include <gtest/gtest.h>
 
+#include <grp.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -167,18 +173,84 @@ TEST(FileSaveText, ImpossiblePathsFailWithoutLeftovers)
     EXPECT_EQ(EntryCount(dir.Path()), 1u);
 }
 
-TEST(FileSaveText, ReadOnlyFolderLeavesTheOldFile)
+// Runs `save` in a child process that, when this one is root, first becomes an unprivileged user, so that
+// permission bits bind it. Gives the child's exit status (0 for a successful save), or -1.
+template <class F> int SaveAsUnprivilegedUser(F save, uid_t user)
 {
+    const pid_t child = fork();
+    if (child < 0) return -1;
+    if (child == 0)
+    {
+        if (geteuid() == 0 && (setgroups(0, nullptr) != 0 || setgid(user) != 0 || setuid(user) != 0))
+            _exit(3);
+        _exit(save() ? 0 : 1);
+    }
+    int status = 0;
+    for (int i = 0; i < 5000; ++i) // at most about 5 s
+    {
+        if (waitpid(child, &status, WNOHANG) == child) return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        usleep(1000);
+    }
+    kill(child, SIGKILL);
+    waitpid(child, &status, 0);
+    return -1;
+}
+
+TEST(FileSaveText, WritableFileInAReadOnlyFolderIsWrittenInPlace)
+{
+    constexpr uid_t kNobody = 65534; // the user that root becomes for this test
     orvexTest::TempDir dir;
+    fs::permissions(dir.Path(), fs::perms::owner_all | fs::perms::others_exec);
     fs::create_directory(dir.File("ro"));
-    std::string file = dir.File("ro/f.txt");
-    ASSERT_TRUE(FileSaveText(file.c_str(), "old"));
-    fs::permissions(dir.File("ro"), fs::perms::owner_read | fs::perms::owner_exec);
-    bool bound = !FileSaveText(file.c_str(), "new");
+    std::string file = dir.Write("ro/f.txt", std::string(100, 'o'));
+    fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read);
+    if (geteuid() == 0)
+    {
+        ASSERT_EQ(chown(file.c_str(), kNobody, kNobody), 0);
+    }
+    struct stat before
+    {
+    };
+    ASSERT_EQ(stat(file.c_str(), &before), 0);
+    fs::permissions(dir.File("ro"), fs::perms::owner_read | fs::perms::owner_exec | fs::perms::others_read |
+                                        fs::perms::others_exec);
+
+    const int status = SaveAsUnprivilegedUser([&] { return FileSaveText(file.c_str(), "new"); }, kNobody);
     fs::permissions(dir.File("ro"), fs::perms::owner_all);
-    if (!bound) GTEST_SKIP() << "permissions don't bind this user";
-    EXPECT_EQ(orvexTest::ReadFile(file), "old");
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(orvexTest::ReadFile(file), "new");
+    struct stat after
+    {
+    };
+    ASSERT_EQ(stat(file.c_str(), &after), 0);
+    EXPECT_EQ(after.st_ino, before.st_ino); // the same file, rewritten
+    EXPECT_EQ(after.st_mode & 07777, 0640u);
+    EXPECT_EQ(after.st_uid, before.st_uid);
     EXPECT_EQ(EntryCount(dir.File("ro")), 1u);
+}
+
+TEST(FileSaveText, ReplacedFileKeepsItsOwner)
+{
+    if (geteuid() != 0) GTEST_SKIP() << "only root can make a file of another owner to replace";
+    orvexTest::TempDir dir;
+    std::string file = dir.Write("owned.txt", "old");
+    ASSERT_EQ(chown(file.c_str(), 4242, 4343), 0);
+    fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write | fs::perms::others_read);
+    struct stat before
+    {
+    };
+    ASSERT_EQ(stat(file.c_str(), &before), 0);
+    ASSERT_TRUE(FileSaveText(file.c_str(), "new"));
+    struct stat after
+    {
+    };
+    ASSERT_EQ(stat(file.c_str(), &after), 0);
+    EXPECT_EQ(orvexTest::ReadFile(file), "new");
+    EXPECT_NE(after.st_ino, before.st_ino); // replaced by the rename, not rewritten
+    EXPECT_EQ(after.st_uid, 4242u);
+    EXPECT_EQ(after.st_gid, 4343u);
+    EXPECT_EQ(after.st_mode & 07777, 0604u);
+    EXPECT_EQ(EntryCount(dir.Path()), 1u);
 }
 
 TEST(FileSaveText, WritesThroughASymbolicLink)

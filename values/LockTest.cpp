@@ -4,8 +4,12 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <chrono>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -131,6 +135,27 @@ TEST(SpinLock, IsTwoZeroWordsAndRecordsOwnerAndDepth)
     lock.ReleaseLock();
     EXPECT_EQ(lock.m_Owner, 0u);
     EXPECT_EQ(lock.m_Depth, 0u);
+}
+
+TEST(SpinLock, ChildOfAForkOwnsWithItsOwnThreadId)
+{
+    const uint32_t parentId = Platform::CurrentThreadId(); // cached in the parent before the fork
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0)
+    {
+        // Only async-signal-safe work here; the verdict is the exit status.
+        const uint32_t id = Platform::CurrentThreadId();
+        SpinLock lock;
+        lock.ObtainLock();
+        const bool ok = id != parentId && id == static_cast<uint32_t>(::getpid()) && lock.m_Owner == id;
+        ::_exit(ok ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_TRUE(WaitUntil([&] { return ::waitpid(child, &status, WNOHANG) == child; }));
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "the child saw its parent's thread id";
+    EXPECT_EQ(Platform::CurrentThreadId(), parentId);
 }
 
 TEST(SpinLock, IsRecursiveAndExcludesOtherThreads)
@@ -399,36 +424,79 @@ TEST(Thread, MayBeDestroyedFromItsOwnMain)
     Platform::SleepMs(50); // let the thread's epilogue finish before the test ends
 }
 
+// Sets the destructor's wait for one test.
+class StopWaitFor
+{
+public:
+    explicit StopWaitFor(uint32_t ms) : m_Saved(Thread::GetStopWaitMs()) { Thread::SetStopWaitMs(ms); }
+    ~StopWaitFor() { Thread::SetStopWaitMs(m_Saved); }
+
+private:
+    uint32_t m_Saved;
+};
+
 Event g_Release;
 std::atomic<bool> g_StuckEntered{false};
 std::atomic<bool> g_StuckLeft{false};
+std::atomic<uint32_t> g_DestroyedOn{0};
 
-// A Main that ignores every request to stop; it touches no member once it waits.
+// A Main that ignores every request to stop, and still writes to its object when it is let go.
 class StuckThread : public Thread
 {
+public:
+    ~StuckThread() override { g_DestroyedOn = Platform::CurrentThreadId(); }
+    long m_Rounds = 0;
+
 protected:
     unsigned long Main() override
     {
+        long *rounds = &m_Rounds; // reached without the object once it is let go
         g_StuckEntered = true;
         g_Release.Wait(60000);
+        ++*rounds; // the object's memory must still be there
         g_StuckLeft = true;
         return 0;
     }
 };
 
-TEST(Thread, DestructorGivesUpOnAStuckThreadAfterTenSeconds)
+TEST(Thread, LastRecycleWhileMainRunsDefersTheEndToTheThread)
 {
+    g_StuckEntered = g_StuckLeft = false;
+    g_DestroyedOn = 0;
+    auto *thread = new StuckThread;
+    thread->Start();
+    ASSERT_TRUE(WaitUntil([] { return g_StuckEntered.load(); }));
+    const uint32_t threadId = thread->GetThreadId();
+    EXPECT_EQ(thread->GetUseCount(), 2); // ours and the running thread's
+    const auto start = Clock::now();
+    thread->Recycle(); // no wait here: the thread still holds its use
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(1));
+    EXPECT_EQ(g_DestroyedOn.load(), 0u);
+
+    g_Release.Signal();
+    ASSERT_TRUE(WaitUntil([] { return g_DestroyedOn.load() != 0; }));
+    EXPECT_EQ(g_DestroyedOn.load(), threadId); // destroyed by the thread once Main returned
+    Platform::SleepMs(50);
+}
+
+TEST(Thread, DestructorGivesUpOnAStuckThreadAndItsMemoryOutlivesMain)
+{
+    g_StuckEntered = g_StuckLeft = false;
+    StopWaitFor shortWait(200);
     auto *thread = new StuckThread;
     thread->Start("stuck test");
     ASSERT_TRUE(WaitUntil([] { return g_StuckEntered.load(); }));
     const auto start = Clock::now();
+    ::testing::internal::CaptureStderr();
     delete thread;
+    const std::string report = ::testing::internal::GetCapturedStderr();
     const auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-    EXPECT_GE(waited, 9500);
-    EXPECT_LT(waited, 40000);
+    EXPECT_GE(waited, 180);
+    EXPECT_LT(waited, 5000);
+    EXPECT_NE(report.find("did not end within 200 ms"), std::string::npos) << report;
     EXPECT_FALSE(g_StuckLeft.load()); // detached, still running
 
-    g_Release.Signal();
+    g_Release.Signal(); // Main writes to the object after its destructor: the memory is freed after that
     EXPECT_TRUE(WaitUntil([] { return g_StuckLeft.load(); }));
     Platform::SleepMs(50);
 }

@@ -7,7 +7,8 @@
 namespace orvexScript::Platform
 {
 
-// The calling thread's id as the kernel knows it (never 0, never 0xFFFFFFFF).
+// The calling thread's id as the kernel knows it (never 0, never 0xFFFFFFFF). Cached per thread; the
+// child of a fork gets its own.
 uint32_t CurrentThreadId();
 
 // Sleeps the calling thread for about `ms` milliseconds.

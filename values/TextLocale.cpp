@@ -48,6 +48,14 @@ size_t DecodeUtf8(const char *p, wchar_t &ch)
     return static_cast<size_t>(more) + 1;
 }
 
+size_t WidenUtf8Char(const char *p, wchar_t &ch)
+{
+    size_t used = DecodeUtf8(p, ch);
+    if (ch == kBadChar && used == 1 && static_cast<unsigned char>(*p) >= 0x80)
+        ch = static_cast<wchar_t>(0xDC80 + (static_cast<unsigned char>(*p) & 0x7F));
+    return used;
+}
+
 std::wstring WidenUtf8(const char *text)
 {
     std::wstring wide;
@@ -55,11 +63,8 @@ std::wstring WidenUtf8(const char *text)
     while (*text)
     {
         wchar_t ch;
-        size_t used = DecodeUtf8(text, ch);
-        if (ch == kBadChar && used == 1 && static_cast<unsigned char>(*text) >= 0x80)
-            ch = static_cast<wchar_t>(0xDC80 + (static_cast<unsigned char>(*text) & 0x7F));
+        text += WidenUtf8Char(text, ch);
         wide += ch;
-        text += used;
     }
     return wide;
 }
@@ -97,22 +102,85 @@ bool IsLetter(wchar_t ch)
     return locale ? iswalpha_l(static_cast<wint_t>(ch), locale) != 0 : iswalpha(static_cast<wint_t>(ch)) != 0;
 }
 
-static std::wstring Folded(const wchar_t *text)
+static wchar_t Fold(wchar_t ch, locale_t locale)
 {
-    std::wstring folded(text);
-    locale_t locale = ClassLocale();
-    for (wchar_t &ch : folded)
-        ch = static_cast<wchar_t>(locale ? towlower_l(static_cast<wint_t>(ch), locale)
-                                         : towlower(static_cast<wint_t>(ch)));
-    return folded;
+    return static_cast<wchar_t>(locale ? towlower_l(static_cast<wint_t>(ch), locale)
+                                       : towlower(static_cast<wint_t>(ch)));
+}
+
+// A folded copy of a text, on the stack unless it is long. `capacity` bounds its length in characters.
+class FoldedText
+{
+public:
+    explicit FoldedText(size_t capacity)
+    {
+        if (capacity >= kLocal)
+        {
+            m_Heap.resize(capacity + 1);
+            m_Text = m_Heap.data();
+        }
+    }
+    FoldedText(const FoldedText &) = delete;
+    FoldedText &operator=(const FoldedText &) = delete;
+
+    void Fill(const wchar_t *text)
+    {
+        locale_t locale = ClassLocale();
+        size_t n = 0;
+        for (; text[n]; ++n)
+            m_Text[n] = Fold(text[n], locale);
+        m_Text[n] = 0;
+    }
+    void Fill(const char *text)
+    {
+        locale_t locale = ClassLocale();
+        size_t n = 0;
+        while (*text)
+        {
+            wchar_t ch;
+            text += WidenUtf8Char(text, ch);
+            m_Text[n++] = Fold(ch, locale);
+        }
+        m_Text[n] = 0;
+    }
+    const wchar_t *Get() const { return m_Text; }
+
+private:
+    static constexpr size_t kLocal = 256;
+    wchar_t m_Local[kLocal];
+    std::wstring m_Heap;
+    wchar_t *m_Text = m_Local;
+};
+
+static int CollateTexts(const wchar_t *left, const wchar_t *right)
+{
+    locale_t locale = CollateLocale();
+    if (!locale) return wcscmp(left, right);
+    return wcscoll_l(left, right, locale);
 }
 
 int CollateFolded(const wchar_t *a, const wchar_t *b)
 {
-    std::wstring left = Folded(a), right = Folded(b);
-    locale_t locale = CollateLocale();
-    if (!locale) return wcscmp(left.c_str(), right.c_str());
-    return wcscoll_l(left.c_str(), right.c_str(), locale);
+    FoldedText left(wcslen(a)), right(wcslen(b));
+    left.Fill(a);
+    right.Fill(b);
+    return CollateTexts(left.Get(), right.Get());
+}
+
+int CollateFoldedChars(wchar_t a, wchar_t b)
+{
+    locale_t locale = ClassLocale();
+    const wchar_t left[2] = {Fold(a, locale), 0}, right[2] = {Fold(b, locale), 0};
+    return CollateTexts(left, right);
+}
+
+int CollateFoldedUtf8(const char *a, const char *b)
+{
+    // A UTF-8 text has no more characters than bytes.
+    FoldedText left(strlen(a)), right(strlen(b));
+    left.Fill(a);
+    right.Fill(b);
+    return CollateTexts(left.Get(), right.Get());
 }
 
 } // namespace orvexScript::TextLocale

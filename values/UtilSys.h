@@ -41,8 +41,9 @@ PathKind StatPath(const char *path);
 // The size of an open stream's file; false unless it is a regular file that could be measured.
 bool StreamFileSize(FILE *stream, uint64_t &size);
 // Replaces the file at `path` with `size` bytes of `data`: they go to a new temporary file beside it,
-// which is renamed over the target only once everything is written. On failure nothing is left behind
-// and the old file is unchanged.
+// which is renamed over the target only once everything is written, with the old file's owner and mode.
+// On failure nothing is left behind and the old file is unchanged. An existing file whose folder takes
+// no new file, or whose owner the new file can't be given, is rewritten in place instead (not atomic).
 bool ReplaceFile(const char *path, const void *data, size_t size);
 
 } // namespace orvexScript::UtilSys

@@ -148,6 +148,12 @@ int32_t RunScriptUnguarded(char *fileName, char **arguments)
 
 int32_t RunScript(char *fileName, char **arguments)
 {
+    // The loader would read a missing name as "standard input": a stand-alone run takes only files.
+    if (fileName == nullptr)
+    {
+        fputs("RunScript: no script file name given\n", stderr);
+        return kLoadFailed;
+    }
     try
     {
         return RunScriptUnguarded(fileName, arguments);

@@ -5,6 +5,9 @@
 #include <gtest/gtest.h>
 #include <lua.hpp>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <string>
 #include <vector>
@@ -142,6 +145,25 @@ TEST_F(RunScriptTest, MissingFileReportsNameAndReason)
     RunResult result = Run(m_Dir.File("absent.lua"));
     EXPECT_EQ(-2, result.code);
     EXPECT_EQ("cannot open " + m_Dir.File("absent.lua") + ": No such file or directory\n", result.err);
+}
+
+TEST_F(RunScriptTest, NullFileNameFailsWithoutReadingStandardInput)
+{
+    // Standard input holds a valid script for the length of the call, so reading it would give 5.
+    const int savedInput = dup(0);
+    ASSERT_GE(savedInput, 0);
+    const int script = open(Script("return 5").c_str(), O_RDONLY);
+    ASSERT_GE(script, 0);
+    ASSERT_EQ(dup2(script, 0), 0);
+    close(script);
+    ArgumentArray none({});
+    ::testing::internal::CaptureStderr();
+    const int32_t code = RunScript(nullptr, none.Get());
+    const std::string err = ::testing::internal::GetCapturedStderr();
+    dup2(savedInput, 0);
+    close(savedInput);
+    EXPECT_EQ(-2, code);
+    EXPECT_EQ("RunScript: no script file name given\n", err);
 }
 
 TEST_F(RunScriptTest, SyntaxErrorReportsFileAndLineWithoutRunning)

@@ -20,10 +20,30 @@ struct ThreadHandle
     pthread_t thread;
 };
 
+namespace
+{
+// The calling thread's id, 0 until first asked for. The kernel gives the child of a fork new ids, so the
+// child's only thread forgets the one it copied from its parent.
+constinit thread_local uint32_t t_ThreadId = 0;
+
+void ForgetThreadIdInChild()
+{
+    t_ThreadId = 0;
+}
+
+[[gnu::noinline]] uint32_t LookUpThreadId()
+{
+    static const bool s_ForkHandler = ::pthread_atfork(nullptr, nullptr, ForgetThreadIdInChild) == 0;
+    (void)s_ForkHandler;
+    t_ThreadId = static_cast<uint32_t>(::syscall(SYS_gettid));
+    return t_ThreadId;
+}
+} // namespace
+
 uint32_t CurrentThreadId()
 {
-    static thread_local uint32_t s_Id = static_cast<uint32_t>(::syscall(SYS_gettid));
-    return s_Id;
+    const uint32_t id = t_ThreadId;
+    return id != 0 ? id : LookUpThreadId();
 }
 
 void SleepMs(uint32_t ms)

@@ -1,5 +1,7 @@
 // File primitives for the utilities on Linux: examining paths, measuring open files, and replacing a
 // file through a temporary file beside it and a rename, so that a failed write leaves nothing behind.
+// Where the folder takes no new file, or the new file could not be given the old one's owner, the file
+// is written in place instead.
 #include "values/UtilSys.h"
 
 #include <fcntl.h>
@@ -103,19 +105,52 @@ static bool WriteAll(int fd, const void *data, size_t size)
     return true;
 }
 
+// Truncates and rewrites an existing regular file. Not atomic, but the file keeps its inode, owner and
+// mode; used only where the rename way is closed.
+static bool WriteInPlace(const std::string &target, const void *data, size_t size)
+{
+    // Non-blocking, so that a pipe put in the file's place can't hold the open; it is refused below.
+    int fd = open(target.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return false;
+    struct stat info
+    {
+    };
+    bool ok = fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && ftruncate(fd, 0) == 0 &&
+              WriteAll(fd, data, size) && fsync(fd) == 0;
+    ok = (close(fd) == 0) && ok;
+    return ok;
+}
+
 bool ReplaceFile(const char *path, const void *data, size_t size)
 {
     if (!path || !*path) return false;
     std::string target = RealTarget(path);
-    std::string tempPath;
-    int fd = CreateTempFile(FolderOf(target), tempPath);
-    if (fd < 0) return false;
-
-    // A file that is replaced keeps its permission bits, as it would when overwritten in place.
     struct stat old
     {
     };
-    if (stat(target.c_str(), &old) == 0 && S_ISREG(old.st_mode)) (void)fchmod(fd, old.st_mode & 07777);
+    const bool replacing = stat(target.c_str(), &old) == 0 && S_ISREG(old.st_mode);
+    std::string tempPath;
+    int fd = CreateTempFile(FolderOf(target), tempPath);
+    if (fd < 0) return replacing && WriteInPlace(target, data, size); // the folder takes no new file
+
+    if (replacing)
+    {
+        // A file that is replaced keeps its owner and permission bits, as it would when overwritten in
+        // place. The mode goes last, as a change of owner clears the set-id bits.
+        struct stat made
+        {
+        };
+        const bool sameOwner =
+            fstat(fd, &made) == 0 && made.st_uid == old.st_uid && made.st_gid == old.st_gid;
+        if (!sameOwner && fchown(fd, old.st_uid, old.st_gid) != 0)
+        {
+            // Only the owner's own rights could give the file away: keep it and write into it.
+            close(fd);
+            unlink(tempPath.c_str());
+            return WriteInPlace(target, data, size);
+        }
+        (void)fchmod(fd, old.st_mode & 07777);
+    }
 
     bool ok = WriteAll(fd, data, size) && fsync(fd) == 0;
     ok = (close(fd) == 0) && ok;
