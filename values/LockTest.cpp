@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "testsupport/TestSupport.h"
 #include "values/EventQueue.h"
 #include "values/Lock.h"
 #include "values/Platform.h"
@@ -117,22 +118,6 @@ TEST(Lock, PassesToTheNextWaiterWhenItsOwnerEndsHoldingIt)
     delete lock;
 }
 
-TEST(SpinLock, IsTwoZeroWordsAndRecordsOwnerAndDepth)
-{
-    static_assert(sizeof(SpinLock) == 8);
-    SpinLock lock;
-    EXPECT_EQ(lock.m_Owner, 0u);
-    lock.ObtainLock();
-    lock.ObtainLock();
-    EXPECT_EQ(lock.m_Owner, Platform::CurrentThreadId());
-    EXPECT_EQ(lock.m_Depth, 2u);
-    lock.ReleaseLock();
-    EXPECT_EQ(lock.m_Owner, Platform::CurrentThreadId());
-    lock.ReleaseLock();
-    EXPECT_EQ(lock.m_Owner, 0u);
-    EXPECT_EQ(lock.m_Depth, 0u);
-}
-
 TEST(SpinLock, IsRecursiveAndExcludesOtherThreads)
 {
     SpinLock lock;
@@ -221,19 +206,14 @@ TEST(Event, UnlimitedWaitEndsOnSignalFromAnotherThread)
     signaller.join();
 }
 
-struct CountedNode : QueueNode
-{
-    CountedNode(unsigned long kind, std::atomic<int> &destroyed) : QueueNode(kind), m_Destroyed(destroyed) {}
-    ~CountedNode() override { ++m_Destroyed; }
-    std::atomic<int> &m_Destroyed;
-};
+using CountedNode = orvexTest::DestroyCounted<QueueNode, std::atomic<int>>;
 
 TEST(EventQueue, TwoPutsOneWaitThenBothGetsInOrder)
 {
     std::atomic<int> destroyed{0};
     EventQueue queue;
-    QueueNode *first = new CountedNode(1, destroyed);
-    QueueNode *second = new CountedNode(2, destroyed);
+    QueueNode *first = new CountedNode(&destroyed, 1);
+    QueueNode *second = new CountedNode(&destroyed, 2);
     queue.Put(first);
     queue.Put(second);
     EXPECT_TRUE(queue.Wait(0));
@@ -271,7 +251,7 @@ TEST(EventQueue, ManyProducersOneConsumerLoseNothing)
             [&, p]
             {
                 for (int i = 0; i < perProducer; ++i)
-                    queue.Put(new CountedNode(static_cast<unsigned long>(p * perProducer + i), destroyed));
+                    queue.Put(new CountedNode(&destroyed, static_cast<unsigned long>(p * perProducer + i)));
             });
 
     std::vector<int> lastSeen(producers, -1);

@@ -52,33 +52,20 @@ TEST(MersenneTwister, MatchesTheStandardEngineAcrossRegenerations)
     }
 }
 
-TEST(MersenneTwister, ReseedingRestartsTheSequence)
-{
-    MersenneTwister mt;
-    mt.Seed(42);
-    uint32_t first = mt.Rand_uint32();
-    for (int i = 0; i < 700; ++i)
-        mt.Rand_uint32();
-    mt.Seed(42);
-    EXPECT_EQ(mt.Rand_uint32(), first);
-}
-
-TEST(MersenneTwister, UnseededGivesZeros)
+TEST(MersenneTwister, ReseedRestartsCopyContinuesAndUnseededGivesZeros)
 {
     MersenneTwister mt;
     for (int i = 0; i < 2 * MersenneTwister::MT_STATESIZE; ++i)
         ASSERT_EQ(mt.Rand_uint32(), 0u);
-}
-
-TEST(MersenneTwister, CopyContinuesTheSameSequence)
-{
-    MersenneTwister mt;
-    mt.Seed(7);
-    for (int i = 0; i < 600; ++i)
+    mt.Seed(42);
+    const uint32_t first = mt.Rand_uint32();
+    for (int i = 0; i < 700; ++i)
         mt.Rand_uint32();
     MersenneTwister copy = mt;
     for (int i = 0; i < 100; ++i)
         ASSERT_EQ(copy.Rand_uint32(), mt.Rand_uint32());
+    mt.Seed(42);
+    EXPECT_EQ(mt.Rand_uint32(), first);
 }
 
 TEST(RandomFloats, Float32SpansZeroToOneInclusive)
