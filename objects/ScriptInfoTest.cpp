@@ -236,6 +236,15 @@ TEST(ScriptSymbolRecord, AddsItselfToItsOwnerAndLeavesWhenDestroyed)
     EXPECT_EQ(owner.m_Special[SST_Create - 128], nullptr);
 }
 
+TEST(SpecialSymbolNames, CoverTheNumbersFromCreateToIsDebug)
+{
+    EXPECT_STREQ(SpecialSymbolName(SST_ObjectFromAddress), "SST_ObjectFromAddress");
+    EXPECT_EQ(SpecialSymbolName(127), nullptr);
+    EXPECT_EQ(SpecialSymbolName(153), nullptr);
+    for (uint32_t number = SST_Create; number <= SST_IsDebug; ++number)
+        EXPECT_EQ(SpecialSymbolNumber(SpecialSymbolName(number)), number);
+}
+
 // ---- help from tags -----------------------------------------------------------------------------------
 
 ScriptInfoT<Scripted> s_HelpInfo(1, "Picture");
