@@ -192,28 +192,20 @@ TEST(LuaClassPush, BasePushesNilAndSafePushGuardsSmallReceivers)
     EXPECT_EQ(lua_tointeger(state, -1), 77);
 }
 
-TEST(RefObjectAttrs, ReadersGiveDefaultsForUnknownTags)
+TEST(RefObjectAttrs, SetAttrsPacksVarArgsAndReadersGiveThemOrTheirDefaults)
 {
     Attributed object;
     EXPECT_DOUBLE_EQ(object.GetAttrD(TD_Scale, 1.5), 1.5);
     EXPECT_EQ(object.GetAttr(TI_Size), 0u);
-    EXPECT_EQ(object.GetAttr(TI_Size, 9), 9u);
     EXPECT_EQ(object.GetAttrPtr(TP_Data, &object), &object);
     EXPECT_TRUE(object.GetAttrB(TI_Size, true));
-    KeID id = object.GetAttrID(TID_Name);
-    EXPECT_TRUE(id.IsEmpty());
-    EXPECT_FALSE(id.IsValid());
+    EXPECT_FALSE(object.GetAttrID(TID_Name).IsValid());
     EXPECT_TRUE(object.GetAttrID(TID_Name, KeID("dflt")) == "dflt");
-}
 
-TEST(RefObjectAttrs, SetAttrsPacksVarArgsAndReadersGetThemBack)
-{
-    Attributed object;
     int data = 0;
     KeID name("Widget");
     ASSERT_TRUE(object.SetAttrs(TI_Size, 12, TD_Scale, 0.5, TP_Data, &data, TID_Name, name.Raw(), TAG_DONE));
     EXPECT_EQ(object.GetAttr(TI_Size), 12u);
-    EXPECT_TRUE(object.GetAttrB(TI_Size));
     EXPECT_DOUBLE_EQ(object.GetAttrD(TD_Scale), 0.5);
     EXPECT_EQ(object.GetAttrPtr(TP_Data), &data);
     EXPECT_TRUE(object.GetAttrID(TID_Name) == "Widget");
