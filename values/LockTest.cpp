@@ -126,6 +126,7 @@ TEST(SpinLock, IsRecursiveAndExcludesOtherThreads)
 
 TEST(SpinLock, NoLostUpdatesUnderContention)
 {
+    static_assert(sizeof(SpinLock) == 8); // two words, free when both are zero
     SpinLock lock;
     ExpectNoLostUpdates(lock, 3, 300);
     EXPECT_EQ(lock.m_Owner, 0u);
