@@ -16,10 +16,10 @@ using orvexTest::RunProcess;
 const char *const kFrontEnd = ORVEX_FRONTEND;
 const std::string kTour = std::string(ORVEX_SOURCE_DIR) + "/examples/tour.lua";
 
-ProcessResult RunFrontEnd(std::vector<std::string> arguments, const std::vector<std::string> &env = {})
+ProcessResult RunFrontEnd(std::vector<std::string> arguments)
 {
     arguments.insert(arguments.begin(), kFrontEnd);
-    ProcessResult result = RunProcess(arguments, 30000, env);
+    ProcessResult result = RunProcess(arguments);
     EXPECT_FALSE(result.timedOut);
     EXPECT_EQ(0, result.signal);
     return result;
