@@ -1,9 +1,26 @@
-// Tests of the string hashes: what the folded hash ignores and what both of them hash.
+// Tests of the string hashes: known answers (the hash is part of the string block's definition, high
+// bytes widened as signed), what the folded hash ignores, and what both of them hash.
 #include "values/Hash.h"
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 using namespace orvexScript;
+
+TEST(Hash, KnownAnswers)
+{
+    const std::tuple<const char *, uint32_t, uint32_t> cases[] = {
+        {"Hello World", 0x53A33C09u, 0xEBF7C25Du},
+        {"\xC3\xA9t\xC3\xA9", 0x21D92148u, 0x31F49971u},
+        {"\xFF\x80", 0x07FFF87Fu, 0xFFFFFF80u},
+    };
+    for (const auto &[text, folded, plain] : cases)
+    {
+        EXPECT_EQ(GetHashValue(text), folded) << text;
+        EXPECT_EQ(gethash(text), plain) << text;
+    }
+}
 
 TEST(Hash, FoldedHashIgnoresCaseAndHonoursLength)
 {

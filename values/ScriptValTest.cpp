@@ -1,5 +1,5 @@
 // Tests of the ScriptVal value model: kinds and flags, conversions, ownership of strings, blocks and
-// objects, comparison, merging, errors, Dump, and the remote hooks.
+// objects, comparison, merging, errors, and the remote hooks.
 #include <gtest/gtest.h>
 
 #include <cmath>
