@@ -70,7 +70,7 @@ template <class Base, class Counter = int> class DestroyCounted : public Base
 {
 public:
     template <class... Args>
-    explicit DestroyCounted(Counter *destroyed, Args &&...args)
+    explicit DestroyCounted(Counter *destroyed = nullptr, Args &&...args)
         : Base(std::forward<Args>(args)...), m_Destroyed(destroyed)
     {
     }

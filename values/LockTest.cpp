@@ -207,14 +207,18 @@ TEST(Event, UnlimitedWaitEndsOnSignalFromAnotherThread)
     signaller.join();
 }
 
-using CountedNode = orvexTest::DestroyCounted<QueueNode, std::atomic<int>>;
+// Keeps the old argument order, so the queue cases read as before.
+struct CountedNode : orvexTest::DestroyCounted<QueueNode, std::atomic<int>>
+{
+    CountedNode(unsigned long kind, std::atomic<int> &destroyed) : DestroyCounted(&destroyed, kind) {}
+};
 
 TEST(EventQueue, TwoPutsOneWaitThenBothGetsInOrder)
 {
     std::atomic<int> destroyed{0};
     EventQueue queue;
-    QueueNode *first = new CountedNode(&destroyed, 1);
-    QueueNode *second = new CountedNode(&destroyed, 2);
+    QueueNode *first = new CountedNode(1, destroyed);
+    QueueNode *second = new CountedNode(2, destroyed);
     queue.Put(first);
     queue.Put(second);
     EXPECT_TRUE(queue.Wait(0));
@@ -252,7 +256,7 @@ TEST(EventQueue, ManyProducersOneConsumerLoseNothing)
             [&, p]
             {
                 for (int i = 0; i < perProducer; ++i)
-                    queue.Put(new CountedNode(&destroyed, static_cast<unsigned long>(p * perProducer + i)));
+                    queue.Put(new CountedNode(static_cast<unsigned long>(p * perProducer + i), destroyed));
             });
 
     std::vector<int> lastSeen(producers, -1);
