@@ -9,7 +9,7 @@
 
 #include "objects/ObjectHooks.h"
 #include "objects/ScriptInfo.h"
-#include "objects/TestObjects.h"
+#include "testsupport/TestObjects.h"
 #include "values/TagList.h"
 
 namespace orvexScript

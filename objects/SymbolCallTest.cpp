@@ -12,7 +12,7 @@
 
 #include "objects/ObjectHooks.h"
 #include "objects/ScriptInfo.h"
-#include "objects/TestObjects.h"
+#include "testsupport/TestObjects.h"
 
 namespace orvexScript
 {

@@ -172,4 +172,22 @@ ProcessResult RunProcess(const std::vector<std::string> &argv, int timeoutMs,
     return result;
 }
 
+ScopedEnv::ScopedEnv(const char *name, const char *value) : m_Name(name)
+{
+    if (const char *old = getenv(name))
+        m_Old = old;
+    if (value)
+        setenv(name, value, 1);
+    else
+        unsetenv(name);
+}
+
+ScopedEnv::~ScopedEnv()
+{
+    if (m_Old)
+        setenv(m_Name.c_str(), m_Old->c_str(), 1);
+    else
+        unsetenv(m_Name.c_str());
+}
+
 } // namespace orvexTest

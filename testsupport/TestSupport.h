@@ -1,8 +1,11 @@
-// Helpers for tests: a temporary folder that removes itself, and a child process runner with a
-// bounded wait that captures the child's output and exit status.
+// Helpers for tests: a temporary folder that removes itself, a child process runner with a bounded
+// wait that captures the child's output and exit status, a scoped environment variable, and an
+// object base that counts its destructions.
 #pragma once
 
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace orvexTest
@@ -45,5 +48,39 @@ std::string ReadFile(const std::string &path);
 
 // The folder of the running test executable.
 std::string ExecutableDir();
+
+// Sets (or, for a null value, unsets) an environment variable for the life of the object, then puts
+// back what was there before.
+class ScopedEnv
+{
+public:
+    ScopedEnv(const char *name, const char *value);
+    ~ScopedEnv();
+    ScopedEnv(const ScopedEnv &) = delete;
+    ScopedEnv &operator=(const ScopedEnv &) = delete;
+
+private:
+    std::string m_Name;
+    std::optional<std::string> m_Old;
+};
+
+// `Base` with a counter that goes up by one when the object is destroyed: for ownership checks.
+// `Counter` may be an atomic for objects destroyed on other threads.
+template <class Base, class Counter = int> class DestroyCounted : public Base
+{
+public:
+    template <class... Args>
+    explicit DestroyCounted(Counter *destroyed = nullptr, Args &&...args)
+        : Base(std::forward<Args>(args)...), m_Destroyed(destroyed)
+    {
+    }
+    ~DestroyCounted() override
+    {
+        if (m_Destroyed) ++*m_Destroyed;
+    }
+
+private:
+    Counter *m_Destroyed;
+};
 
 } // namespace orvexTest

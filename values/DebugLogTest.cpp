@@ -1,10 +1,9 @@
-// Tests of the diagnostic log: the switch, the file name, the header and entry formats, reopening, and
-// entries from several threads staying whole.
+// Tests of the diagnostic log: the switch, the file name, the header and entries, reopening, and entries
+// from several threads staying whole.
 #include "values/DebugLog.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <regex>
 #include <sstream>
@@ -21,22 +20,7 @@ using namespace orvexScript;
 namespace
 {
 
-// Sets an environment variable for the life of the object, or unsets it for a null value.
-class EnvSetting
-{
-public:
-    EnvSetting(const char *name, const char *value) : m_Name(name)
-    {
-        if (value)
-            setenv(name, value, 1);
-        else
-            unsetenv(name);
-    }
-    ~EnvSetting() { unsetenv(m_Name); }
-
-private:
-    const char *m_Name;
-};
+using orvexTest::ScopedEnv;
 
 std::vector<std::string> Lines(const std::string &text)
 {
@@ -61,34 +45,23 @@ TEST(DebugLogSwitch, VariableMustReadTrueInAnyCase)
 {
     const char *name = "ORVEX_TEST_LOG_SWITCH";
     {
-        EnvSetting env(name, "TRUE");
+        ScopedEnv env(name, "TRUE");
         EXPECT_TRUE(DebugLog::IsSwitchedOn(name, false));
     }
     for (const char *off : {"1", "yes", "", "true ", "tru", "false"})
     {
-        EnvSetting env(name, off);
+        ScopedEnv env(name, off);
         EXPECT_FALSE(DebugLog::IsSwitchedOn(name, true)) << "'" << off << "'";
     }
-    EnvSetting unset(name, nullptr);
+    ScopedEnv unset(name, nullptr);
     EXPECT_TRUE(DebugLog::IsSwitchedOn(name, true));
     EXPECT_FALSE(DebugLog::IsSwitchedOn(name, false));
-}
-
-TEST(DebugLogFormat, EntryPrefixPadsTheThreadIdToFiveWithASignSpace)
-{
-    char prefix[32];
-    DebugLog::FormatPrefix(prefix, sizeof(prefix), 56789, 1234);
-    EXPECT_STREQ(prefix, "56789 [ 1234] ");
-    DebugLog::FormatPrefix(prefix, sizeof(prefix), 7, 1234567);
-    EXPECT_STREQ(prefix, "7 [ 1234567] "); // the space flag keeps a blank before long ids too
-    DebugLog::FormatPrefix(prefix, sizeof(prefix), 0, 12);
-    EXPECT_STREQ(prefix, "0 [   12] ");
 }
 
 TEST(DebugLogFile, NamedAfterTheBaseAndTheProcessId)
 {
     orvexTest::TempDir dir;
-    EnvSetting env("ORVEX_TEST_LOG_NAME", nullptr);
+    ScopedEnv env("ORVEX_TEST_LOG_NAME", nullptr);
     std::string base = dir.File("server");
     DebugLog log("ORVEX_TEST_LOG_NAME", base.c_str(), false);
     EXPECT_EQ(std::string(log.FileName()), base + "_" + std::to_string(UtilSys::ProcessId()) + ".log");
@@ -100,7 +73,7 @@ TEST(DebugLogFile, NamedAfterTheBaseAndTheProcessId)
 TEST(DebugLogFile, WritesHeaderThenEntriesWithTickAndThread)
 {
     orvexTest::TempDir dir;
-    EnvSetting env("ORVEX_TEST_LOG_ON", "True");
+    ScopedEnv env("ORVEX_TEST_LOG_ON", "True");
     std::string base = dir.File("log");
     {
         DebugLog log("ORVEX_TEST_LOG_ON", base.c_str(), false);
@@ -130,7 +103,7 @@ TEST(DebugLogFile, WritesHeaderThenEntriesWithTickAndThread)
 TEST(DebugLogFile, ReopeningAppendsWithoutAnotherHeader)
 {
     orvexTest::TempDir dir;
-    EnvSetting env("ORVEX_TEST_LOG_REOPEN", nullptr);
+    ScopedEnv env("ORVEX_TEST_LOG_REOPEN", nullptr);
     DebugLog log("ORVEX_TEST_LOG_REOPEN", dir.File("re").c_str(), true);
     ASSERT_TRUE(log.IsOpen());
     log.PrintF("one\n");
@@ -150,10 +123,10 @@ TEST(DebugLogFile, OpenHonoursTheSwitchAtThatTime)
 {
     orvexTest::TempDir dir;
     const char *name = "ORVEX_TEST_LOG_LATER";
-    EnvSetting off(name, "no");
+    ScopedEnv off(name, "no");
     DebugLog log(name, dir.File("later").c_str(), true);
     EXPECT_FALSE(log.IsOpen());
-    setenv(name, "TRUE", 1);
+    ScopedEnv on(name, "TRUE");
     log.Open();
     EXPECT_TRUE(log.IsOpen());
     log.PrintF("now\n");
@@ -164,7 +137,7 @@ TEST(DebugLogFile, OpenHonoursTheSwitchAtThatTime)
 TEST(DebugLogFile, UnopenableFileLeavesTheLogClosed)
 {
     orvexTest::TempDir dir;
-    EnvSetting env("ORVEX_TEST_LOG_BAD", "true");
+    ScopedEnv env("ORVEX_TEST_LOG_BAD", "true");
     DebugLog log("ORVEX_TEST_LOG_BAD", dir.File("missing/folder/log").c_str(), false);
     EXPECT_FALSE(log.IsOpen());
     log.PrintF("nowhere %s\n", "to go");
@@ -175,7 +148,7 @@ TEST(DebugLogFile, UnopenableFileLeavesTheLogClosed)
 TEST(DebugLogFile, EntriesFromSeveralThreadsStayWhole)
 {
     orvexTest::TempDir dir;
-    EnvSetting env("ORVEX_TEST_LOG_THREADS", "true");
+    ScopedEnv env("ORVEX_TEST_LOG_THREADS", "true");
     constexpr int kThreads = 4, kEntries = 200;
     std::string fileName;
     {

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "testsupport/TestSupport.h"
+
 namespace orvexScript
 {
 namespace
@@ -15,17 +17,10 @@ namespace
 
 struct Named : MinNode
 {
-    explicit Named(std::string name, int *destroyed = nullptr)
-        : m_Name(std::move(name)), m_Destroyed(destroyed)
-    {
-    }
-    ~Named() override
-    {
-        if (m_Destroyed) ++*m_Destroyed;
-    }
+    explicit Named(std::string name) : m_Name(std::move(name)) {}
     std::string m_Name;
-    int *m_Destroyed;
 };
+using Counted = orvexTest::DestroyCounted<Named>;
 
 // MinNode is the second base here, so T * and MinNode * differ in address.
 struct Payload
@@ -46,16 +41,11 @@ std::vector<std::string> Names(MinListT<Named> &list)
     return names;
 }
 
-TEST(MinList, NewListIsEmpty)
-{
-    MinList list;
-    EXPECT_TRUE(list.IsEmpty());
-    EXPECT_EQ(list.Next(nullptr), nullptr);
-}
-
 TEST(MinList, WalksInAddOrderAndEndsWithNull)
 {
     MinListT<Named> list;
+    EXPECT_TRUE(list.IsEmpty());
+    EXPECT_EQ(list.Next(nullptr), nullptr);
     Named a("a"), b("b"), c("c");
     list.Add(&a);
     list += &b;
@@ -90,11 +80,11 @@ TEST(MinList, RemoveUnlinksAndJoinsNeighbours)
     EXPECT_TRUE(list.IsEmpty());
 }
 
-TEST(MinList, ClearWithoutDestroyUnlinksEveryNode)
+TEST(MinList, ClearUnlinksEveryNodeAndDestroysEachOnceOnlyIfAsked)
 {
     int destroyed = 0;
     MinListT<Named> list;
-    Named a("a", &destroyed), b("b", &destroyed);
+    Counted a(&destroyed, "a"), b(&destroyed, "b");
     list += &a;
     list += &b;
     list.Clear(false);
@@ -102,29 +92,17 @@ TEST(MinList, ClearWithoutDestroyUnlinksEveryNode)
     EXPECT_FALSE(a.IsLinked());
     EXPECT_FALSE(b.IsLinked());
     EXPECT_EQ(destroyed, 0);
-}
+    {
+        MinList owner; // a list that goes leaves its nodes alone
+        owner.Add(&a);
+    }
+    EXPECT_EQ(destroyed, 0);
 
-TEST(MinList, ClearWithDestroyDeletesEachOnceThroughDerivedDestructor)
-{
-    int destroyed = 0;
-    MinListT<Named> list;
     for (const char *name : {"a", "b", "c"})
-        list += new Named(name, &destroyed);
+        list += new Counted(&destroyed, name); // deleted through the derived destructor
     list.Clear(true);
     EXPECT_EQ(destroyed, 3);
     EXPECT_TRUE(list.IsEmpty());
-}
-
-TEST(MinList, DestroyingListLeavesNodesAlone)
-{
-    int destroyed = 0;
-    Named a("a", &destroyed);
-    {
-        MinList list;
-        list.Add(&a);
-    }
-    EXPECT_EQ(destroyed, 0);
-    EXPECT_EQ(a.m_Name, "a");
 }
 
 TEST(MinListT, ConvertsPointersOfANonFirstBase)

@@ -104,13 +104,17 @@ Bytes NestedForm(int levels)
     return form;
 }
 
+// The little-endian 32-bit word at `at`.
+uint32_t Word(const Bytes &form, size_t at)
+{
+    return uint32_t(form[at] | form[at + 1] << 8 | form[at + 2] << 16 | form[at + 3] << 24);
+}
+
 void ExpectEmptyAndUnowned(const TagList &list)
 {
     EXPECT_TRUE(list.IsEmpty());
     EXPECT_FALSE(list.IsOwned());
 }
-
-// ---- the exact form ---------------------------------------------------------------------------------
 
 TEST(TagListStore, IntAndStringSaveToTheDocumentedThirtyBytes)
 {
@@ -119,15 +123,13 @@ TEST(TagListStore, IntAndStringSaveToTheDocumentedThirtyBytes)
     list.Add(TS_B, "ab");
     const Bytes form = Save(list);
     ASSERT_EQ(form.size(), 30u);
-    auto word = [&](size_t at)
-    { return uint32_t(form[at] | form[at + 1] << 8 | form[at + 2] << 16 | form[at + 3] << 24); };
-    EXPECT_EQ(word(0), 20u);
-    EXPECT_EQ(word(4), uint32_t(TI_A));
-    EXPECT_EQ(word(8), 5u);
-    EXPECT_EQ(word(12), uint32_t(TS_B));
-    EXPECT_NE(word(16), 0u);
-    EXPECT_EQ(word(20), 0u);
-    EXPECT_EQ(word(24), 2u);
+    EXPECT_EQ(Word(form, 0), 20u);
+    EXPECT_EQ(Word(form, 4), uint32_t(TI_A));
+    EXPECT_EQ(Word(form, 8), 5u);
+    EXPECT_EQ(Word(form, 12), uint32_t(TS_B));
+    EXPECT_NE(Word(form, 16), 0u);
+    EXPECT_EQ(Word(form, 20), 0u);
+    EXPECT_EQ(Word(form, 24), 2u);
     EXPECT_EQ(std::memcmp(&form[28], "ab", 2), 0);
 }
 
@@ -141,12 +143,10 @@ TEST(TagListStore, DatalessTagsRecordTheWordBehindThem)
     list.Add(flag | TAG_REPEATABLE, 0);
     const Bytes form = Save(list);
     ASSERT_EQ(form.size(), 32u);
-    auto word = [&](size_t at)
-    { return uint32_t(form[at] | form[at + 1] << 8 | form[at + 2] << 16 | form[at + 3] << 24); };
-    EXPECT_EQ(word(4), uint32_t(flag));
-    EXPECT_EQ(word(8), uint32_t(TI_A));
-    EXPECT_EQ(word(20), uint32_t(flag | TAG_REPEATABLE));
-    EXPECT_EQ(word(24), 0u); // the word behind the last tag is the terminator
+    EXPECT_EQ(Word(form, 4), uint32_t(flag));
+    EXPECT_EQ(Word(form, 8), uint32_t(TI_A));
+    EXPECT_EQ(Word(form, 20), uint32_t(flag | TAG_REPEATABLE));
+    EXPECT_EQ(Word(form, 24), 0u); // the word behind the last tag is the terminator
     TagList loaded;
     ASSERT_TRUE(LoadAll(loaded, form));
     EXPECT_NE(loaded.Find(flag), nullptr);
@@ -178,8 +178,6 @@ TEST(TagListStore, SaveOneByteShortWritesNothingAndReportsTheNeed)
     EXPECT_EQ(buffer, Bytes(size_t(need), 0xCD));
 }
 
-// ---- round trips ------------------------------------------------------------------------------------
-
 TEST(TagListStore, NullStringHasNoPayloadAndEmptyStringStaysEmpty)
 {
     TagList list;
@@ -195,34 +193,42 @@ TEST(TagListStore, NullStringHasNoPayloadAndEmptyStringStaysEmpty)
     EXPECT_STREQ(loaded.GetString(TS_B), "");
 }
 
-TEST(TagListStore, BlocksKeepTheirBytesAndAnEmptyBlockLoadsAsNone)
+TEST(TagListStore, EachPayloadRoundTripsAndObjectsAndPointersVanish)
 {
+    const uint64_t nanBits = 0x7FF4000000000001ull; // a signalling NaN with a payload
+    double nan;
+    std::memcpy(&nan, &nanBits, sizeof(nan));
     unsigned char bytes[5] = {0, 1, 0xFF, 3, 4};
+    TagList object;
+    int dummy = 0;
     TagList list;
     list.Add(TM_A, MemBlock(bytes, sizeof(bytes)));
     list.Add(TM_B, MemBlock(bytes, 0)); // a pointer, but no bytes
-    list.Add(TI_A, 7);
+    list.Add(TID_A, KeID("Width"));
+    list.Add(TID_A | TAG_REPEATABLE, KeID());
+    list.Add(TO_A, static_cast<const void *>(&object));
+    list.Add(TP_A, static_cast<const void *>(&dummy));
+    list.Add(TD_A, nan);
+    list.Add(TD_A | TAG_REPEATABLE, -0.0);
+    list.Add(TI_A, static_cast<unsigned long>(0x1234567800000005ull));
     TagList loaded;
     ASSERT_TRUE(LoadAll(loaded, Save(list)));
+
     const MemBlock a = loaded.GetMemBlock(TM_A);
     ASSERT_EQ(a.m_Size, sizeof(bytes));
     EXPECT_EQ(std::memcmp(a.m_Ptr, bytes, sizeof(bytes)), 0);
     EXPECT_NE(a.m_Ptr, static_cast<void *>(bytes));
-    const MemBlock b = loaded.GetMemBlock(TM_B, MemBlock(bytes, 1));
-    EXPECT_EQ(b.m_Ptr, nullptr);
-    EXPECT_EQ(b.m_Size, 0u);
-    EXPECT_EQ(loaded.GetInt(TI_A), 7);
-}
-
-TEST(TagListStore, IdentifiersRoundTripWithTheirText)
-{
-    TagList list;
-    list.Add(TID_A, KeID("Width"));
-    list.Add(TID_A | TAG_REPEATABLE, KeID());
-    TagList loaded;
-    ASSERT_TRUE(LoadAll(loaded, Save(list)));
+    EXPECT_EQ(loaded.GetMemBlock(TM_B, MemBlock(bytes, 1)).m_Ptr, nullptr); // empty loads as none
     EXPECT_TRUE(loaded.GetID(TID_A, KeID()) == "Width");
     EXPECT_TRUE(loaded.GetID(TID_A | TAG_REPEATABLE, KeID("x")).IsEmpty());
+    EXPECT_EQ(loaded.Find(TO_A), nullptr);
+    EXPECT_EQ(loaded.Find(TP_A), nullptr);
+    const double back = loaded.GetDouble(TD_A);
+    uint64_t backBits;
+    std::memcpy(&backBits, &back, sizeof(backBits));
+    EXPECT_EQ(backBits, nanBits); // all 64 bits
+    EXPECT_TRUE(std::signbit(loaded.GetDouble(TD_A | TAG_REPEATABLE, 1.0)));
+    EXPECT_EQ(loaded.Find(TI_A)[1], 5u); // integers keep only their low half
 }
 
 TEST(TagListStore, NestedListsTwoLevelsDeepRoundTripAndLoadConsumesWhatSaveWrote)
@@ -243,51 +249,13 @@ TEST(TagListStore, NestedListsTwoLevelsDeepRoundTripAndLoadConsumesWhatSaveWrote
     int size = int(padded.size());
     ASSERT_TRUE(loaded.Load(padded.data(), size));
     EXPECT_EQ(size, int(form.size()));
-
     const TagList *m = loaded.GetTagList(TL_A);
     ASSERT_NE(m, nullptr);
     EXPECT_EQ(m->GetInt(TI_A), 2);
-    const TagList *i = m->GetTagList(TL_A);
-    ASSERT_NE(i, nullptr);
-    EXPECT_STREQ(i->GetString(TS_A), "deep");
+    ASSERT_NE(m->GetTagList(TL_A), nullptr);
+    EXPECT_STREQ(m->GetTagList(TL_A)->GetString(TS_A), "deep");
     EXPECT_STREQ(loaded.GetString(TS_B), "after");
     EXPECT_EQ(Save(loaded), form);
-}
-
-TEST(TagListStore, ObjectsAndPlainPointersVanishAndTheTagsAroundThemStay)
-{
-    TagList object;
-    int dummy = 0;
-    TagList list;
-    list.Add(TI_A, 1);
-    list.Add(TO_A, static_cast<const void *>(&object));
-    list.Add(TP_A, static_cast<const void *>(&dummy));
-    list.Add(TS_A, "tail");
-    TagList loaded;
-    ASSERT_TRUE(LoadAll(loaded, Save(list)));
-    EXPECT_EQ(loaded.Find(TO_A), nullptr);
-    EXPECT_EQ(loaded.Find(TP_A), nullptr);
-    EXPECT_EQ(loaded.GetInt(TI_A), 1);
-    EXPECT_STREQ(loaded.GetString(TS_A), "tail");
-}
-
-TEST(TagListStore, DoublesKeepAll64BitsAndIntegersOnlyTheirLowHalf)
-{
-    const uint64_t nanBits = 0x7FF4000000000001ull; // a signalling NaN with a payload
-    double nan;
-    std::memcpy(&nan, &nanBits, sizeof(nan));
-    TagList list;
-    list.Add(TD_A, nan);
-    list.Add(TD_A | TAG_REPEATABLE, -0.0);
-    list.Add(TI_A, static_cast<unsigned long>(0x1234567800000005ull));
-    TagList loaded;
-    ASSERT_TRUE(LoadAll(loaded, Save(list)));
-    const double back = loaded.GetDouble(TD_A);
-    uint64_t backBits;
-    std::memcpy(&backBits, &back, sizeof(backBits));
-    EXPECT_EQ(backBits, nanBits);
-    EXPECT_TRUE(std::signbit(loaded.GetDouble(TD_A | TAG_REPEATABLE, 1.0)));
-    EXPECT_EQ(loaded.Find(TI_A)[1], 5u);
 }
 
 TEST(TagListStore, WrappedChainSavesAsOneFlatList)
@@ -300,8 +268,6 @@ TEST(TagListStore, WrappedChainSavesAsOneFlatList)
     EXPECT_EQ(loaded.GetInt(TI_A), 1);
     EXPECT_EQ(loaded.GetInt(TI_B), 2);
 }
-
-// ---- refusals ---------------------------------------------------------------------------------------
 
 TEST(TagListStore, EveryTruncationOfAValidFormIsRefusedAndLeavesTheListEmpty)
 {
@@ -326,42 +292,28 @@ TEST(TagListStore, EveryTruncationOfAValidFormIsRefusedAndLeavesTheListEmpty)
     }
 }
 
-TEST(TagListStore, LengthsPastTheEndAndHugeCountsAreRefused)
+TEST(TagListStore, BadLengthsForeignPointersAndUnknownControlWordsAreRefused)
 {
+    Bytes pastEnd = Form().Record(TS_A, 1).Text("ab").Build();
+    std::memset(&pastEnd[4 + 12], 0xFF, 4); // the string's length
+    Bytes hugeBlock = Form().Record(TM_A, 1).Text("").Build();
+    std::memset(&hugeBlock[4 + 12], 0xFF, 4); // the block's size
     const std::vector<Bytes> broken = {
-        Form().Record(TS_A, 1).Text("ab").Build(), // patched below: length past the end
+        pastEnd,
+        hugeBlock,
         {0xFF, 0xFF, 0xFF, 0xFF, 0x01, 0, 0, 0x10, 5, 0, 0, 0, 0, 0, 0, 0}, // T = 0xFFFFFFFF
         {8, 0, 0, 0, 0x01, 0, 0, 0x10, 5, 0, 0, 0},                         // no terminator inside T
-        Form().Record(TM_A, 1).Text("").Build(), // patched below: block size 0xFFFFFFFF
-    };
-    for (size_t i = 0; i < broken.size(); ++i)
-    {
-        Bytes form = broken[i];
-        if (i == 0 || i == 3) std::memset(&form[4 + 12], 0xFF, 4);
-        TagList list;
-        int size = int(form.size());
-        EXPECT_FALSE(list.Load(form.data(), size)) << "case " << i;
-        ExpectEmptyAndUnowned(list);
-    }
-}
-
-TEST(TagListStore, ForeignPointersAndUnknownControlWordsAreRefused)
-{
-    const std::vector<Bytes> broken = {
         Form().Record(TAG_MORE, 0x1000).Build(),
         Form().Record(4, 0).Build(),
-        Form()
-            .Record(TS_A, 1)
-            .Text("\xFF"
-                  "abc")
-            .Build(),                                             // would pass for a shared string block
+        Form().Record(TS_A, 1).Text("\xFF" "abc").Build(),         // would pass for a shared string block
         Form().Record(TID_A, 1).Text(std::string("abc")).Build(), // no NUL
         Form().Record(TID_A, 1).Text(std::string()).Build(),
     };
     for (size_t i = 0; i < broken.size(); ++i)
     {
         TagList list;
-        EXPECT_FALSE(LoadAll(list, broken[i])) << "case " << i;
+        int size = int(broken[i].size());
+        EXPECT_FALSE(list.Load(broken[i].data(), size) && size == int(broken[i].size())) << "case " << i;
         ExpectEmptyAndUnowned(list);
     }
 }
@@ -393,8 +345,6 @@ TEST(TagListStore, LoadIntoAWrappedListLeavesTheCallersArrayAlone)
     EXPECT_EQ(array[1], 1u);
 }
 
-// ---- the fuzz corpus --------------------------------------------------------------------------------
-
 TEST(TagListStore, FuzzCorpusPassesTheFuzzersChecks)
 {
     namespace fs = std::filesystem;
@@ -407,13 +357,9 @@ TEST(TagListStore, FuzzCorpusPassesTheFuzzersChecks)
         const TagListLoadCheck result =
             CheckTagListLoad(reinterpret_cast<const uint8_t *>(data.data()), data.size());
         EXPECT_EQ(result.failure, "") << name;
-        if (name.rfind("valid-", 0) == 0)
+        if (name.rfind("valid-", 0) == 0 || name.rfind("broken-", 0) == 0)
         {
-            EXPECT_TRUE(result.loaded) << name;
-        }
-        if (name.rfind("broken-", 0) == 0)
-        {
-            EXPECT_FALSE(result.loaded) << name;
+            EXPECT_EQ(result.loaded, name[0] == 'v') << name;
         }
         ++files;
     }

@@ -55,57 +55,41 @@ TagList &Mapped(const ScriptVal &table, TagList &&tags = TagList())
     return Mapped(table, tags);
 }
 
-// ---- plain rows ---------------------------------------------------------------------------------
-
-TEST(TagMap, NumbersAndNumericStringsGoToIntAndDoubleTags)
+TEST(TagMap, PlainRowsConvertByTagTypeAndLeaveOutWhatDoesNotFit)
 {
     ScriptVal t = Table();
-    t["Width"] = "12.7";
+    t["Width"] = "12.7"; // numeric strings go to int and double tags
     t["Weight"] = 0.25;
-    TagList tags;
-    scriptval_maptags(kEntries, true, t, tags);
-    EXPECT_EQ(tags.GetInt(TI_Width, -1), 12);
-    EXPECT_EQ(tags.GetDouble(TD_Weight), 0.25);
-
-    ScriptVal u = Table();
-    u["Width"] = -3.9;
-    u["Weight"] = "1e3x";
-    TagList more;
-    scriptval_maptags(kEntries, true, u, more);
-    EXPECT_EQ(more.GetInt(TI_Width), -3);
-    EXPECT_EQ(more.GetDouble(TD_Weight), 1000.0);
-}
-
-TEST(TagMap, StringTagsTakeTextOrPrintedNumbersAndIdentifiersTakeAnything)
-{
-    ScriptVal t = Table();
-    t["Title"] = 2.5;
+    t["Title"] = 2.5;    // a string tag takes a printed number
     t["Kind"] = "Group";
-    TagList tags;
-    scriptval_maptags(kEntries, true, t, tags);
-    EXPECT_STREQ(tags.GetString(TS_Title), "2.5");
-    EXPECT_TRUE(tags.GetID(TID_Kind, KeID()) == "Group");
-
-    ScriptVal u = Table();
-    u["Title"] = true; // not a string or a number: left out
-    u["Kind"] = 7;     // not a string: an empty identifier
-    TagList other;
-    scriptval_maptags(kEntries, true, u, other);
-    EXPECT_EQ(other.Find(TS_Title), nullptr);
-    ASSERT_NE(other.Find(TID_Kind), nullptr);
-    EXPECT_TRUE(other.GetID(TID_Kind, KeID("x")).IsEmpty());
-}
-
-TEST(TagMap, ValuesOfTheWrongKindAndUnmappableTagsAreLeftOut)
-{
-    ScriptVal t = Table();
-    t["Width"] = true;
-    t["User"] = 5;
+    t["User"] = 5;       // plain pointers and objects can't be given by a script
     t["Parent"] = 1;
     t["Unknown"] = 1;
     TagList tags;
     Mapped(t, tags);
-    EXPECT_TRUE(tags.IsEmpty());
+    EXPECT_EQ(tags.GetInt(TI_Width, -1), 12);
+    EXPECT_EQ(tags.GetDouble(TD_Weight), 0.25);
+    EXPECT_STREQ(tags.GetString(TS_Title), "2.5");
+    EXPECT_TRUE(tags.GetID(TID_Kind, KeID()) == "Group");
+    EXPECT_EQ(tags.Find(TP_User), nullptr);
+    EXPECT_EQ(tags.Find(TO_Parent), nullptr);
+
+    ScriptVal u = Table();
+    u["Width"] = -3.9;
+    u["Weight"] = "1e3x";
+    u["Title"] = true; // not a string or a number: left out
+    u["Kind"] = 7;     // not a string: an empty identifier
+    TagList other;
+    Mapped(u, other);
+    EXPECT_EQ(other.GetInt(TI_Width), -3);
+    EXPECT_EQ(other.GetDouble(TD_Weight), 1000.0);
+    EXPECT_EQ(other.Find(TS_Title), nullptr);
+    ASSERT_NE(other.Find(TID_Kind), nullptr);
+    EXPECT_TRUE(other.GetID(TID_Kind, KeID("x")).IsEmpty());
+
+    ScriptVal v = Table();
+    v["Width"] = true;
+    EXPECT_TRUE(Mapped(v).IsEmpty());
 }
 
 // ---- booleans and enumerations ----------------------------------------------------------------
@@ -152,23 +136,14 @@ TEST(TagMap, EnumerationLabelsMatchCaseSensitivelyAndNeverTheEnumerationsName)
 
 // ---- nested groups ----------------------------------------------------------------------------
 
-TEST(TagMap, NestedTablesComeLaterAndOverride)
-{
-    ScriptVal inner = Table();
-    inner["Width"] = 2;
-    ScriptVal t = Table();
-    t["Width"] = 1;
-    t[1] = inner;
-    EXPECT_EQ(Mapped(t).GetInt(TI_Width), 2);
-}
-
-TEST(TagMap, GroupsStopAtTheFirstKeyThatIsNoTable)
+TEST(TagMap, NestedGroupsOverrideEarlierRowsAndStopAtTheFirstKeyThatIsNoTable)
 {
     ScriptVal first = Table();
     first["Width"] = 2;
     ScriptVal third = Table();
     third["Width"] = 3;
     ScriptVal t = Table();
+    t["Width"] = 1;
     t[1] = first;
     t[2] = "not a table";
     t[3] = third;

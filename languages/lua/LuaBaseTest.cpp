@@ -5,8 +5,10 @@
 #include <gtest/gtest.h>
 #include <lua.hpp>
 
-#include <cstdlib>
 #include <string>
+
+#include "testsupport/LuaState.h"
+#include "testsupport/TestSupport.h"
 
 namespace
 {
@@ -14,14 +16,7 @@ namespace
 class LuaBaseTest : public ::testing::Test
 {
 protected:
-    void SetUp() override { unsetenv("ORVEXSCRIPT_TOOLKIT_LIB"); }
-
-    void TearDown() override
-    {
-        unsetenv("ORVEXSCRIPT_TOOLKIT_LIB");
-        orvexScript::SetToolkitLibrary(nullptr);
-        lua_close(m_State);
-    }
+    void TearDown() override { orvexScript::SetToolkitLibrary(nullptr); }
 
     // Runs `chunk` on the state; gives "" if it ran, else the error message.
     std::string Run(const char *chunk)
@@ -42,7 +37,8 @@ protected:
         lua_settop(m_State, 0);
     }
 
-    lua_State *m_State = luaL_newstate();
+    orvexTest::ScopedEnv m_Toolkit{"ORVEXSCRIPT_TOOLKIT_LIB", nullptr};
+    orvexTest::LuaState m_State;
 };
 
 TEST_F(LuaBaseTest, OpensStandardLibrariesAndLpeg)
@@ -86,7 +82,7 @@ TEST_F(LuaBaseTest, MissingToolkitLibraryIsPassedOverSilently)
 TEST_F(LuaBaseTest, EnvironmentOverridesTheToolkitName)
 {
     orvexScript::SetToolkitLibrary("/nonexistent/libnothing-here.so");
-    setenv("ORVEXSCRIPT_TOOLKIT_LIB", ORVEX_FAKE_TOOLKIT, 1);
+    orvexTest::ScopedEnv env("ORVEXSCRIPT_TOOLKIT_LIB", ORVEX_FAKE_TOOLKIT);
     EXPECT_EQ(ORVEX_FAKE_TOOLKIT, orvexScript::ToolkitLibraryName());
     Open();
     EXPECT_EQ("", Run("assert(package.preload.cdlua ~= nil)"));
@@ -97,7 +93,7 @@ TEST_F(LuaBaseTest, ToolkitNameDefaultsAndCanBeTurnedOff)
     EXPECT_EQ("libiuplua.so", orvexScript::ToolkitLibraryName());
     orvexScript::SetToolkitLibrary("");
     EXPECT_EQ("", orvexScript::ToolkitLibraryName());
-    setenv("ORVEXSCRIPT_TOOLKIT_LIB", "", 1);
+    orvexTest::ScopedEnv env("ORVEXSCRIPT_TOOLKIT_LIB", "");
     EXPECT_EQ("", orvexScript::ToolkitLibraryName()) << "an empty variable is no override";
     orvexScript::SetToolkitLibrary(nullptr);
     EXPECT_EQ("libiuplua.so", orvexScript::ToolkitLibraryName());

@@ -7,6 +7,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "testsupport/LuaState.h"
+
 namespace
 {
 
@@ -34,8 +36,6 @@ ORVEX_LUA_FUNCTION(ChecksArgument)
 class LuaGuardTest : public ::testing::Test
 {
 protected:
-    ~LuaGuardTest() override { lua_close(m_State); }
-
     // Calls `function` with `argument` under lua_pcall; gives the status and leaves the result on top.
     int Call(lua_CFunction function, const char *argument)
     {
@@ -47,7 +47,7 @@ protected:
 
     std::string Top() { return lua_isstring(m_State, -1) ? lua_tostring(m_State, -1) : "(not a string)"; }
 
-    lua_State *m_State = luaL_newstate();
+    orvexTest::LuaState m_State;
 };
 
 TEST_F(LuaGuardTest, CppExceptionsBecomeLuaErrors)

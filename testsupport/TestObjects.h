@@ -1,5 +1,5 @@
-// Shared by the object tests: an object that keeps the record its constructors give it, and small
-// helpers to run a special member and read results.
+// Shared by the object tests (header only: they link the object layer): an object that keeps the
+// record its constructors give it, and small helpers to run a special member and read results.
 #pragma once
 
 #include <gtest/gtest.h>
