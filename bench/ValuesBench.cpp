@@ -13,8 +13,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "values/KeID.h"
-#include "values/ScriptVal.h"
+#include "values/model/KeID.h"
+#include "values/model/ScriptVal.h"
 
 using namespace orvexScript;
 

@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "objects/ObjectHooks.h"
-#include "values/TableEntry.h"
+#include "values/model/TableEntry.h"
 
 namespace orvexScript
 {
