@@ -6,7 +6,6 @@
 #include <cstdint>
 
 #include "values/base/Export.h"
-#include "values/model/ScriptObject.h"
 
 namespace orvexScript
 {
