@@ -10,6 +10,7 @@
 #include "values/model/RemoteHooks.h"
 #include "values/model/ScriptArgs.h"
 #include "values/model/ScriptVal.h"
+#include "values/model/SymbolNumbers.h"
 #include "values/base/StringBlock.h"
 #include "values/model/TableEntry.h"
 
@@ -29,8 +30,6 @@ namespace
 
 using TextKey = ScriptVal::TextKey;
 
-constexpr unsigned long kGetTable = 130;
-constexpr unsigned long kSetTable = 131;
 constexpr int kArrayPathMin = 65;
 
 // Look-ups on a value that isn't a table land here; writes into it are lost. One per thread, so a
@@ -556,7 +555,7 @@ ScriptVal ScriptVal::RemoteGet(const ScriptVal &key)
         return ScriptVal();
     ScriptArgs args;
     args.FindKey(0.0) = key;
-    if (!doCommand(m_Value.m_RemoteObject, kGetTable, args) || !args.HoldsTable())
+    if (!doCommand(m_Value.m_RemoteObject, SST_GetTable, args) || !args.HoldsTable())
         return ScriptVal();
     return args.FindKeyConst(-1.0);
 }
@@ -569,7 +568,7 @@ void ScriptVal::RemoteSet(const ScriptVal &key, const ScriptVal &value)
     ScriptArgs args;
     args.FindKey(0.0) = key;
     args.FindKey(1.0) = value;
-    (void)doCommand(m_Value.m_RemoteObject, kSetTable, args);
+    (void)doCommand(m_Value.m_RemoteObject, SST_SetTable, args);
 }
 
 ScriptVal ScriptVal::GetKey(const char *key)

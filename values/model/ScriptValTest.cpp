@@ -11,6 +11,7 @@
 #include "values/model/ScriptArgs.h"
 #include "values/model/ScriptObject.h"
 #include "values/model/ScriptVal.h"
+#include "values/model/SymbolNumbers.h"
 #include "values/base/StringBlock.h"
 #include "values/model/TableEntry.h"
 
@@ -272,7 +273,7 @@ RemoteHooks TestHooks()
     hooks.localObject = [](const RemoteObject *) -> ScriptObject * { return &s_Local; };
     hooks.doCommand = [](RemoteObject *, unsigned long cmd, ScriptArgs &args) {
         s_LastCommand = cmd;
-        if (cmd == 130)
+        if (cmd == SST_GetTable)
             args[-1] = ScriptVal(args.FindKeyConst(0.0).ToString()) ; // echo the member name
         return true;
     };
@@ -300,7 +301,7 @@ TEST(ScriptValObjects, RemoteObjectsGoThroughTheHooks)
         EXPECT_FALSE(v.IsLocalObject(true));
         EXPECT_STREQ(v.GetKey("Name").ToString(), "Name");
         v.SetKey("Name", ScriptVal(1));
-        EXPECT_EQ(s_LastCommand, 131u);
+        EXPECT_EQ(s_LastCommand, SST_SetTable);
     }
     EXPECT_EQ(s_RemoteRefs, 0);
     SetRemoteHooks(RemoteHooks());
