@@ -1,8 +1,7 @@
-// Tests of lf_Buffer: its growth rule, and a real lua_dump through its writer loading back.
+// Tests of lf_Buffer's growth rule. A real lua_dump through its writer is tested in languages/lua.
 #include "values/base/DumpBuffer.h"
 
 #include <gtest/gtest.h>
-#include <lua.hpp>
 
 #include <string>
 
@@ -32,19 +31,4 @@ TEST(DumpBuffer, AppendStartsAtThirtyTwoAndDoubles)
     EXPECT_EQ(buffer.m_Length, 140);
     EXPECT_EQ(std::string(buffer.m_Data, 140),
               std::string(10, 'a') + std::string(30, 'b') + std::string(100, 'c'));
-}
-
-TEST(DumpBuffer, TakesALuaDumpThatLoadsBack)
-{
-    lua_State *state = luaL_newstate();
-    ASSERT_NE(state, nullptr);
-    ASSERT_EQ(luaL_loadstring(state, "local t = {} for i = 1, 10 do t[i] = i * i end return t[7] + 0.5"), 0);
-    lf_Buffer buffer;
-    ASSERT_EQ(lua_dump(state, lf_Buffer::Writer, &buffer), 0);
-    EXPECT_GT(buffer.m_Length, 0);
-    lua_settop(state, 0);
-    ASSERT_EQ(luaL_loadbuffer(state, buffer.m_Data, static_cast<size_t>(buffer.m_Length), "dumped"), 0);
-    ASSERT_EQ(lua_pcall(state, 0, 1, 0), 0);
-    EXPECT_EQ(lua_tonumber(state, -1), 49.5);
-    lua_close(state);
 }

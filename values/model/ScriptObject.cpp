@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <cstring>
-#include <lua.hpp>
 
 #include "values/model/KeID.h"
 #include "values/model/ScriptVal.h"
@@ -29,25 +28,33 @@ uintptr_t AddressOf(const void *object)
 
 // ---- LuaClass -------------------------------------------------------------------------------------
 
+namespace
+{
+std::atomic<LuaClass::PushNilFunction> s_PushNil{nullptr};
+
+int PushNil(lua_State *state)
+{
+    const LuaClass::PushNilFunction push = s_PushNil.load(std::memory_order_acquire);
+    return state && push ? push(state) : 0;
+}
+} // namespace
+
 LuaClass::~LuaClass() = default;
+
+void LuaClass::SetPushNil(PushNilFunction push)
+{
+    s_PushNil.store(push, std::memory_order_release);
+}
 
 int LuaClass::lw_push(lua_State *state)
 {
-    if (!state) return 0;
-    lua_pushnil(state);
-    return 1;
+    return PushNil(state);
 }
 
 int LuaClass::lw_safe_push(LuaClass *object, lua_State *state)
 {
     // Small integers and null arrive here as "objects" from loosely typed callers.
-    if (reinterpret_cast<uintptr_t>(object) < 0x10001)
-    {
-        if (!state)
-            return 0;
-        lua_pushnil(state);
-        return 1;
-    }
+    if (reinterpret_cast<uintptr_t>(object) < 0x10001) return PushNil(state);
     return object->lw_push(state);
 }
 

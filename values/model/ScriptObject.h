@@ -28,14 +28,6 @@ class Node;
 // An attribute tag: type nibble, repeatable bit and number in the low 32 bits of a pointer-wide word.
 typedef uintptr_t Tag;
 
-#define ORVEX_VFPAD(Class, n) virtual void _##Class##_vfpad_##n() {}
-#define ORVEX_VFPAD_20(Class)                                                                               \
-    ORVEX_VFPAD(Class, 1) ORVEX_VFPAD(Class, 2) ORVEX_VFPAD(Class, 3) ORVEX_VFPAD(Class, 4)                 \
-    ORVEX_VFPAD(Class, 5) ORVEX_VFPAD(Class, 6) ORVEX_VFPAD(Class, 7) ORVEX_VFPAD(Class, 8)                 \
-    ORVEX_VFPAD(Class, 9) ORVEX_VFPAD(Class, 10) ORVEX_VFPAD(Class, 11) ORVEX_VFPAD(Class, 12)              \
-    ORVEX_VFPAD(Class, 13) ORVEX_VFPAD(Class, 14) ORVEX_VFPAD(Class, 15) ORVEX_VFPAD(Class, 16)             \
-    ORVEX_VFPAD(Class, 17) ORVEX_VFPAD(Class, 18) ORVEX_VFPAD(Class, 19) ORVEX_VFPAD(Class, 20)
-
 // Root of the chain: knows how to put itself on a Lua stack.
 class ORVEX_API LuaClass
 {
@@ -51,6 +43,11 @@ public:
     // The same for a pointer that may be null or a small integer: the check happens before any call
     // through the pointer, so it is well defined for every value.
     static int lw_safe_push(LuaClass *object, lua_State *state);
+
+    // How an object without a Lua form of its own is pushed (nil, giving 1). The Lua language library
+    // installs it, so the value layer needs no Lua header; until then such a push gives 0.
+    using PushNilFunction = int (*)(lua_State *state);
+    static void SetPushNil(PushNilFunction push);
 
     static LuaType s_LuaType; // the class's Lua descriptor, defined by the Lua language library
 };

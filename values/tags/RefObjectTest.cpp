@@ -1,9 +1,8 @@
 // Tests of the object chain: use counts and the initial count, the information filter DoInfo, the
-// memory dump entry, lw_safe_push, and RefObject's attribute readers and variadic packers.
+// memory dump entry, and RefObject's attribute readers and variadic packers.
 
 #include <gtest/gtest.h>
 
-#include <lua.hpp>
 #include <vector>
 
 #include "values/model/KeID.h"
@@ -157,44 +156,6 @@ TEST(ScriptObjectDump, DumpsEachObjectOnceAndHonoursTheSkipFlag)
     RefObject unhooked;
     unhooked.DumpMem(0);
     EXPECT_EQ(g_Included.size(), 1u);
-}
-
-class Pusher : public RefObject
-{
-public:
-    int lw_push(lua_State *state) override
-    {
-        lua_pushinteger(state, 77);
-        return 1;
-    }
-};
-
-// Small integers handed around as objects.
-int SafePushAt(uintptr_t address, lua_State *state)
-{
-    return LuaClass::lw_safe_push(reinterpret_cast<LuaClass *>(address), state);
-}
-
-TEST(LuaClassPush, BasePushesNilAndSafePushGuardsSmallReceivers)
-{
-    lua_State *state = luaL_newstate();
-    ASSERT_NE(state, nullptr);
-    RefObject plain;
-    EXPECT_EQ(plain.lw_push(nullptr), 0);
-    EXPECT_EQ(plain.lw_push(state), 1);
-    EXPECT_TRUE(lua_isnil(state, -1));
-    lua_settop(state, 0);
-
-    EXPECT_EQ(SafePushAt(0x10000, state), 1);
-    EXPECT_TRUE(lua_isnil(state, -1));
-    EXPECT_EQ(SafePushAt(0, state), 1);
-    EXPECT_EQ(lua_gettop(state), 2);
-    lua_settop(state, 0);
-
-    Pusher pusher;
-    EXPECT_EQ(pusher.lw_safe_push(state), 1);
-    EXPECT_EQ(lua_tointeger(state, -1), 77);
-    lua_close(state);
 }
 
 TEST(RefObjectAttrs, ReadersGiveDefaultsForUnknownTags)
