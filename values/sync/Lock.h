@@ -3,8 +3,6 @@
 // lock or reports an error.
 #pragma once
 
-#include <pthread.h>
-
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -28,8 +26,10 @@ public:
     // Gives up one hold; only the owner calls it.
     void ReleaseLock();
 
+    static constexpr unsigned kMutexSize = 40; // a pthread mutex on 64-bit Linux
+
 private:
-    pthread_mutex_t m_Mutex; // recursive and robust
+    alignas(void *) unsigned char m_Mutex[kMutexSize]; // a recursive, robust mutex (linux/Lock.cpp)
 };
 
 // An auto-reset event that starts unsignalled: one Signal lets one Wait through and resets. A Signal

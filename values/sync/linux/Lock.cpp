@@ -3,6 +3,8 @@
 
 #include "values/sync/Lock.h"
 
+#include <pthread.h>
+
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -12,6 +14,16 @@
 namespace orvexScript
 {
 
+namespace
+{
+// Lock keeps its mutex as bytes, so that its header shows no system type.
+pthread_mutex_t *Native(unsigned char *storage)
+{
+    static_assert(sizeof(pthread_mutex_t) <= Lock::kMutexSize && alignof(pthread_mutex_t) <= alignof(void *));
+    return reinterpret_cast<pthread_mutex_t *>(storage);
+}
+} // namespace
+
 Lock::Lock()
 {
     pthread_mutexattr_t attributes;
@@ -19,24 +31,24 @@ Lock::Lock()
     pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
     // Robust, so that a thread that ends while holding the lock doesn't block every later waiter.
     pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
-    pthread_mutex_init(&m_Mutex, &attributes);
+    pthread_mutex_init(Native(m_Mutex), &attributes);
     pthread_mutexattr_destroy(&attributes);
 }
 
 Lock::~Lock()
 {
-    pthread_mutex_destroy(&m_Mutex);
+    pthread_mutex_destroy(Native(m_Mutex));
 }
 
 void Lock::ObtainLock()
 {
     // The owner ended holding the lock: it is ours now, held once, and usable again.
-    if (pthread_mutex_lock(&m_Mutex) == EOWNERDEAD) pthread_mutex_consistent(&m_Mutex);
+    if (pthread_mutex_lock(Native(m_Mutex)) == EOWNERDEAD) pthread_mutex_consistent(Native(m_Mutex));
 }
 
 void Lock::ReleaseLock()
 {
-    pthread_mutex_unlock(&m_Mutex);
+    pthread_mutex_unlock(Native(m_Mutex));
 }
 
 Event::~Event() = default;
