@@ -15,10 +15,10 @@
 #include <unordered_map>
 #include <vector>
 
-#include "values/Collate.h"
-#include "values/KeID.h"
-#include "values/ScriptVal.h"
-#include "values/TextLocale.h"
+#include "values/base/Collate.h"
+#include "values/model/KeID.h"
+#include "values/model/ScriptVal.h"
+#include "values/base/TextLocale.h"
 
 using namespace orvexScript;
 

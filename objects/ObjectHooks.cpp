@@ -8,8 +8,8 @@
 #include <mutex>
 #include <unordered_map>
 
-#include "values/ScriptObject.h"
-#include "values/ScriptVal.h"
+#include "values/model/ScriptObject.h"
+#include "values/model/ScriptVal.h"
 
 namespace orvexScript
 {

@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "values/Export.h"
+#include "values/base/Export.h"
 
 namespace orvexScript
 {

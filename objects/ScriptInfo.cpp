@@ -1,6 +1,6 @@
 // Class records and members: the registry of records, linking a class to its parent on first use
 // (with its constants handed down to the root), symbol look-up, calling a member (on the main thread
-// if it asks), the names of the special symbols, and ReturnCustomData.
+// if it asks), and ReturnCustomData.
 // The root record and its default members are in RootScriptInfo.cpp; help from tags in
 // ScriptSymbolTags.cpp.
 
@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "objects/ObjectHooks.h"
-#include "values/TableEntry.h"
+#include "values/model/TableEntry.h"
 
 namespace orvexScript
 {
@@ -19,35 +19,6 @@ constinit ScriptInfo *g_ScriptInfoList = nullptr;
 
 namespace
 {
-const char *const kSpecialNames[] = {
-    "SST_Create",
-    "SST_Call",
-    "SST_GetTable",
-    "SST_SetTable",
-    "SST_Add",
-    "SST_Sub",
-    "SST_Mul",
-    "SST_Div",
-    "SST_Pow",
-    "SST_Unm",
-    "SST_EQ",
-    "SST_LE",
-    "SST_LT",
-    "SST_Concat",
-    "SST_ToString",
-    "SST_CallFunction",
-    "SST_CallMemberFunction",
-    "SST_GetSetAttrs",
-    "SST_GetCustomData",
-    "SST_SetCustomData",
-    "SST_ObjectFromAddress",
-    "SST_OnConnect",
-    "SST_OnConnectFailed",
-    "SST_OnDisconnect",
-    "SST_IsDebug",
-};
-static_assert(sizeof(kSpecialNames) / sizeof(kSpecialNames[0]) == SST_LastSpecial - SST_FirstSpecial + 1);
-
 bool IsSpecial(unsigned long number)
 {
     return number >= SST_FirstSpecial && number < SST_FirstSpecial + SST_NumSpecialSlots;
@@ -114,22 +85,6 @@ void CallTrampoline(void *data)
     record->symbol->CallHere(record->object, *record->args, record->set);
 }
 } // namespace
-
-// ---- special symbol names -------------------------------------------------------------------------
-
-const char *SpecialSymbolName(unsigned long number)
-{
-    if (number < SST_FirstSpecial || number > SST_LastSpecial) return nullptr;
-    return kSpecialNames[number - SST_FirstSpecial];
-}
-
-uint32_t SpecialSymbolNumber(const char *name)
-{
-    if (!name) return 0;
-    for (uint32_t number = SST_FirstSpecial; number <= SST_LastSpecial; ++number)
-        if (std::strcmp(kSpecialNames[number - SST_FirstSpecial], name) == 0) return number;
-    return 0;
-}
 
 // ---- ScriptInfo -----------------------------------------------------------------------------------
 

@@ -6,13 +6,13 @@
 
 #include <cstdint>
 
-#include "objects/SymbolNumbers.h"
-#include "values/Export.h"
-#include "values/KeID.h"
-#include "values/ScriptArgs.h"
-#include "values/ScriptObject.h"
-#include "values/ScriptVal.h"
-#include "values/TagList.h"
+#include "values/model/SymbolNumbers.h"
+#include "values/base/Export.h"
+#include "values/model/KeID.h"
+#include "values/model/ScriptArgs.h"
+#include "values/model/ScriptObject.h"
+#include "values/model/ScriptVal.h"
+#include "values/tags/TagList.h"
 
 namespace orvexScript
 {

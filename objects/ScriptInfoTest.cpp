@@ -10,7 +10,7 @@
 #include "objects/ObjectHooks.h"
 #include "objects/ScriptInfo.h"
 #include "testsupport/TestObjects.h"
-#include "values/TagList.h"
+#include "values/tags/TagList.h"
 
 namespace orvexScript
 {

@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "languages/lua/DynamicLibrary.h"
+#include "values/model/ScriptObject.h"
 
 extern "C" int luaopen_lpeg(lua_State *state);
 
@@ -16,6 +17,19 @@ namespace orvexScript
 
 namespace
 {
+
+// An object without a Lua form of its own pushes nil. Installed before main, since the value layer
+// that calls it includes no Lua header.
+int PushNilOnStack(lua_State *state)
+{
+    lua_pushnil(state);
+    return 1;
+}
+
+struct InstallPushNil
+{
+    InstallPushNil() { LuaClass::SetPushNil(&PushNilOnStack); }
+} s_InstallPushNil;
 
 const char *const kDefaultToolkitLibrary = "libiuplua.so";
 const char *const kToolkitEnvironment = "ORVEXSCRIPT_TOOLKIT_LIB";

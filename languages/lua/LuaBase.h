@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "values/Export.h"
+#include "values/base/Export.h"
 
 struct lua_State;
 

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "values/Export.h"
+#include "values/base/Export.h"
 
 struct lua_State;
 

@@ -1,0 +1,33 @@
+// The few operations that values need from the remote layer (remote objects and applications).
+// The remote library registers them at load; until then remote objects are inert and never occur.
+#pragma once
+
+#include "values/base/Export.h"
+
+namespace orvexScript
+{
+
+class RemoteObject;
+class RemoteApp;
+class ScriptObject;
+class ScriptArgs;
+
+struct RemoteHooks
+{
+    void (*incRef)(RemoteObject *object) = nullptr;
+    void (*decRef)(RemoteObject *object) = nullptr;
+    // Same application, same object identifier, same local pointer.
+    bool (*equal)(const RemoteObject *a, const RemoteObject *b) = nullptr;
+    RemoteApp *(*getApp)(const RemoteObject *object) = nullptr;
+    // The local object that a remote object knows, or null.
+    ScriptObject *(*localObject)(const RemoteObject *object) = nullptr;
+    void (*appUse)(RemoteApp *app) = nullptr;
+    void (*appRecycle)(RemoteApp *app) = nullptr;
+    // Sends a command (SST_GetTable, SST_SetTable, ...) and waits for the reply in `args`.
+    bool (*doCommand)(RemoteObject *object, unsigned long cmd, ScriptArgs &args) = nullptr;
+};
+
+ORVEX_API void SetRemoteHooks(const RemoteHooks &hooks);
+ORVEX_API const RemoteHooks &GetRemoteHooks();
+
+} // namespace orvexScript

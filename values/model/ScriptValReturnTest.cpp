@@ -1,0 +1,87 @@
+// Tests of the result writers: results at -1, -2, ... ahead of the arguments, the 8-bit count and its
+// limit, overwriting a protected slot, plain tables, values of other kinds, and function values.
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "values/model/ScriptArgs.h"
+#include "values/model/TableEntry.h"
+
+namespace orvexScript
+{
+namespace
+{
+
+std::vector<double> NumberKeys(const ScriptVal &table)
+{
+    std::vector<double> keys;
+    for (TableEntry *e = table.FirstEntry(); e; e = e->m_Next)
+        if (e->m_Key.IsNumber()) keys.push_back(e->m_Key.ToNumber());
+    return keys;
+}
+
+TEST(ScriptValReturn, ResultsCountDownFromMinusOneAheadOfTheArguments)
+{
+    ScriptArgs args;
+    args.FindKey(0) = "Member";
+    args.FindKey(1) = 7;
+    args.ReturnNumber(1);
+    args.ReturnString("two");
+    EXPECT_EQ(args.m_Value.m_Args.m_NumReturns, 2);
+    EXPECT_EQ(args.FindKeyConst(-1).ToNumber(), 1.0);
+    EXPECT_STREQ(args.FindKeyConst(-2).ToString(), "two");
+    EXPECT_EQ(NumberKeys(args), (std::vector<double>{-2, -1, 0, 1}));
+}
+
+TEST(ScriptValReturn, CountStopsAt255AndNeverReachesKeyZero)
+{
+    ScriptArgs args;
+    args.FindKey(0) = "Member";
+    for (int i = 1; i <= 256; ++i)
+        args.ReturnNumber(i);
+    EXPECT_EQ(args.m_Value.m_Args.m_NumReturns, 255);
+    EXPECT_EQ(args.FindKeyConst(-255).ToNumber(), 255.0);
+    EXPECT_STREQ(args.FindKeyConst(0).ToString(), "Member");
+    EXPECT_TRUE(args.FindKeyConst(-256).IsNil());
+}
+
+TEST(ScriptValReturn, OverwritesAProtectedSlot)
+{
+    ScriptArgs args;
+    args.FindKey(-1) = 5;
+    args.FindKey(-1).SetFlags(SVF_Const);
+    args.ReturnString("fresh");
+    EXPECT_STREQ(args.FindKeyConst(-1).ToString(), "fresh");
+    EXPECT_EQ(args.FindKeyConst(-1).GetFlags(SVF_Const), 0u);
+}
+
+TEST(ScriptValReturn, TablesCountTheirResultsOtherKindsStoreNothing)
+{
+    ScriptVal table(SV_Table, nullptr);
+    table.FindKey(1) = "argument";
+    table.ReturnBoolean(true);
+    table.ReturnNumber(2);
+    EXPECT_TRUE(table.FindKeyConst(-1).ToBoolean());
+    EXPECT_EQ(table.FindKeyConst(-2).ToNumber(), 2.0);
+    EXPECT_STREQ(table.FindKeyConst(1).ToString(), "argument");
+    EXPECT_EQ(table.GetConstructor(), nullptr);
+
+    ScriptVal text("unchanged");
+    text.ReturnNumber(1);
+    EXPECT_STREQ(text.ToString(), "unchanged");
+}
+
+TEST(ScriptValReturn, FunctionValueHoldsTheSymbolAddress)
+{
+    char symbol[8] = {};
+    ScriptArgs args;
+    args.ReturnFunction(reinterpret_cast<ScriptSymbol *>(symbol));
+    args.ReturnFunction(nullptr);
+    EXPECT_EQ(args.FindKeyConst(-1).ToFunction(), reinterpret_cast<uintptr_t>(symbol));
+    EXPECT_TRUE(args.FindKeyConst(-2).IsNil());
+    EXPECT_EQ(args.m_Value.m_Args.m_NumReturns, 2);
+}
+
+} // namespace
+} // namespace orvexScript

@@ -1,0 +1,190 @@
+// The private pool of TableEntry slots: 1 MiB chunks aligned to their size, so a slot finds its
+// chunk by masking its address. Each chunk keeps its own free list and use count; chunks with free
+// slots sit on an "available" list. One mutex guards it all; the pool is created once.
+#include "values/model/TableEntry.h"
+
+#include <cstdint>
+#include <cstdlib>
+#include <mutex>
+#include <new>
+
+namespace orvexScript
+{
+
+namespace
+{
+
+constexpr size_t kChunkSize = 0x100000;
+
+struct FreeSlot
+{
+    FreeSlot *next;
+};
+
+struct Chunk
+{
+    Chunk *nextAll = nullptr;   // every chunk
+    Chunk *prevAll = nullptr;
+    Chunk *nextAvail = nullptr; // chunks with a free slot
+    Chunk *prevAvail = nullptr;
+    bool available = false;
+    FreeSlot *freeList = nullptr;
+    size_t used = 0;     // slots handed out
+    size_t bumped = 0;   // slots ever carved from the chunk's tail
+};
+
+constexpr size_t kSlotSize = (sizeof(TableEntry) + alignof(std::max_align_t) - 1) &
+                             ~(alignof(std::max_align_t) - 1);
+constexpr size_t kHeaderSize = (sizeof(Chunk) + alignof(std::max_align_t) - 1) &
+                               ~(alignof(std::max_align_t) - 1);
+constexpr size_t kSlotsPerChunk = (kChunkSize - kHeaderSize) / kSlotSize;
+
+class EntryPool
+{
+public:
+    void *Allocate();
+    void Free(void *ptr);
+    void Compact();
+
+private:
+    Chunk *NewChunk();
+    void LinkAvail(Chunk *chunk);
+    void UnlinkAvail(Chunk *chunk);
+
+    std::mutex m_Lock;
+    Chunk *m_All = nullptr;
+    Chunk *m_Avail = nullptr;
+};
+
+std::once_flag s_PoolOnce;
+EntryPool *s_Pool = nullptr;
+
+EntryPool *Pool()
+{
+    // Never destroyed: entries of static tables may be freed after other statics are gone.
+    std::call_once(s_PoolOnce, [] { s_Pool = new (std::nothrow) EntryPool; });
+    return s_Pool;
+}
+
+Chunk *ChunkOf(void *slot)
+{
+    return reinterpret_cast<Chunk *>(reinterpret_cast<uintptr_t>(slot) & ~(uintptr_t)(kChunkSize - 1));
+}
+
+Chunk *EntryPool::NewChunk()
+{
+    void *memory = std::aligned_alloc(kChunkSize, kChunkSize);
+    if (!memory)
+        return nullptr;
+    Chunk *chunk = new (memory) Chunk;
+    chunk->nextAll = m_All;
+    if (m_All)
+        m_All->prevAll = chunk;
+    m_All = chunk;
+    LinkAvail(chunk);
+    return chunk;
+}
+
+void EntryPool::LinkAvail(Chunk *chunk)
+{
+    chunk->available = true;
+    chunk->prevAvail = nullptr;
+    chunk->nextAvail = m_Avail;
+    if (m_Avail)
+        m_Avail->prevAvail = chunk;
+    m_Avail = chunk;
+}
+
+void EntryPool::UnlinkAvail(Chunk *chunk)
+{
+    if (chunk->prevAvail)
+        chunk->prevAvail->nextAvail = chunk->nextAvail;
+    else
+        m_Avail = chunk->nextAvail;
+    if (chunk->nextAvail)
+        chunk->nextAvail->prevAvail = chunk->prevAvail;
+    chunk->nextAvail = chunk->prevAvail = nullptr;
+    chunk->available = false;
+}
+
+void *EntryPool::Allocate()
+{
+    std::lock_guard<std::mutex> guard(m_Lock);
+    Chunk *chunk = m_Avail ? m_Avail : NewChunk();
+    if (!chunk)
+        return nullptr;
+    void *slot;
+    if (chunk->freeList)
+    {
+        slot = chunk->freeList;
+        chunk->freeList = chunk->freeList->next;
+    }
+    else
+    {
+        slot = reinterpret_cast<char *>(chunk) + kHeaderSize + chunk->bumped * kSlotSize;
+        ++chunk->bumped;
+    }
+    ++chunk->used;
+    if (!chunk->freeList && chunk->bumped == kSlotsPerChunk)
+        UnlinkAvail(chunk);
+    return slot;
+}
+
+void EntryPool::Free(void *ptr)
+{
+    std::lock_guard<std::mutex> guard(m_Lock);
+    Chunk *chunk = ChunkOf(ptr);
+    FreeSlot *slot = static_cast<FreeSlot *>(ptr);
+    slot->next = chunk->freeList;
+    chunk->freeList = slot;
+    --chunk->used;
+    if (!chunk->available)
+        LinkAvail(chunk);
+}
+
+void EntryPool::Compact()
+{
+    std::lock_guard<std::mutex> guard(m_Lock);
+    for (Chunk *chunk = m_All; chunk;)
+    {
+        Chunk *next = chunk->nextAll;
+        if (chunk->used == 0)
+        {
+            if (chunk->available)
+                UnlinkAvail(chunk);
+            if (chunk->prevAll)
+                chunk->prevAll->nextAll = chunk->nextAll;
+            else
+                m_All = chunk->nextAll;
+            if (chunk->nextAll)
+                chunk->nextAll->prevAll = chunk->prevAll;
+            chunk->~Chunk();
+            std::free(chunk);
+        }
+        chunk = next;
+    }
+}
+
+} // namespace
+
+void *TableEntry::operator new(size_t size) noexcept
+{
+    if (size > kSlotSize)
+        return nullptr;
+    EntryPool *pool = Pool();
+    return pool ? pool->Allocate() : nullptr;
+}
+
+void TableEntry::operator delete(void *ptr) noexcept
+{
+    if (ptr && s_Pool)
+        s_Pool->Free(ptr);
+}
+
+void TableEntry::HeapCompact()
+{
+    if (s_Pool)
+        s_Pool->Compact();
+}
+
+} // namespace orvexScript
