@@ -12,6 +12,7 @@ namespace orvexScript
 {
 
 class TableEntry;
+class TableIndex;
 class KeID;
 class MemBlock;
 class RemoteObject;
@@ -118,6 +119,14 @@ public:
         uint32_t m_Type;
         uint32_t m_Flags;
     };
+
+private:
+    // The handle of a large table's look-up index (0: none). It sits in the padding between the word
+    // and the 8-aligned payload, so no reader of the word or the payload sees it. Only the table's
+    // own operations touch it; a copy of the payload alone carries no index.
+    mutable uint32_t m_Index = 0;
+
+public:
     ScriptValue m_Value;
 
     // ---- construction -------------------------------------------------------------------------
@@ -340,6 +349,12 @@ private:
     TableEntry *LastEntry() const;
     void Append(TableEntry *entry);
     void CleanTable();
+    TableIndex *Index() const;
+    void DropIndex() const;
+    void GrowIndex() const;
+    void LinkTail(TableEntry *entry, TableEntry *last);
+    void LinkNumberLinear(TableEntry *entry, double key);
+    ScriptVal *FindNumberIndexed(TableIndex *index, double key, bool add);
     void StoreTable(const ScriptValue *src);
     bool CopyArray(const TableEntry *source);
     void CopyEntries(const TableEntry *source);

@@ -1,0 +1,446 @@
+// TableIndex: the hash of a large table's keys, the sorted blocks of its number entries, and the
+// process-wide registry that maps the 32-bit handle kept in a ScriptVal to its index.
+// Sections: key compares, registry, building and hashing, number order.
+#include "values/TableIndex.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <new>
+
+#include "values/TableEntry.h"
+
+namespace orvexScript
+{
+
+namespace
+{
+
+constexpr size_t kDefaultThreshold = 24;
+constexpr size_t kMinCapacity = 64;
+constexpr size_t kBlockCap = 128; // number items per block; a full block splits in two
+
+std::atomic<size_t> s_Threshold{kDefaultThreshold};
+
+// Numbers hash by their bits, with -0 folded onto 0 since the two are the same key.
+uint32_t NumberHash(double key)
+{
+    if (key == 0.0)
+        key = 0.0;
+    uint64_t bits;
+    std::memcpy(&bits, &key, sizeof(bits));
+    bits ^= bits >> 33;
+    bits *= 0xff51afd7ed558ccdull;
+    bits ^= bits >> 33;
+    bits *= 0xc4ceb9fe1a85ec53ull;
+    bits ^= bits >> 33;
+    return static_cast<uint32_t>(bits);
+}
+
+bool Indexable(const ScriptVal &key)
+{
+    return key.IsString() || (key.IsNumber() && !std::isnan(key.m_Value.m_Number));
+}
+
+uint32_t KeyHash(const ScriptVal &key)
+{
+    return key.IsString() ? key.m_Value.m_String.m_Hash : NumberHash(key.m_Value.m_Number);
+}
+
+} // namespace
+
+void SetTableIndexThreshold(size_t entries)
+{
+    s_Threshold.store(entries ? entries : kDefaultThreshold, std::memory_order_relaxed);
+}
+
+size_t TableIndexThreshold()
+{
+    return s_Threshold.load(std::memory_order_relaxed);
+}
+
+// ---- key compares ------------------------------------------------------------------------------
+
+char TableFoldAscii(char c)
+{
+    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c;
+}
+
+bool TableTextEqual(const char *stored, const char *key, size_t len)
+{
+    return std::strncmp(stored, key, len) == 0 && stored[len] == '\0';
+}
+
+bool TableTextEqualNoCase(const char *stored, const char *key, size_t len)
+{
+    for (size_t i = 0; i < len; ++i)
+        if (TableFoldAscii(stored[i]) != TableFoldAscii(key[i]) || !stored[i])
+            return false;
+    return stored[len] == '\0';
+}
+
+// ---- registry ----------------------------------------------------------------------------------
+// Handles index chunks that never move, so a read takes two acquire loads and no lock. Handles are
+// given out and taken back under one mutex; handle 0 means "no index".
+
+namespace
+{
+
+constexpr uint32_t kChunkBits = 14;
+constexpr uint32_t kChunkSlots = 1u << kChunkBits;
+constexpr uint32_t kMaxChunks = 1u << (32 - kChunkBits);
+
+std::atomic<std::atomic<TableIndex *> *> s_Chunks[kMaxChunks];
+std::mutex s_RegistryLock;
+uint32_t s_NextHandle = 1;
+uint32_t *s_FreeHandles = nullptr;
+size_t s_NumFree = 0;
+size_t s_FreeCap = 0;
+
+std::atomic<TableIndex *> *SlotOf(uint32_t handle)
+{
+    std::atomic<TableIndex *> *chunk = s_Chunks[handle >> kChunkBits].load(std::memory_order_acquire);
+    return chunk ? &chunk[handle & (kChunkSlots - 1)] : nullptr;
+}
+
+// A free handle with its slot in place, or 0. Called under the lock.
+uint32_t TakeHandle()
+{
+    if (s_NumFree)
+        return s_FreeHandles[--s_NumFree];
+    if (s_NextHandle == 0)
+        return 0; // every handle is in use
+    uint32_t handle = s_NextHandle;
+    std::atomic<std::atomic<TableIndex *> *> &chunk = s_Chunks[handle >> kChunkBits];
+    if (!chunk.load(std::memory_order_relaxed))
+    {
+        auto *slots = static_cast<std::atomic<TableIndex *> *>(std::calloc(kChunkSlots, sizeof(void *)));
+        if (!slots)
+            return 0;
+        chunk.store(slots, std::memory_order_release);
+    }
+    ++s_NextHandle;
+    return handle;
+}
+
+void GiveBackHandle(uint32_t handle)
+{
+    if (s_NumFree == s_FreeCap)
+    {
+        size_t cap = s_FreeCap ? s_FreeCap * 2 : 256;
+        auto *grown = static_cast<uint32_t *>(std::realloc(s_FreeHandles, cap * sizeof(uint32_t)));
+        if (!grown)
+            return; // the handle number is lost, nothing else
+        s_FreeHandles = grown;
+        s_FreeCap = cap;
+    }
+    s_FreeHandles[s_NumFree++] = handle;
+}
+
+} // namespace
+
+uint32_t TableIndex::Create(const ScriptVal *owner, TableEntry *head)
+{
+    TableIndex *index = new (std::nothrow) TableIndex;
+    if (!index)
+        return 0;
+    index->m_Owner = owner;
+    if (!index->Build(head))
+    {
+        delete index;
+        return 0;
+    }
+    std::lock_guard<std::mutex> guard(s_RegistryLock);
+    uint32_t handle = TakeHandle();
+    if (!handle)
+    {
+        delete index;
+        return 0;
+    }
+    SlotOf(handle)->store(index, std::memory_order_release);
+    return handle;
+}
+
+TableIndex *TableIndex::Get(uint32_t handle)
+{
+    if (!handle)
+        return nullptr;
+    std::atomic<TableIndex *> *slot = SlotOf(handle);
+    return slot ? slot->load(std::memory_order_acquire) : nullptr;
+}
+
+void TableIndex::Release(uint32_t handle)
+{
+    TableIndex *index = nullptr;
+    {
+        std::lock_guard<std::mutex> guard(s_RegistryLock);
+        std::atomic<TableIndex *> *slot = handle ? SlotOf(handle) : nullptr;
+        if (!slot)
+            return;
+        index = slot->exchange(nullptr, std::memory_order_acq_rel);
+        if (index)
+            GiveBackHandle(handle);
+    }
+    delete index;
+}
+
+// ---- building and hashing ----------------------------------------------------------------------
+
+struct TableIndex::Block
+{
+    size_t n;
+    NumberItem items[kBlockCap];
+};
+
+TableIndex::~TableIndex()
+{
+    std::free(m_Slots);
+    DropOrder();
+}
+
+// Indexes the list in list order, so that among equal keys the first in the list is found first:
+// linear probing without removal keeps equal-hash keys in the order they were added.
+bool TableIndex::Build(TableEntry *head)
+{
+    size_t count = 0;
+    for (TableEntry *e = head; e; e = e->m_Next)
+        ++count;
+    size_t capacity = kMinCapacity;
+    while (capacity < count * 2)
+        capacity *= 2;
+    m_Head = head;
+    if (!Rehash(capacity))
+        return false;
+    TableEntry *prev = nullptr;
+    for (TableEntry *e = head; e; prev = e, e = e->m_Next)
+    {
+        m_Tail = e;
+        const ScriptVal &key = e->m_Key;
+        if (!m_Ordered || !key.IsNumber() || std::isnan(key.m_Value.m_Number))
+            continue;
+        double k = key.m_Value.m_Number;
+        if (m_NumBlocks == 0 || k > m_BlockMax[m_NumBlocks - 1])
+        {
+            if (!PushNumber(NumberItem{k, e, prev}))
+                return false;
+        }
+        else if (k < m_BlockMax[m_NumBlocks - 1])
+        {
+            DropOrder(); // number keys out of order: new number keys are placed by walking the list
+        }
+    }
+    return true;
+}
+
+// A new slot array of `capacity` (a power of two) holding every indexable entry of the list, in list
+// order.
+bool TableIndex::Rehash(size_t capacity)
+{
+    Slot *slots = static_cast<Slot *>(std::calloc(capacity, sizeof(Slot)));
+    if (!slots)
+        return false;
+    std::free(m_Slots);
+    m_Slots = slots;
+    m_Mask = capacity - 1;
+    m_Shift = 64;
+    for (size_t c = capacity; c > 1; c >>= 1)
+        --m_Shift;
+    m_Used = 0;
+    for (TableEntry *e = m_Head; e; e = e->m_Next)
+    {
+        if (!Indexable(e->m_Key))
+            continue;
+        uint32_t hash = KeyHash(e->m_Key);
+        size_t i = (hash * 0x9E3779B97F4A7C15ull) >> m_Shift;
+        while (m_Slots[i].entry)
+            i = (i + 1) & m_Mask;
+        m_Slots[i] = Slot{e, hash};
+        ++m_Used;
+    }
+    return true;
+}
+
+// `entry` is already linked into the list, so a growing rehash picks it up with the rest.
+bool TableIndex::AddHash(TableEntry *entry)
+{
+    if (!Indexable(entry->m_Key))
+        return true;
+    if ((m_Used + 1) * 2 > m_Mask + 1)
+        return Rehash((m_Mask + 1) * 2);
+    uint32_t hash = KeyHash(entry->m_Key);
+    size_t i = (hash * 0x9E3779B97F4A7C15ull) >> m_Shift;
+    while (m_Slots[i].entry)
+        i = (i + 1) & m_Mask;
+    m_Slots[i] = Slot{entry, hash};
+    ++m_Used;
+    return true;
+}
+
+TableEntry *TableIndex::FindNumber(double key) const
+{
+    if (std::isnan(key))
+        return nullptr;
+    uint32_t hash = NumberHash(key);
+    for (size_t i = (hash * 0x9E3779B97F4A7C15ull) >> m_Shift; m_Slots[i].entry; i = (i + 1) & m_Mask)
+    {
+        const Slot &s = m_Slots[i];
+        if (s.hash == hash && s.entry->m_Key.IsNumber() && s.entry->m_Key.m_Value.m_Number == key)
+            return s.entry;
+    }
+    return nullptr;
+}
+
+TableEntry *TableIndex::FindText(const char *text, size_t len, uint32_t hash, bool noCase) const
+{
+    for (size_t i = (hash * 0x9E3779B97F4A7C15ull) >> m_Shift; m_Slots[i].entry; i = (i + 1) & m_Mask)
+    {
+        const Slot &s = m_Slots[i];
+        if (s.hash != hash || !s.entry->m_Key.IsString())
+            continue;
+        const char *stored = s.entry->m_Key.m_Value.m_String.m_String + 1;
+        if (noCase ? TableTextEqualNoCase(stored, text, len) : TableTextEqual(stored, text, len))
+            return s.entry;
+    }
+    return nullptr;
+}
+
+bool TableIndex::Appended(TableEntry *entry)
+{
+    TableEntry *prev = m_Tail;
+    m_Tail = entry;
+    if (!m_Head)
+        m_Head = entry;
+    const ScriptVal &key = entry->m_Key;
+    if (m_Ordered && key.IsNumber() && !std::isnan(key.m_Value.m_Number))
+    {
+        double k = key.m_Value.m_Number;
+        if (m_NumBlocks == 0 || k > m_BlockMax[m_NumBlocks - 1])
+        {
+            if (!PushNumber(NumberItem{k, entry, prev}))
+                return false;
+        }
+        else if (k < m_BlockMax[m_NumBlocks - 1])
+        {
+            DropOrder();
+        }
+    }
+    return AddHash(entry);
+}
+
+bool TableIndex::InsertedBefore(TableEntry *entry, double key, NumberItem *next)
+{
+    TableEntry *prev = next->prev;
+    next->prev = entry;
+    if (!prev)
+        m_Head = entry;
+    if (!InsertNumber(m_FoundBlock, m_FoundPos, NumberItem{key, entry, prev}))
+        return false;
+    return AddHash(entry);
+}
+
+bool TableIndex::InsertedInside(TableEntry *entry)
+{
+    return AddHash(entry);
+}
+
+// ---- number order ------------------------------------------------------------------------------
+
+NumberItem *TableIndex::Successor(double key)
+{
+    if (!m_Ordered || std::isnan(key))
+        return nullptr;
+    size_t b = static_cast<size_t>(std::upper_bound(m_BlockMax, m_BlockMax + m_NumBlocks, key) - m_BlockMax);
+    if (b == m_NumBlocks)
+        return nullptr;
+    Block *block = m_Blocks[b];
+    NumberItem *item = std::upper_bound(block->items, block->items + block->n, key,
+                                        [](double k, const NumberItem &it) { return k < it.key; });
+    m_FoundBlock = b;
+    m_FoundPos = static_cast<size_t>(item - block->items);
+    return item;
+}
+
+// Room in the block arrays for one more block.
+bool TableIndex::ReserveBlock()
+{
+    if (m_NumBlocks < m_BlockCap)
+        return true;
+    size_t cap = m_BlockCap ? m_BlockCap * 2 : 8;
+    auto *blocks = static_cast<Block **>(std::realloc(m_Blocks, cap * sizeof(Block *)));
+    if (!blocks)
+        return false;
+    m_Blocks = blocks;
+    auto *maxima = static_cast<double *>(std::realloc(m_BlockMax, cap * sizeof(double)));
+    if (!maxima)
+        return false;
+    m_BlockMax = maxima;
+    m_BlockCap = cap;
+    return true;
+}
+
+// Appends the item of a key above every other: O(1), a new block when the last one is full.
+bool TableIndex::PushNumber(const NumberItem &item)
+{
+    if (m_NumBlocks == 0 || m_Blocks[m_NumBlocks - 1]->n == kBlockCap)
+    {
+        Block *block = ReserveBlock() ? static_cast<Block *>(std::malloc(sizeof(Block))) : nullptr;
+        if (!block)
+            return false;
+        block->n = 0;
+        m_Blocks[m_NumBlocks++] = block;
+    }
+    Block *last = m_Blocks[m_NumBlocks - 1];
+    last->items[last->n++] = item;
+    m_BlockMax[m_NumBlocks - 1] = item.key;
+    return true;
+}
+
+bool TableIndex::InsertNumber(size_t b, size_t pos, const NumberItem &item)
+{
+    Block *block = m_Blocks[b];
+    if (block->n == kBlockCap)
+    {
+        // Split: the upper half moves to a new block behind this one.
+        Block *upper = ReserveBlock() ? static_cast<Block *>(std::malloc(sizeof(Block))) : nullptr;
+        if (!upper)
+            return false;
+        size_t half = kBlockCap / 2;
+        upper->n = kBlockCap - half;
+        std::memcpy(upper->items, block->items + half, upper->n * sizeof(NumberItem));
+        block->n = half;
+        std::memmove(m_Blocks + b + 2, m_Blocks + b + 1, (m_NumBlocks - b - 1) * sizeof(Block *));
+        std::memmove(m_BlockMax + b + 2, m_BlockMax + b + 1, (m_NumBlocks - b - 1) * sizeof(double));
+        m_Blocks[b + 1] = upper;
+        m_BlockMax[b] = block->items[half - 1].key;
+        m_BlockMax[b + 1] = upper->items[upper->n - 1].key;
+        ++m_NumBlocks;
+        if (pos > half)
+        {
+            ++b;
+            pos -= half;
+            block = upper;
+        }
+    }
+    std::memmove(block->items + pos + 1, block->items + pos, (block->n - pos) * sizeof(NumberItem));
+    block->items[pos] = item;
+    ++block->n;
+    m_BlockMax[b] = block->items[block->n - 1].key;
+    return true;
+}
+
+void TableIndex::DropOrder()
+{
+    for (size_t i = 0; i < m_NumBlocks; ++i)
+        std::free(m_Blocks[i]);
+    std::free(m_Blocks);
+    std::free(m_BlockMax);
+    m_Blocks = nullptr;
+    m_BlockMax = nullptr;
+    m_NumBlocks = m_BlockCap = 0;
+    m_Ordered = false;
+}
+
+} // namespace orvexScript
