@@ -353,7 +353,6 @@ private:
     void DropIndex() const;
     void GrowIndex() const;
     void LinkTail(TableEntry *entry, TableEntry *last);
-    void LinkNumberLinear(TableEntry *entry, double key);
     ScriptVal *FindNumberIndexed(TableIndex *index, double key, bool add);
     void StoreTable(const ScriptValue *src);
     bool CopyArray(const TableEntry *source);

@@ -241,8 +241,7 @@ ScriptVal *ScriptVal::FindNumber(double key, bool add)
     return entry ? &entry->m_Value : nullptr;
 }
 
-// The same through the index: a hash probe finds the key; a new key of an ascending table is placed
-// by the index's sorted numbers, of any other table by walking the list.
+// The same through the index: a hash probe finds the key, the index's number order places a new one.
 ScriptVal *ScriptVal::FindNumberIndexed(TableIndex *index, double key, bool add)
 {
     if (TableEntry *e = index->FindNumber(key))
@@ -263,43 +262,11 @@ ScriptVal *ScriptVal::FindNumberIndexed(TableIndex *index, double key, bool add)
         if (!index->InsertedBefore(entry, key, next))
             DropIndex();
     }
-    else if (index->Ordered() || std::isnan(key))
+    else
     {
         LinkTail(entry, index->m_Tail);
     }
-    else
-    {
-        LinkNumberLinear(entry, key);
-    }
     return &entry->m_Value;
-}
-
-// Places a new number entry of an indexed table whose number keys don't ascend: in front of the first
-// greater number key in list order, else at the tail.
-void ScriptVal::LinkNumberLinear(TableEntry *entry, double key)
-{
-    TableEntry *prev = nullptr;
-    TableEntry *e = FirstEntry();
-    for (; e; prev = e, e = e->m_Next)
-        if (e->m_Key.IsNumber() && e->m_Key.m_Value.m_Number > key)
-            break;
-    if (!e)
-    {
-        LinkTail(entry, prev);
-        return;
-    }
-    TableIndex *index = Index();
-    entry->m_Next = e;
-    if (prev)
-        prev->m_Next = entry;
-    else
-        m_Value.m_Table.m_Table = entry;
-    if (!index)
-        return;
-    if (!prev)
-        index->m_Head = entry;
-    if (!index->InsertedInside(entry))
-        DropIndex();
 }
 
 ScriptVal *ScriptVal::FindText(const TextKey &key, bool add, bool noCase)

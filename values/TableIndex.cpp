@@ -198,11 +198,20 @@ struct TableIndex::Block
 TableIndex::~TableIndex()
 {
     std::free(m_Slots);
-    DropOrder();
+    for (size_t i = 0; i < m_NumBlocks; ++i)
+        std::free(m_Blocks[i]);
+    std::free(m_Blocks);
+    std::free(m_BlockMax);
 }
 
 // Indexes the list in list order, so that among equal keys the first in the list is found first:
 // linear probing without removal keeps equal-hash keys in the order they were added.
+//
+// The number order holds only the number entries greater than every number key in front of them.
+// That is enough to place a new key by the list rule: the first number key in list order greater than
+// k is greater than all keys before it, so it is the smallest such entry above k. The new entry, placed
+// in front of it, is greater than everything before it too and joins the order right there; an entry
+// appended below the maximum joins nothing. So tables whose number keys don't ascend need no other path.
 bool TableIndex::Build(TableEntry *head)
 {
     size_t count = 0;
@@ -219,18 +228,11 @@ bool TableIndex::Build(TableEntry *head)
     {
         m_Tail = e;
         const ScriptVal &key = e->m_Key;
-        if (!m_Ordered || !key.IsNumber() || std::isnan(key.m_Value.m_Number))
+        if (!key.IsNumber() || std::isnan(key.m_Value.m_Number))
             continue;
         double k = key.m_Value.m_Number;
-        if (m_NumBlocks == 0 || k > m_BlockMax[m_NumBlocks - 1])
-        {
-            if (!PushNumber(NumberItem{k, e, prev}))
-                return false;
-        }
-        else if (k < m_BlockMax[m_NumBlocks - 1])
-        {
-            DropOrder(); // number keys out of order: new number keys are placed by walking the list
-        }
+        if ((m_NumBlocks == 0 || k > m_BlockMax[m_NumBlocks - 1]) && !PushNumber(NumberItem{k, e, prev}))
+            return false;
     }
     return true;
 }
@@ -314,18 +316,11 @@ bool TableIndex::Appended(TableEntry *entry)
     if (!m_Head)
         m_Head = entry;
     const ScriptVal &key = entry->m_Key;
-    if (m_Ordered && key.IsNumber() && !std::isnan(key.m_Value.m_Number))
+    if (key.IsNumber() && !std::isnan(key.m_Value.m_Number))
     {
         double k = key.m_Value.m_Number;
-        if (m_NumBlocks == 0 || k > m_BlockMax[m_NumBlocks - 1])
-        {
-            if (!PushNumber(NumberItem{k, entry, prev}))
-                return false;
-        }
-        else if (k < m_BlockMax[m_NumBlocks - 1])
-        {
-            DropOrder();
-        }
+        if ((m_NumBlocks == 0 || k > m_BlockMax[m_NumBlocks - 1]) && !PushNumber(NumberItem{k, entry, prev}))
+            return false;
     }
     return AddHash(entry);
 }
@@ -341,16 +336,11 @@ bool TableIndex::InsertedBefore(TableEntry *entry, double key, NumberItem *next)
     return AddHash(entry);
 }
 
-bool TableIndex::InsertedInside(TableEntry *entry)
-{
-    return AddHash(entry);
-}
-
 // ---- number order ------------------------------------------------------------------------------
 
 NumberItem *TableIndex::Successor(double key)
 {
-    if (!m_Ordered || std::isnan(key))
+    if (std::isnan(key))
         return nullptr;
     size_t b = static_cast<size_t>(std::upper_bound(m_BlockMax, m_BlockMax + m_NumBlocks, key) - m_BlockMax);
     if (b == m_NumBlocks)
@@ -429,18 +419,6 @@ bool TableIndex::InsertNumber(size_t b, size_t pos, const NumberItem &item)
     ++block->n;
     m_BlockMax[b] = block->items[block->n - 1].key;
     return true;
-}
-
-void TableIndex::DropOrder()
-{
-    for (size_t i = 0; i < m_NumBlocks; ++i)
-        std::free(m_Blocks[i]);
-    std::free(m_Blocks);
-    std::free(m_BlockMax);
-    m_Blocks = nullptr;
-    m_BlockMax = nullptr;
-    m_NumBlocks = m_BlockCap = 0;
-    m_Ordered = false;
 }
 
 } // namespace orvexScript

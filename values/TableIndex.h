@@ -1,7 +1,7 @@
 // TableIndex: the look-up index that a large table grows beside its entry list. The list stays the
-// table; the index only finds entries (open-addressing hash of number and string keys) and, for
-// tables whose number keys ascend in list order, where a new number key goes (sorted blocks of the
-// number entries with their predecessors). Not for anything that changes the list: ScriptValTable.cpp.
+// table; the index only finds entries (open-addressing hash of number and string keys) and where a
+// new number key goes (sorted blocks of number entries with their predecessors). What changes the
+// list is in ScriptValTable.cpp.
 #pragma once
 
 #include <cstddef>
@@ -27,7 +27,8 @@ char TableFoldAscii(char c);
 bool TableTextEqual(const char *stored, const char *key, size_t len);
 bool TableTextEqualNoCase(const char *stored, const char *key, size_t len);
 
-// A number entry of an ascending table: its key, the entry and the entry in front of it in the list.
+// A number entry that is greater than every number key in front of it: its key, the entry and the
+// entry in front of it in the list.
 struct NumberItem
 {
     double key;
@@ -53,17 +54,14 @@ public:
     TableEntry *FindNumber(double key) const;
     TableEntry *FindText(const char *text, size_t len, uint32_t hash, bool noCase) const;
 
-    // True while the number keys ascend in list order, so Successor can place a new one.
-    bool Ordered() const { return m_Ordered; }
-    // The first number entry whose key is greater than `key` (an ordered index only), or null.
+    // The first number entry in list order whose key is greater than `key`, or null: a new number key
+    // goes in front of it, or to the tail if there is none.
     NumberItem *Successor(double key);
 
     // Records `entry`, just linked at the tail. False if the index couldn't grow (drop it then).
     [[nodiscard]] bool Appended(TableEntry *entry);
     // Records `entry` (number key `key`), just linked in front of `next`, the item that Successor gave.
     [[nodiscard]] bool InsertedBefore(TableEntry *entry, double key, NumberItem *next);
-    // Records a number entry linked in the middle of an unordered table.
-    [[nodiscard]] bool InsertedInside(TableEntry *entry);
 
     ~TableIndex();
 
@@ -81,14 +79,12 @@ private:
     bool ReserveBlock();
     bool PushNumber(const NumberItem &item);
     bool InsertNumber(size_t block, size_t pos, const NumberItem &item);
-    void DropOrder();
 
     Slot *m_Slots = nullptr;
     size_t m_Mask = 0; // capacity - 1
     unsigned m_Shift = 64; // 64 - log2(capacity)
     size_t m_Used = 0;
 
-    bool m_Ordered = true;
     Block **m_Blocks = nullptr;
     double *m_BlockMax = nullptr; // the last key of each block
     size_t m_NumBlocks = 0;
