@@ -309,6 +309,8 @@ void ScriptVal::Steal(ScriptVal &other)
     other.m_Type = SV_Nil;
     other.m_Value = ScriptValue{};
     other.m_Index = 0;
+    if (!m_Index)
+        return;
     if (TableIndex *index = TableIndex::Get(m_Index))
     {
         if (index->m_Owner == &other)

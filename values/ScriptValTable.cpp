@@ -251,15 +251,16 @@ ScriptVal *ScriptVal::FindNumberIndexed(TableIndex *index, double key, bool add)
     TableEntry *entry = new TableEntry(key);
     if (!entry)
         return nullptr;
-    if (NumberItem *next = index->Successor(key))
+    TableEntry *next = nullptr;
+    TableEntry *prev = nullptr;
+    if (index->Successor(key, next, prev))
     {
-        TableEntry *prev = next->prev;
-        entry->m_Next = next->entry;
+        entry->m_Next = next;
         if (prev)
             prev->m_Next = entry;
         else
             m_Value.m_Table.m_Table = entry;
-        if (!index->InsertedBefore(entry, key, next))
+        if (!index->InsertedBefore(entry, key))
             DropIndex();
     }
     else

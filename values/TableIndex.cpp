@@ -3,7 +3,6 @@
 // Sections: key compares, registry, building and hashing, number order.
 #include "values/TableIndex.h"
 
-#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <cstdlib>
@@ -189,10 +188,13 @@ void TableIndex::Release(uint32_t handle)
 
 // ---- building and hashing ----------------------------------------------------------------------
 
+// Number entries in ascending key order; the keys stand apart so that a search reads only them.
 struct TableIndex::Block
 {
     size_t n;
-    NumberItem items[kBlockCap];
+    double keys[kBlockCap];
+    TableEntry *entries[kBlockCap];
+    TableEntry *prevs[kBlockCap]; // the entry in front of each in the list
 };
 
 TableIndex::~TableIndex()
@@ -221,63 +223,79 @@ bool TableIndex::Build(TableEntry *head)
     while (capacity < count * 2)
         capacity *= 2;
     m_Head = head;
-    if (!Rehash(capacity))
+    if (!NewSlots(capacity))
         return false;
     TableEntry *prev = nullptr;
     for (TableEntry *e = head; e; prev = e, e = e->m_Next)
     {
         m_Tail = e;
         const ScriptVal &key = e->m_Key;
+        if (Indexable(key))
+            Place(e, KeyHash(key));
         if (!key.IsNumber() || std::isnan(key.m_Value.m_Number))
             continue;
         double k = key.m_Value.m_Number;
-        if ((m_NumBlocks == 0 || k > m_BlockMax[m_NumBlocks - 1]) && !PushNumber(NumberItem{k, e, prev}))
+        if ((m_NumBlocks == 0 || k > m_BlockMax[m_NumBlocks - 1]) && !PushNumber(k, e, prev))
             return false;
     }
     return true;
 }
 
-// A new slot array of `capacity` (a power of two) holding every indexable entry of the list, in list
-// order.
-bool TableIndex::Rehash(size_t capacity)
+// An empty slot array of `capacity`, a power of two.
+bool TableIndex::NewSlots(size_t capacity)
 {
     Slot *slots = static_cast<Slot *>(std::calloc(capacity, sizeof(Slot)));
     if (!slots)
         return false;
-    std::free(m_Slots);
     m_Slots = slots;
     m_Mask = capacity - 1;
     m_Shift = 64;
     for (size_t c = capacity; c > 1; c >>= 1)
         --m_Shift;
     m_Used = 0;
-    for (TableEntry *e = m_Head; e; e = e->m_Next)
-    {
-        if (!Indexable(e->m_Key))
-            continue;
-        uint32_t hash = KeyHash(e->m_Key);
-        size_t i = (hash * 0x9E3779B97F4A7C15ull) >> m_Shift;
-        while (m_Slots[i].entry)
-            i = (i + 1) & m_Mask;
-        m_Slots[i] = Slot{e, hash};
-        ++m_Used;
-    }
     return true;
 }
 
-// `entry` is already linked into the list, so a growing rehash picks it up with the rest.
-bool TableIndex::AddHash(TableEntry *entry)
+void TableIndex::Place(TableEntry *entry, uint32_t hash)
 {
-    if (!Indexable(entry->m_Key))
-        return true;
-    if ((m_Used + 1) * 2 > m_Mask + 1)
-        return Rehash((m_Mask + 1) * 2);
-    uint32_t hash = KeyHash(entry->m_Key);
     size_t i = (hash * 0x9E3779B97F4A7C15ull) >> m_Shift;
     while (m_Slots[i].entry)
         i = (i + 1) & m_Mask;
     m_Slots[i] = Slot{entry, hash};
     ++m_Used;
+}
+
+// Doubles the slot array. The old slots are read in probe order, starting behind an empty one so
+// that no cluster is cut at the wrap-around: keys of one hash keep their relative order.
+bool TableIndex::Grow()
+{
+    Slot *old = m_Slots;
+    size_t oldCapacity = m_Mask + 1;
+    if (!NewSlots(oldCapacity * 2))
+    {
+        m_Slots = old;
+        return false;
+    }
+    size_t start = 0;
+    while (old[start].entry)
+        ++start;
+    for (size_t n = 0; n < oldCapacity; ++n)
+    {
+        const Slot &s = old[(start + n) & (oldCapacity - 1)];
+        if (s.entry)
+            Place(s.entry, s.hash);
+    }
+    std::free(old);
+    return true;
+}
+
+bool TableIndex::AddHash(TableEntry *entry)
+{
+    if (!Indexable(entry->m_Key))
+        return true;
+    if ((m_Used + 1) * 2 > m_Mask + 1 && !Grow())
+        return false;
+    Place(entry, KeyHash(entry->m_Key));
     return true;
 }
 
@@ -319,38 +337,64 @@ bool TableIndex::Appended(TableEntry *entry)
     if (key.IsNumber() && !std::isnan(key.m_Value.m_Number))
     {
         double k = key.m_Value.m_Number;
-        if ((m_NumBlocks == 0 || k > m_BlockMax[m_NumBlocks - 1]) && !PushNumber(NumberItem{k, entry, prev}))
+        if ((m_NumBlocks == 0 || k > m_BlockMax[m_NumBlocks - 1]) && !PushNumber(k, entry, prev))
             return false;
     }
     return AddHash(entry);
 }
 
-bool TableIndex::InsertedBefore(TableEntry *entry, double key, NumberItem *next)
+bool TableIndex::InsertedBefore(TableEntry *entry, double key)
 {
-    TableEntry *prev = next->prev;
-    next->prev = entry;
+    TableEntry *&nextPrev = m_Blocks[m_FoundBlock]->prevs[m_FoundPos];
+    TableEntry *prev = nextPrev;
+    nextPrev = entry;
     if (!prev)
         m_Head = entry;
-    if (!InsertNumber(m_FoundBlock, m_FoundPos, NumberItem{key, entry, prev}))
+    if (!InsertNumber(m_FoundBlock, m_FoundPos, key, entry, prev))
         return false;
     return AddHash(entry);
 }
 
 // ---- number order ------------------------------------------------------------------------------
 
-NumberItem *TableIndex::Successor(double key)
+namespace
+{
+
+// The index of the first of `n` ascending keys greater than `key`, without branches to mispredict.
+size_t UpperBound(const double *keys, size_t n, double key)
+{
+    if (n == 0)
+        return 0;
+    const double *base = keys;
+    while (n > 1)
+    {
+        size_t half = n / 2;
+        base = base[half - 1] <= key ? base + half : base;
+        n -= half;
+    }
+    return static_cast<size_t>(base - keys) + (*base <= key ? 1 : 0);
+}
+
+} // namespace
+
+bool TableIndex::Successor(double key, TableEntry *&next, TableEntry *&prev)
 {
     if (std::isnan(key))
-        return nullptr;
-    size_t b = static_cast<size_t>(std::upper_bound(m_BlockMax, m_BlockMax + m_NumBlocks, key) - m_BlockMax);
+        return false;
+    size_t b = UpperBound(m_BlockMax, m_NumBlocks, key);
     if (b == m_NumBlocks)
-        return nullptr;
+        return false;
     Block *block = m_Blocks[b];
-    NumberItem *item = std::upper_bound(block->items, block->items + block->n, key,
-                                        [](double k, const NumberItem &it) { return k < it.key; });
+    // Within a block a counting pass is cheaper than a search: it streams one kilobyte of keys with
+    // no dependent loads, and the compiler vectorises it.
+    size_t pos = 0;
+    for (size_t i = 0; i < block->n; ++i)
+        pos += block->keys[i] <= key ? 1 : 0;
     m_FoundBlock = b;
-    m_FoundPos = static_cast<size_t>(item - block->items);
-    return item;
+    m_FoundPos = pos;
+    next = block->entries[pos];
+    prev = block->prevs[pos];
+    return true;
 }
 
 // Room in the block arrays for one more block.
@@ -372,7 +416,7 @@ bool TableIndex::ReserveBlock()
 }
 
 // Appends the item of a key above every other: O(1), a new block when the last one is full.
-bool TableIndex::PushNumber(const NumberItem &item)
+bool TableIndex::PushNumber(double key, TableEntry *entry, TableEntry *prev)
 {
     if (m_NumBlocks == 0 || m_Blocks[m_NumBlocks - 1]->n == kBlockCap)
     {
@@ -383,12 +427,15 @@ bool TableIndex::PushNumber(const NumberItem &item)
         m_Blocks[m_NumBlocks++] = block;
     }
     Block *last = m_Blocks[m_NumBlocks - 1];
-    last->items[last->n++] = item;
-    m_BlockMax[m_NumBlocks - 1] = item.key;
+    last->keys[last->n] = key;
+    last->entries[last->n] = entry;
+    last->prevs[last->n] = prev;
+    ++last->n;
+    m_BlockMax[m_NumBlocks - 1] = key;
     return true;
 }
 
-bool TableIndex::InsertNumber(size_t b, size_t pos, const NumberItem &item)
+bool TableIndex::InsertNumber(size_t b, size_t pos, double key, TableEntry *entry, TableEntry *prev)
 {
     Block *block = m_Blocks[b];
     if (block->n == kBlockCap)
@@ -399,13 +446,15 @@ bool TableIndex::InsertNumber(size_t b, size_t pos, const NumberItem &item)
             return false;
         size_t half = kBlockCap / 2;
         upper->n = kBlockCap - half;
-        std::memcpy(upper->items, block->items + half, upper->n * sizeof(NumberItem));
+        std::memcpy(upper->keys, block->keys + half, upper->n * sizeof(double));
+        std::memcpy(upper->entries, block->entries + half, upper->n * sizeof(TableEntry *));
+        std::memcpy(upper->prevs, block->prevs + half, upper->n * sizeof(TableEntry *));
         block->n = half;
         std::memmove(m_Blocks + b + 2, m_Blocks + b + 1, (m_NumBlocks - b - 1) * sizeof(Block *));
         std::memmove(m_BlockMax + b + 2, m_BlockMax + b + 1, (m_NumBlocks - b - 1) * sizeof(double));
         m_Blocks[b + 1] = upper;
-        m_BlockMax[b] = block->items[half - 1].key;
-        m_BlockMax[b + 1] = upper->items[upper->n - 1].key;
+        m_BlockMax[b] = block->keys[half - 1];
+        m_BlockMax[b + 1] = upper->keys[upper->n - 1];
         ++m_NumBlocks;
         if (pos > half)
         {
@@ -414,10 +463,15 @@ bool TableIndex::InsertNumber(size_t b, size_t pos, const NumberItem &item)
             block = upper;
         }
     }
-    std::memmove(block->items + pos + 1, block->items + pos, (block->n - pos) * sizeof(NumberItem));
-    block->items[pos] = item;
+    size_t tail = block->n - pos;
+    std::memmove(block->keys + pos + 1, block->keys + pos, tail * sizeof(double));
+    std::memmove(block->entries + pos + 1, block->entries + pos, tail * sizeof(TableEntry *));
+    std::memmove(block->prevs + pos + 1, block->prevs + pos, tail * sizeof(TableEntry *));
+    block->keys[pos] = key;
+    block->entries[pos] = entry;
+    block->prevs[pos] = prev;
     ++block->n;
-    m_BlockMax[b] = block->items[block->n - 1].key;
+    m_BlockMax[b] = block->keys[block->n - 1];
     return true;
 }
 

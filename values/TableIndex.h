@@ -27,15 +27,6 @@ char TableFoldAscii(char c);
 bool TableTextEqual(const char *stored, const char *key, size_t len);
 bool TableTextEqualNoCase(const char *stored, const char *key, size_t len);
 
-// A number entry that is greater than every number key in front of it: its key, the entry and the
-// entry in front of it in the list.
-struct NumberItem
-{
-    double key;
-    TableEntry *entry;
-    TableEntry *prev;
-};
-
 class TableIndex
 {
 public:
@@ -54,14 +45,16 @@ public:
     TableEntry *FindNumber(double key) const;
     TableEntry *FindText(const char *text, size_t len, uint32_t hash, bool noCase) const;
 
-    // The first number entry in list order whose key is greater than `key`, or null: a new number key
-    // goes in front of it, or to the tail if there is none.
-    NumberItem *Successor(double key);
+    // The first number entry in list order whose key is greater than `key`, and the entry in front of
+    // it (null at the head); false if there is none. A new number key goes in front of `next`, or to
+    // the tail if there is none. Only the entries greater than every number key in front of them can
+    // be `next`, so the index keeps those alone, in sorted blocks with their predecessors.
+    bool Successor(double key, TableEntry *&next, TableEntry *&prev);
 
     // Records `entry`, just linked at the tail. False if the index couldn't grow (drop it then).
     [[nodiscard]] bool Appended(TableEntry *entry);
-    // Records `entry` (number key `key`), just linked in front of `next`, the item that Successor gave.
-    [[nodiscard]] bool InsertedBefore(TableEntry *entry, double key, NumberItem *next);
+    // Records `entry` (number key `key`), just linked in front of what the last Successor call gave.
+    [[nodiscard]] bool InsertedBefore(TableEntry *entry, double key);
 
     ~TableIndex();
 
@@ -74,11 +67,13 @@ private:
     struct Block;
 
     bool Build(TableEntry *head);
+    bool NewSlots(size_t capacity);
+    void Place(TableEntry *entry, uint32_t hash);
+    bool Grow();
     bool AddHash(TableEntry *entry);
-    bool Rehash(size_t capacity);
     bool ReserveBlock();
-    bool PushNumber(const NumberItem &item);
-    bool InsertNumber(size_t block, size_t pos, const NumberItem &item);
+    bool PushNumber(double key, TableEntry *entry, TableEntry *prev);
+    bool InsertNumber(size_t block, size_t pos, double key, TableEntry *entry, TableEntry *prev);
 
     Slot *m_Slots = nullptr;
     size_t m_Mask = 0; // capacity - 1
