@@ -582,6 +582,8 @@ private:
             break;
         }
         case 12: {
+            if (Pick(16))
+                break; // this and the next two start a table anew: rarely, so that tables grow large
             ScriptVal dense = Table();
             for (unsigned i = 1, n = 60 + Pick(20); i <= n; ++i)
                 dense[i] = double(i);
@@ -589,14 +591,14 @@ private:
             break;
         }
         case 13:
-            if (t.IsTable())
+            if (t.IsTable() && Pick(16) == 0)
                 t.SetTable(HandBuiltList());
             break;
         case 14:
             t.AddKey(Pick(4) ? ScriptVal(Text().c_str()) : ScriptVal(Number())) = value;
             break;
         case 15:
-            if (Pick(8) == 0)
+            if (Pick(16) == 0)
             {
                 t.CleanUp();
                 t = Table();
@@ -619,7 +621,7 @@ private:
             break;
         }
         default:
-            for (int i = 0; i < 20; ++i)
+            for (int i = 0; i < 60; ++i)
                 t.FindKey(Number()) = value;
             break;
         }

@@ -19,8 +19,9 @@ namespace
 {
 
 constexpr size_t kDefaultThreshold = 24;
-constexpr size_t kMinCapacity = 64;
-constexpr size_t kBlockCap = 128; // number items per block; a full block splits in two
+constexpr size_t kMinCapacity = 16;
+constexpr size_t kBlockCap = 128;  // number items per block; a full block splits in two
+constexpr size_t kFirstBlockCap = 8; // a block starts small and doubles, so small tables stay small
 
 std::atomic<size_t> s_Threshold{kDefaultThreshold};
 
@@ -188,14 +189,51 @@ void TableIndex::Release(uint32_t handle)
 
 // ---- building and hashing ----------------------------------------------------------------------
 
-// Number entries in ascending key order; the keys stand apart so that a search reads only them.
+// Number entries in ascending key order, in one allocation: the header, then `cap` keys, entries and
+// predecessors (the entry in front of each in the list). The keys stand apart so that a search reads
+// only them.
 struct TableIndex::Block
 {
     size_t n;
-    double keys[kBlockCap];
-    TableEntry *entries[kBlockCap];
-    TableEntry *prevs[kBlockCap]; // the entry in front of each in the list
+    size_t cap;
+
+    double *Keys() { return reinterpret_cast<double *>(this + 1); }
+    TableEntry **Entries() { return reinterpret_cast<TableEntry **>(Keys() + cap); }
+    TableEntry **Prevs() { return Entries() + cap; }
+
+    static Block *New(size_t cap)
+    {
+        Block *block = static_cast<Block *>(std::malloc(sizeof(Block) + cap * (sizeof(double) + 2 * sizeof(void *))));
+        if (block)
+        {
+            block->n = 0;
+            block->cap = cap;
+        }
+        return block;
+    }
+
+    // A copy of `count` items from `from` starting at `first`, into this (empty) block.
+    void Take(Block *from, size_t first, size_t count)
+    {
+        std::memcpy(Keys(), from->Keys() + first, count * sizeof(double));
+        std::memcpy(Entries(), from->Entries() + first, count * sizeof(TableEntry *));
+        std::memcpy(Prevs(), from->Prevs() + first, count * sizeof(TableEntry *));
+        n = count;
+    }
 };
+
+// A full block below the largest size gives way to one of twice its capacity.
+TableIndex::Block *TableIndex::Widen(size_t b)
+{
+    Block *old = m_Blocks[b];
+    Block *block = Block::New(old->cap * 2 > kBlockCap ? kBlockCap : old->cap * 2);
+    if (!block)
+        return nullptr;
+    block->Take(old, 0, old->n);
+    std::free(old);
+    m_Blocks[b] = block;
+    return block;
+}
 
 TableIndex::~TableIndex()
 {
@@ -345,7 +383,7 @@ bool TableIndex::Appended(TableEntry *entry)
 
 bool TableIndex::InsertedBefore(TableEntry *entry, double key)
 {
-    TableEntry *&nextPrev = m_Blocks[m_FoundBlock]->prevs[m_FoundPos];
+    TableEntry *&nextPrev = m_Blocks[m_FoundBlock]->Prevs()[m_FoundPos];
     TableEntry *prev = nextPrev;
     nextPrev = entry;
     if (!prev)
@@ -388,12 +426,13 @@ bool TableIndex::Successor(double key, TableEntry *&next, TableEntry *&prev)
     // Within a block a counting pass is cheaper than a search: it streams one kilobyte of keys with
     // no dependent loads, and the compiler vectorises it.
     size_t pos = 0;
+    const double *keys = block->Keys();
     for (size_t i = 0; i < block->n; ++i)
-        pos += block->keys[i] <= key ? 1 : 0;
+        pos += keys[i] <= key ? 1 : 0;
     m_FoundBlock = b;
     m_FoundPos = pos;
-    next = block->entries[pos];
-    prev = block->prevs[pos];
+    next = block->Entries()[pos];
+    prev = block->Prevs()[pos];
     return true;
 }
 
@@ -418,18 +457,21 @@ bool TableIndex::ReserveBlock()
 // Appends the item of a key above every other: O(1), a new block when the last one is full.
 bool TableIndex::PushNumber(double key, TableEntry *entry, TableEntry *prev)
 {
-    if (m_NumBlocks == 0 || m_Blocks[m_NumBlocks - 1]->n == kBlockCap)
+    Block *last = m_NumBlocks ? m_Blocks[m_NumBlocks - 1] : nullptr;
+    if (!last || last->n == kBlockCap)
     {
-        Block *block = ReserveBlock() ? static_cast<Block *>(std::malloc(sizeof(Block))) : nullptr;
-        if (!block)
+        last = ReserveBlock() ? Block::New(last ? kBlockCap : kFirstBlockCap) : nullptr;
+        if (!last)
             return false;
-        block->n = 0;
-        m_Blocks[m_NumBlocks++] = block;
+        m_Blocks[m_NumBlocks++] = last;
     }
-    Block *last = m_Blocks[m_NumBlocks - 1];
-    last->keys[last->n] = key;
-    last->entries[last->n] = entry;
-    last->prevs[last->n] = prev;
+    else if (last->n == last->cap && !(last = Widen(m_NumBlocks - 1)))
+    {
+        return false;
+    }
+    last->Keys()[last->n] = key;
+    last->Entries()[last->n] = entry;
+    last->Prevs()[last->n] = prev;
     ++last->n;
     m_BlockMax[m_NumBlocks - 1] = key;
     return true;
@@ -441,20 +483,17 @@ bool TableIndex::InsertNumber(size_t b, size_t pos, double key, TableEntry *entr
     if (block->n == kBlockCap)
     {
         // Split: the upper half moves to a new block behind this one.
-        Block *upper = ReserveBlock() ? static_cast<Block *>(std::malloc(sizeof(Block))) : nullptr;
+        Block *upper = ReserveBlock() ? Block::New(kBlockCap) : nullptr;
         if (!upper)
             return false;
         size_t half = kBlockCap / 2;
-        upper->n = kBlockCap - half;
-        std::memcpy(upper->keys, block->keys + half, upper->n * sizeof(double));
-        std::memcpy(upper->entries, block->entries + half, upper->n * sizeof(TableEntry *));
-        std::memcpy(upper->prevs, block->prevs + half, upper->n * sizeof(TableEntry *));
+        upper->Take(block, half, kBlockCap - half);
         block->n = half;
         std::memmove(m_Blocks + b + 2, m_Blocks + b + 1, (m_NumBlocks - b - 1) * sizeof(Block *));
         std::memmove(m_BlockMax + b + 2, m_BlockMax + b + 1, (m_NumBlocks - b - 1) * sizeof(double));
         m_Blocks[b + 1] = upper;
-        m_BlockMax[b] = block->keys[half - 1];
-        m_BlockMax[b + 1] = upper->keys[upper->n - 1];
+        m_BlockMax[b] = block->Keys()[half - 1];
+        m_BlockMax[b + 1] = upper->Keys()[upper->n - 1];
         ++m_NumBlocks;
         if (pos > half)
         {
@@ -463,15 +502,22 @@ bool TableIndex::InsertNumber(size_t b, size_t pos, double key, TableEntry *entr
             block = upper;
         }
     }
+    else if (block->n == block->cap && !(block = Widen(b)))
+    {
+        return false;
+    }
     size_t tail = block->n - pos;
-    std::memmove(block->keys + pos + 1, block->keys + pos, tail * sizeof(double));
-    std::memmove(block->entries + pos + 1, block->entries + pos, tail * sizeof(TableEntry *));
-    std::memmove(block->prevs + pos + 1, block->prevs + pos, tail * sizeof(TableEntry *));
-    block->keys[pos] = key;
-    block->entries[pos] = entry;
-    block->prevs[pos] = prev;
+    double *keys = block->Keys();
+    TableEntry **entries = block->Entries();
+    TableEntry **prevs = block->Prevs();
+    std::memmove(keys + pos + 1, keys + pos, tail * sizeof(double));
+    std::memmove(entries + pos + 1, entries + pos, tail * sizeof(TableEntry *));
+    std::memmove(prevs + pos + 1, prevs + pos, tail * sizeof(TableEntry *));
+    keys[pos] = key;
+    entries[pos] = entry;
+    prevs[pos] = prev;
     ++block->n;
-    m_BlockMax[b] = block->keys[block->n - 1];
+    m_BlockMax[b] = keys[block->n - 1];
     return true;
 }
 

@@ -72,6 +72,7 @@ private:
     bool Grow();
     bool AddHash(TableEntry *entry);
     bool ReserveBlock();
+    Block *Widen(size_t block);
     bool PushNumber(double key, TableEntry *entry, TableEntry *prev);
     bool InsertNumber(size_t block, size_t pos, double key, TableEntry *entry, TableEntry *prev);
 
