@@ -216,23 +216,16 @@ ScriptVal *ScriptVal::FindNumber(double key, bool add)
         }
     }
     TableEntry *entry = found || !add ? nullptr : new TableEntry(key);
-    if (!entry)
-    {
-        // nothing to add
-    }
-    else if (!greaterSeen)
+    if (entry && !greaterSeen)
     {
         Append(entry);
     }
-    else if (insertAfter)
+    else if (entry)
     {
-        entry->m_Next = insertAfter->m_Next;
-        insertAfter->m_Next = entry;
-    }
-    else
-    {
-        entry->m_Next = m_Value.m_Table.m_Table;
-        m_Value.m_Table.m_Table = entry;
+        // In front of the first greater key: behind its predecessor, or at the head.
+        TableEntry **link = insertAfter ? &insertAfter->m_Next : &m_Value.m_Table.m_Table;
+        entry->m_Next = *link;
+        *link = entry;
     }
     if (walked >= TableIndexThreshold())
         GrowIndex();
