@@ -349,7 +349,9 @@ private:
     TableEntry *LastEntry() const;
     void Append(TableEntry *entry);
     void CleanTable();
-    TableIndex *Index() const;
+    // The table's index, or null: tables without one pay a single test.
+    TableIndex *Index() const { return m_Index ? CheckedIndex() : nullptr; }
+    TableIndex *CheckedIndex() const;
     void DropIndex() const;
     void GrowIndex() const;
     void LinkTail(TableEntry *entry, TableEntry *last);

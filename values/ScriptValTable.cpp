@@ -153,7 +153,7 @@ void ScriptVal::CleanTable()
 
 // The index if it still describes this table's list; one that doesn't (the list was changed behind
 // the table's back, or the payload was copied from another value) is dropped.
-TableIndex *ScriptVal::Index() const
+TableIndex *ScriptVal::CheckedIndex() const
 {
     uint32_t handle = std::atomic_ref<uint32_t>(m_Index).load(std::memory_order_acquire);
     if (!handle)

@@ -23,7 +23,6 @@ constexpr size_t kMinCapacity = 16;
 constexpr size_t kBlockCap = 128;  // number items per block; a full block splits in two
 constexpr size_t kFirstBlockCap = 8; // a block starts small and doubles, so small tables stay small
 
-std::atomic<size_t> s_Threshold{kDefaultThreshold};
 
 // Numbers hash by their bits, with -0 folded onto 0 since the two are the same key.
 uint32_t NumberHash(double key)
@@ -52,14 +51,11 @@ uint32_t KeyHash(const ScriptVal &key)
 
 } // namespace
 
+std::atomic<size_t> g_TableIndexThreshold{kDefaultThreshold};
+
 void SetTableIndexThreshold(size_t entries)
 {
-    s_Threshold.store(entries ? entries : kDefaultThreshold, std::memory_order_relaxed);
-}
-
-size_t TableIndexThreshold()
-{
-    return s_Threshold.load(std::memory_order_relaxed);
+    g_TableIndexThreshold.store(entries ? entries : kDefaultThreshold, std::memory_order_relaxed);
 }
 
 // ---- key compares ------------------------------------------------------------------------------

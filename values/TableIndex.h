@@ -4,6 +4,7 @@
 // list is in ScriptValTable.cpp.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -18,7 +19,11 @@ class TableEntry;
 // Tables whose look-ups walk at least this many entries grow an index. Tests lower it to run the
 // indexed paths on small tables, or raise it to run everything linearly; 0 restores the default.
 ORVEX_API void SetTableIndexThreshold(size_t entries);
-size_t TableIndexThreshold();
+extern std::atomic<size_t> g_TableIndexThreshold;
+inline size_t TableIndexThreshold()
+{
+    return g_TableIndexThreshold.load(std::memory_order_relaxed);
+}
 
 char TableFoldAscii(char c);
 
