@@ -305,19 +305,21 @@ void ScriptVal::Steal(ScriptVal &other)
 {
     m_Type = other.m_Type;
     m_Value = other.m_Value;
-    m_Index = other.m_Index;
     other.m_Type = SV_Nil;
     other.m_Value = ScriptValue{};
+    if (other.m_Index) [[unlikely]]
+        TakeIndex(other);
+}
+
+void ScriptVal::TakeIndex(ScriptVal &other)
+{
+    m_Index = other.m_Index;
     other.m_Index = 0;
-    if (!m_Index)
-        return;
-    if (TableIndex *index = TableIndex::Get(m_Index))
-    {
-        if (index->m_Owner == &other)
-            index->m_Owner = this;
-        else
-            m_Index = 0; // a handle copied along with a foreign payload: not ours to use or free
-    }
+    TableIndex *index = TableIndex::Get(m_Index);
+    if (index && index->m_Owner == &other)
+        index->m_Owner = this;
+    else
+        m_Index = 0; // a handle copied along with a foreign payload: not ours to use or free
 }
 
 // Stores a value into this one, which must be nil and own nothing.

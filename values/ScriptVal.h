@@ -342,6 +342,7 @@ private:
     void AdoptString(char *block);
     bool CanSteal() const;
     void Steal(ScriptVal &other);
+    void TakeIndex(ScriptVal &other);
     ScriptObject *RemoteLocal() const;
     void DumpTable(int indent) const;
 

@@ -137,7 +137,8 @@ void ScriptVal::Append(TableEntry *entry)
 
 void ScriptVal::CleanTable()
 {
-    DropIndex();
+    if (m_Index)
+        DropIndex();
     while (TableEntry *e = m_Value.m_Table.m_Table)
     {
         m_Value.m_Table.m_Table = e->m_Next;
@@ -273,9 +274,15 @@ ScriptVal *ScriptVal::FindText(const TextKey &key, bool add, bool noCase)
     else
     {
         size_t walked = 0;
-        for (TableEntry *e = FirstEntry(); e && !found; e = e->m_Next, ++walked)
+        for (TableEntry *e = FirstEntry(); e; e = e->m_Next)
+        {
+            ++walked;
             if (MatchText(e, key, noCase))
+            {
                 found = e;
+                break;
+            }
+        }
         if (walked >= TableIndexThreshold())
             GrowIndex();
     }
