@@ -4,21 +4,47 @@
 
 #include <cinttypes>
 #include <cmath>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "values/base/StringBlock.h"
 #include "values/model/KeID.h"
 #include "values/model/MemBlock.h"
 #include "values/model/RemoteHooks.h"
 #include "values/model/ScriptObject.h"
-#include "values/base/StringBlock.h"
 #include "values/model/TableEntry.h"
+#include "values/model/TableIndex.h"
 
 namespace orvexScript
 {
 
 constinit ScriptVal nil{ScriptVal::ConstTag{}};
+
+// The packet form and the generated binding read values and entries by these offsets; the table
+// index handle lives in the padding in front of the payload and must not move anything.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Winvalid-offsetof"
+static_assert(sizeof(void *) != 8 || sizeof(ScriptVal) == 48);
+static_assert(sizeof(void *) != 8 || offsetof(ScriptVal, m_Type) == 8);
+static_assert(sizeof(void *) != 8 || offsetof(ScriptVal, m_Value) == 16);
+static_assert(sizeof(void *) != 8 || sizeof(ScriptValue) == 32);
+static_assert(alignof(ScriptValue) == 8);
+static_assert(offsetof(ScriptValue, m_String.m_Hash) == sizeof(void *));
+static_assert(offsetof(ScriptValue, m_String.m_StringCopy) == 2 * sizeof(void *));
+static_assert(offsetof(ScriptValue, m_MemBlock.m_Size) == sizeof(void *));
+static_assert(offsetof(ScriptValue, m_Code.m_Args) == sizeof(void *) + 4);
+static_assert(offsetof(ScriptValue, m_Table.m_Last) == sizeof(void *));
+static_assert(offsetof(ScriptValue, m_Table.m_Constructor) == 2 * sizeof(void *));
+static_assert(offsetof(ScriptValue, m_Table.m_ConstructorCopy) == 3 * sizeof(void *));
+static_assert(offsetof(ScriptValue, m_Args.m_App) == sizeof(void *));
+static_assert(offsetof(ScriptValue, m_Args.m_Context) == 2 * sizeof(void *));
+static_assert(offsetof(ScriptValue, m_Args.m_NumReturns) == 2 * sizeof(void *) + 4);
+static_assert(sizeof(void *) != 8 || sizeof(TableEntry) == 104);
+static_assert(offsetof(TableEntry, m_Key) == sizeof(void *));
+static_assert(offsetof(TableEntry, m_Value) == sizeof(void *) + sizeof(ScriptVal));
+#pragma GCC diagnostic pop
 
 namespace
 {
@@ -274,12 +300,26 @@ bool ScriptVal::CanSteal() const
     return !(m_Flags & SVF_Const) && Type() != SV_Args;
 }
 
+// Takes over `other`'s payload and its table index, if any; this value holds nothing before.
 void ScriptVal::Steal(ScriptVal &other)
 {
     m_Type = other.m_Type;
     m_Value = other.m_Value;
     other.m_Type = SV_Nil;
     other.m_Value = ScriptValue{};
+    if (other.m_Index) [[unlikely]]
+        TakeIndex(other);
+}
+
+void ScriptVal::TakeIndex(ScriptVal &other)
+{
+    m_Index = other.m_Index;
+    other.m_Index = 0;
+    TableIndex *index = TableIndex::Get(m_Index);
+    if (index && index->m_Owner == &other)
+        index->m_Owner = this;
+    else
+        m_Index = 0; // a handle copied along with a foreign payload: not ours to use or free
 }
 
 // Stores a value into this one, which must be nil and own nothing.
@@ -421,6 +461,8 @@ void ScriptVal::CleanUp()
     default:
         break;
     }
+    if (m_Index)
+        DropIndex();
     m_Type = SV_Nil;
     m_Value = ScriptValue{};
 }

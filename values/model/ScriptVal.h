@@ -12,6 +12,7 @@ namespace orvexScript
 {
 
 class TableEntry;
+class TableIndex;
 class KeID;
 class MemBlock;
 class RemoteObject;
@@ -118,6 +119,14 @@ public:
         uint32_t m_Type;
         uint32_t m_Flags;
     };
+
+private:
+    // The handle of a large table's look-up index (0: none). It sits in the padding between the word
+    // and the 8-aligned payload, so no reader of the word or the payload sees it. Only the table's
+    // own operations touch it; a copy of the payload alone carries no index.
+    mutable uint32_t m_Index = 0;
+
+public:
     ScriptValue m_Value;
 
     // ---- construction -------------------------------------------------------------------------
@@ -333,6 +342,7 @@ private:
     void AdoptString(char *block);
     bool CanSteal() const;
     void Steal(ScriptVal &other);
+    void TakeIndex(ScriptVal &other);
     ScriptObject *RemoteLocal() const;
     void DumpTable(int indent) const;
 
@@ -340,6 +350,13 @@ private:
     TableEntry *LastEntry() const;
     void Append(TableEntry *entry);
     void CleanTable();
+    // The table's index, or null: tables without one pay a single test.
+    TableIndex *Index() const { return m_Index ? CheckedIndex() : nullptr; }
+    TableIndex *CheckedIndex() const;
+    void DropIndex() const;
+    void GrowIndex() const;
+    void LinkTail(TableEntry *entry, TableEntry *last);
+    ScriptVal *FindNumberIndexed(TableIndex *index, double key, bool add);
     void StoreTable(const ScriptValue *src);
     bool CopyArray(const TableEntry *source);
     void CopyEntries(const TableEntry *source);

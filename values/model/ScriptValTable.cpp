@@ -1,18 +1,20 @@
 // ScriptVal tables: the look-up family, key order on insertion, nested paths, iteration, remote
 // member access through the hooks, constructor names, and table copying with its fast paths.
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
 
+#include "values/base/StringBlock.h"
 #include "values/model/KeID.h"
 #include "values/model/RemoteHooks.h"
 #include "values/model/ScriptArgs.h"
 #include "values/model/ScriptVal.h"
 #include "values/model/SymbolNumbers.h"
-#include "values/base/StringBlock.h"
 #include "values/model/TableEntry.h"
+#include "values/model/TableIndex.h"
 
 namespace orvexScript
 {
@@ -42,25 +44,9 @@ ScriptVal &Scratch()
     return t_Scratch;
 }
 
-char FoldAscii(char c)
+bool IsScratch(const ScriptVal *v)
 {
-    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c;
-}
-
-// Equal over `len` bytes ignoring ASCII case, with `stored` ending right there.
-bool EqualNoCase(const char *stored, const char *key, size_t len)
-{
-    for (size_t i = 0; i < len; ++i)
-        if (FoldAscii(stored[i]) != FoldAscii(key[i]) || !stored[i])
-            return false;
-    return stored[len] == '\0';
-}
-
-// strncmp rather than memcmp: it stops at the stored text's end, so a shorter stored key with the same
-// hash is never read past. The key itself holds no NUL within `len`.
-bool EqualBytes(const char *stored, const char *key, size_t len)
-{
-    return std::strncmp(stored, key, len) == 0 && stored[len] == '\0';
+    return v == &t_Scratch;
 }
 
 TextKey MakeKey(const char *text, int len = -1, const char *block = nullptr)
@@ -74,7 +60,7 @@ bool MatchText(const TableEntry *e, const TextKey &key, bool noCase)
     if (!e->m_Key.IsString() || e->m_Key.m_Value.m_String.m_Hash != key.hash)
         return false;
     const char *stored = e->m_Key.m_Value.m_String.m_String + 1;
-    return noCase ? EqualNoCase(stored, key.text, key.len) : EqualBytes(stored, key.text, key.len);
+    return noCase ? TableTextEqualNoCase(stored, key.text, key.len) : TableTextEqual(stored, key.text, key.len);
 }
 
 // Splits off the segment at `p`: its end, and whether it parses whole as a base-10 integer.
@@ -119,27 +105,39 @@ TableEntry *ScriptVal::LastEntry() const
 {
     if (Type() == SV_Table)
         return m_Value.m_Table.m_Last;
+    if (TableIndex *index = Index())
+        return index->m_Tail;
     TableEntry *e = FirstEntry();
     while (e && e->m_Next)
         e = e->m_Next;
     return e;
 }
 
-// Links `entry` at the tail.
-void ScriptVal::Append(TableEntry *entry)
+// Links `entry` behind `last`, the list's tail (null for an empty list), and tells the index.
+void ScriptVal::LinkTail(TableEntry *entry, TableEntry *last)
 {
+    TableIndex *index = Index(); // checked against the list before the list changes
     entry->m_Next = nullptr;
-    TableEntry *last = LastEntry();
     if (last)
         last->m_Next = entry;
     else
         m_Value.m_Table.m_Table = entry;
     if (Type() == SV_Table)
         m_Value.m_Table.m_Last = entry;
+    if (index && !index->Appended(entry))
+        DropIndex();
+}
+
+// Links `entry` at the tail.
+void ScriptVal::Append(TableEntry *entry)
+{
+    LinkTail(entry, LastEntry());
 }
 
 void ScriptVal::CleanTable()
 {
+    if (m_Index)
+        DropIndex();
     while (TableEntry *e = m_Value.m_Table.m_Table)
     {
         m_Value.m_Table.m_Table = e->m_Next;
@@ -151,54 +149,144 @@ void ScriptVal::CleanTable()
         m_Value.m_Table.m_Last = nullptr;
 }
 
+// ---- the index of a large table ----------------------------------------------------------------
+
+// The index if it still describes this table's list; one that doesn't (the list was changed behind
+// the table's back, or the payload was copied from another value) is dropped.
+TableIndex *ScriptVal::CheckedIndex() const
+{
+    uint32_t handle = std::atomic_ref<uint32_t>(m_Index).load(std::memory_order_acquire);
+    if (!handle)
+        return nullptr;
+    TableIndex *index = TableIndex::Get(handle);
+    if (index && index->m_Owner == this && HoldsTable() && index->m_Head == m_Value.m_Table.m_Table &&
+        index->m_Tail && !index->m_Tail->m_Next &&
+        (Type() != SV_Table || index->m_Tail == m_Value.m_Table.m_Last))
+        return index;
+    DropIndex();
+    return nullptr;
+}
+
+void ScriptVal::DropIndex() const
+{
+    uint32_t handle = std::atomic_ref<uint32_t>(m_Index).exchange(0, std::memory_order_acq_rel);
+    TableIndex *index = TableIndex::Get(handle);
+    if (index && index->m_Owner == this)
+        TableIndex::Release(handle);
+}
+
+// Builds the index after a look-up walked far. Const look-ups build it too, so two readers of one
+// table may race here: the first to publish wins and the other drops its own.
+void ScriptVal::GrowIndex() const
+{
+    uint32_t handle = TableIndex::Create(this, m_Value.m_Table.m_Table);
+    uint32_t expected = 0;
+    if (handle && !std::atomic_ref<uint32_t>(m_Index).compare_exchange_strong(expected, handle,
+                                                                                std::memory_order_acq_rel))
+        TableIndex::Release(handle);
+}
+
 // ---- look-ups ----------------------------------------------------------------------------------
 
 // The number key walk: an equal key is the result; a new key goes in front of the first greater one.
 ScriptVal *ScriptVal::FindNumber(double key, bool add)
 {
+    if (TableIndex *index = Index())
+        return FindNumberIndexed(index, key, add);
+    size_t walked = 0;
     TableEntry *prev = nullptr;
     TableEntry *insertAfter = nullptr;
+    TableEntry *found = nullptr;
     bool greaterSeen = false;
     for (TableEntry *e = FirstEntry(); e; prev = e, e = e->m_Next)
     {
+        ++walked;
         if (!e->m_Key.IsNumber())
             continue;
         double k = e->m_Key.m_Value.m_Number;
         if (k == key)
-            return &e->m_Value;
+        {
+            found = e;
+            break;
+        }
         if (!greaterSeen && k > key)
         {
             greaterSeen = true;
             insertAfter = prev;
         }
     }
+    TableEntry *entry = found || !add ? nullptr : new TableEntry(key);
+    if (entry && !greaterSeen)
+    {
+        Append(entry);
+    }
+    else if (entry)
+    {
+        // In front of the first greater key: behind its predecessor, or at the head.
+        TableEntry **link = insertAfter ? &insertAfter->m_Next : &m_Value.m_Table.m_Table;
+        entry->m_Next = *link;
+        *link = entry;
+    }
+    if (walked >= TableIndexThreshold())
+        GrowIndex();
+    if (found)
+        return &found->m_Value;
+    return entry ? &entry->m_Value : nullptr;
+}
+
+// The same through the index: a hash probe finds the key, the index's number order places a new one.
+ScriptVal *ScriptVal::FindNumberIndexed(TableIndex *index, double key, bool add)
+{
+    if (TableEntry *e = index->FindNumber(key))
+        return &e->m_Value;
     if (!add)
         return nullptr;
     TableEntry *entry = new TableEntry(key);
     if (!entry)
         return nullptr;
-    if (!greaterSeen)
+    TableEntry *next = nullptr;
+    TableEntry *prev = nullptr;
+    if (index->Successor(key, next, prev))
     {
-        Append(entry);
-    }
-    else if (insertAfter)
-    {
-        entry->m_Next = insertAfter->m_Next;
-        insertAfter->m_Next = entry;
+        entry->m_Next = next;
+        if (prev)
+            prev->m_Next = entry;
+        else
+            m_Value.m_Table.m_Table = entry;
+        if (!index->InsertedBefore(entry, key))
+            DropIndex();
     }
     else
     {
-        entry->m_Next = m_Value.m_Table.m_Table;
-        m_Value.m_Table.m_Table = entry;
+        LinkTail(entry, index->m_Tail);
     }
     return &entry->m_Value;
 }
 
 ScriptVal *ScriptVal::FindText(const TextKey &key, bool add, bool noCase)
 {
-    for (TableEntry *e = FirstEntry(); e; e = e->m_Next)
-        if (MatchText(e, key, noCase))
-            return &e->m_Value;
+    TableEntry *found = nullptr;
+    if (TableIndex *index = Index())
+    {
+        found = index->FindText(key.text, key.len, key.hash, noCase);
+    }
+    else
+    {
+        size_t walked = 0;
+        for (TableEntry *e = FirstEntry(); e; e = e->m_Next)
+        {
+            ++walked;
+            if (MatchText(e, key, noCase))
+            {
+                found = e;
+                break;
+            }
+        }
+        if (walked >= TableIndexThreshold())
+            GrowIndex();
+    }
+    if (found)
+        return &found->m_Value;
     if (!add)
         return nullptr;
     TableEntry *entry = new TableEntry();
@@ -228,6 +316,8 @@ ScriptVal *ScriptVal::FindKeyPtr(const ScriptVal &key) const
     ScriptVal *self = const_cast<ScriptVal *>(this);
     if (key.IsNumber())
         return self->FindNumber(key.m_Value.m_Number, false);
+    if (key.IsString())
+        return self->FindText(MakeKey(key.m_Value.m_String.m_String + 1), false, false);
     for (TableEntry *e = FirstEntry(); e; e = e->m_Next)
         if (e->m_Key == key)
             return &e->m_Value;
@@ -367,7 +457,9 @@ const ScriptVal *ScriptVal::FindKeyNoCaseConst(const ScriptVal &key) const
 
 ScriptVal *ScriptVal::FindKeyNest(const char *path, bool create)
 {
-    if (!path)
+    // A receiver that isn't a table gives null: its look-ups land in the per-thread scratch value,
+    // which the next look-up on a non-table cleans, so a pointer into it would soon alias freed entries.
+    if (!path || !HoldsTable())
         return nullptr;
     ScriptVal *cur = this;
     for (Segment seg = NextSegment(path);; seg = NextSegment(seg.text + seg.len + 1))
@@ -378,12 +470,14 @@ ScriptVal *ScriptVal::FindKeyNest(const char *path, bool create)
                 return nullptr;
             ScriptVal &v = seg.isNumber ? cur->FindKey(static_cast<double>(seg.number))
                                         : cur->FindKey(seg.text, seg.len);
-            return &v;
+            return IsScratch(&v) ? nullptr : &v;
         }
         if (create)
         {
             ScriptVal &v = seg.isNumber ? cur->FindKey(static_cast<double>(seg.number))
                                         : cur->FindKey(seg.text, seg.len);
+            if (IsScratch(&v))
+                return nullptr; // no entry could be allocated; never walk on through the scratch value
             if (!v.IsTable())
                 v = SV_Table;
             cur = &v;
@@ -724,13 +818,8 @@ void ScriptVal::CopyEntries(const TableEntry *source)
             TableEntry *entry = new TableEntry(key);
             if (!entry)
                 continue;
-            if (tail)
-                tail->m_Next = entry;
-            else
-                m_Value.m_Table.m_Table = entry;
+            LinkTail(entry, tail);
             tail = entry;
-            if (Type() == SV_Table)
-                m_Value.m_Table.m_Last = entry;
             value = &entry->m_Value;
         }
         else

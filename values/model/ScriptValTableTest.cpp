@@ -1,18 +1,24 @@
 // Tests of ScriptVal tables: key order, the look-up family on tables and non-tables, nested paths,
-// counting and iteration, copying (array path and general path), and the entry pool under threads.
+// counting and iteration, copying (array path and general path), the entry pool under threads, and
+// the index of large tables against the plain list walk.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "values/base/StringBlock.h"
 #include "values/model/KeID.h"
 #include "values/model/ScriptArgs.h"
 #include "values/model/ScriptVal.h"
-#include "values/base/StringBlock.h"
 #include "values/model/TableEntry.h"
+#include "values/model/TableIndex.h"
 
 using namespace orvexScript;
 
@@ -378,4 +384,275 @@ TEST(ScriptValTablePool, ThreadsShareBlocksAndAllocateEntriesAtOnce)
     ScriptVal after(SV_Table, nullptr);
     after["still"] = "works";
     EXPECT_STREQ(after.FindKeyConst("still").ToString(), "works");
+}
+
+// A path walked with `create` on a non-table must not hand out a pointer into the per-thread scratch
+// value: the next look-up on any non-table frees what the scratch held.
+TEST(ScriptValTableNest, CreateOnANonTableGivesNull)
+{
+    for (ScriptVal receiver : {ScriptVal(5), ScriptVal("text"), ScriptVal()})
+        for (const char *path : {"a.b", "1.x", "a.b.c"})
+        {
+            ScriptVal *p = receiver.FindKeyNest(path, true);
+            EXPECT_EQ(p, nullptr) << path;
+            ScriptVal other(7);
+            other.FindKey("y"); // cleans the scratch value
+            EXPECT_TRUE(receiver.FindKeyNest(path, true) == nullptr);
+        }
+}
+
+// ---- the index of large tables against the plain list walk -------------------------------------
+
+namespace
+{
+
+void DumpValue(std::string &out, const ScriptVal &v);
+
+void DumpList(std::string &out, const ScriptVal &t)
+{
+    out += '{';
+    for (TableEntry *e = t.FirstEntry(); e; e = e->m_Next)
+    {
+        DumpValue(out, e->m_Key);
+        out += '=';
+        DumpValue(out, e->m_Value);
+        out += ';';
+    }
+    int live = 0;
+    for (TableEntry *e = nullptr; t.NextKey(e);)
+        ++live;
+    out += "}#" + std::to_string(t.NumKeys()) + "/" + std::to_string(live);
+}
+
+void DumpValue(std::string &out, const ScriptVal &v)
+{
+    char number[32];
+    switch (v.Type())
+    {
+    case SV_Number:
+        std::snprintf(number, sizeof(number), "%.17g", v.ToNumber());
+        out += number;
+        break;
+    case SV_String:
+        out += '"';
+        out += v.ToString();
+        out += '"';
+        break;
+    case SV_Table:
+    case SV_Args:
+        DumpList(out, v);
+        break;
+    default:
+        out += "k" + std::to_string(v.Type());
+        break;
+    }
+}
+
+// Drives a few tables through a seeded mix of every operation that changes a list and writes down
+// what each one shows. Run with and without the index, the two records must be equal.
+class TableScript
+{
+public:
+    explicit TableScript(unsigned seed) : m_Rng(seed) {}
+
+    std::string Run(int steps)
+    {
+        m_Tables[0] = Table();
+        m_Tables[1] = Table();
+        m_Tables[2] = ScriptArgs();
+        for (m_Step = 0; m_Step < steps; ++m_Step)
+        {
+            ScriptVal &t = m_Tables[Pick(10) < 7 ? 0 : 1 + Pick(2)];
+            Step(t);
+            if (m_Step % 16 == 0)
+                for (const ScriptVal &table : m_Tables)
+                    DumpValue(m_Out, table), m_Out += '\n';
+        }
+        for (const ScriptVal &table : m_Tables)
+            DumpValue(m_Out, table), m_Out += '\n';
+        return m_Out;
+    }
+
+private:
+    unsigned Pick(unsigned n) { return std::uniform_int_distribution<unsigned>(0, n - 1)(m_Rng); }
+
+    std::string Text()
+    {
+        static const char *const kForms[] = {"key%u", "KEY%u", "Key%u"};
+        char text[32];
+        std::snprintf(text, sizeof(text), kForms[Pick(3)], Pick(150));
+        return text;
+    }
+
+    double Number()
+    {
+        switch (Pick(40))
+        {
+        case 0:
+            return NAN;
+        case 1:
+            return -0.0;
+        case 2:
+            return Pick(300) + 0.5;
+        default:
+            return double(int(Pick(500)) - 40);
+        }
+    }
+
+    ScriptVal Key() { return Pick(2) ? ScriptVal(Text().c_str()) : ScriptVal(Number()); }
+
+    void Note(const ScriptVal *v)
+    {
+        m_Out += std::to_string(m_Step) + ":";
+        if (v)
+            DumpValue(m_Out, *v);
+        else
+            m_Out += "null";
+        m_Out += '\n';
+    }
+
+    // A list of a few entries in any order, with repeated keys, as a reader might hand over.
+    TableEntry *HandBuiltList()
+    {
+        TableEntry *head = nullptr;
+        for (unsigned n = Pick(60); n > 0; --n)
+        {
+            TableEntry *e = new TableEntry(Key());
+            e->m_Value = double(n);
+            e->m_Next = head;
+            head = e;
+        }
+        return head;
+    }
+
+    void Step(ScriptVal &t)
+    {
+        const double value = m_Step;
+        switch (Pick(20))
+        {
+        case 0:
+        case 1:
+        case 2:
+            t.FindKey(Text().c_str()) = value;
+            break;
+        case 3:
+        case 4:
+        case 5:
+            t.FindKey(Number()) = value;
+            break;
+        case 6:
+            t[Key()] = ScriptVal(); // deleting leaves the entry
+            break;
+        case 7: {
+            std::string text = Text() + "-tail";
+            Note(&t.FindKeyConst(text.c_str(), int(text.size()) - 5));
+            Note(&static_cast<const ScriptVal &>(t).FindKeyConst(Number()));
+            ScriptVal key = Key();
+            Note(&t.FindKeyConst(key));
+            m_Out += t.Exists(key) ? "e\n" : "-\n";
+            break;
+        }
+        case 8: {
+            std::string text = Text();
+            Note(t.FindKeyNoCaseConst(text.c_str()));
+            Note(Pick(2) ? t.FindKeyNoCase(text.c_str()) : t.FindKeyNoCase(ScriptVal(Number())));
+            break;
+        }
+        case 9: {
+            ScriptVal other = Table();
+            for (unsigned n = Pick(30); n > 0; --n)
+                other[Key()] = Pick(2) ? ScriptVal(1) : ScriptVal(t.FindKeyConst(Number()));
+            t -= other;
+            if (t.IsNil())
+                t = Table();
+            break;
+        }
+        case 10: {
+            ScriptVal other = Table();
+            for (unsigned n = Pick(30); n > 0; --n)
+                other[Key()] = value;
+            if (Pick(4) == 0)
+                other["nested"]["inner"] = value;
+            t += other;
+            break;
+        }
+        case 11: {
+            ScriptVal copy(t); // the general path, or the array path for a dense array
+            t = copy;
+            break;
+        }
+        case 12: {
+            if (Pick(16))
+                break; // this and the next two start a table anew: rarely, so that tables grow large
+            ScriptVal dense = Table();
+            for (unsigned i = 1, n = 60 + Pick(20); i <= n; ++i)
+                dense[i] = double(i);
+            t = dense;
+            break;
+        }
+        case 13:
+            if (t.IsTable() && Pick(16) == 0)
+                t.SetTable(HandBuiltList());
+            break;
+        case 14:
+            t.AddKey(Pick(4) ? ScriptVal(Text().c_str()) : ScriptVal(Number())) = value;
+            break;
+        case 15:
+            if (Pick(16) == 0)
+            {
+                t.CleanUp();
+                t = Table();
+            }
+            break;
+        case 16:
+            TableEntry::HeapCompact();
+            break;
+        case 17: {
+            std::string path = Text() + "." + std::to_string(Pick(5)) + "." + Text();
+            if (ScriptVal *v = t.FindKeyNest(path.c_str(), Pick(2)))
+                *v = value;
+            Note(t.FindKeyNoCaseNest(path.c_str(), false));
+            break;
+        }
+        case 18: {
+            ScriptVal moved(std::move(t));
+            t = std::move(moved);
+            t.FindKey(ScriptVal(true)) = value; // keys of other kinds always append
+            break;
+        }
+        default:
+            for (int i = 0; i < 60; ++i)
+                t.FindKey(Number()) = value;
+            break;
+        }
+    }
+
+    std::mt19937 m_Rng;
+    ScriptVal m_Tables[3];
+    std::string m_Out;
+    int m_Step = 0;
+};
+
+} // namespace
+
+TEST(ScriptValTableIndex, IndexedTablesBehaveLikeTheListWalk)
+{
+    for (unsigned seed : {1u, 2u, 3u})
+    {
+        SetTableIndexThreshold(SIZE_MAX); // every look-up walks the list
+        std::string walked = TableScript(seed).Run(3000);
+        SetTableIndexThreshold(2); // almost every table grows an index
+        std::string indexed = TableScript(seed).Run(3000);
+        SetTableIndexThreshold(0);
+        ASSERT_EQ(walked.size(), indexed.size()) << "seed " << seed;
+        size_t at = std::mismatch(walked.begin(), walked.end(), indexed.begin()).first - walked.begin();
+        if (at != walked.size())
+        {
+            size_t from = walked.rfind('\n', at);
+            from = from == std::string::npos ? 0 : from + 1;
+            FAIL() << "seed " << seed << " differs at step line:\n"
+                   << walked.substr(from, 300) << "\n---\n"
+                   << indexed.substr(from, 300);
+        }
+    }
 }
