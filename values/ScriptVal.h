@@ -341,7 +341,7 @@ private:
     void Append(TableEntry *entry);
     void CleanTable();
     void StoreTable(const ScriptValue *src);
-    bool CopyArray(const TableEntry *source);
+    [[nodiscard]] bool CopyArray(const TableEntry *source);
     void CopyEntries(const TableEntry *source);
     ScriptVal *FindNumber(double key, bool add);
     ScriptVal *FindText(const TextKey &key, bool add, bool noCase);
