@@ -35,9 +35,13 @@ install(FILES ${PROJECT_BINARY_DIR}/orvexScript.pc DESTINATION ${CMAKE_INSTALL_L
 
 if(ORVEX_BUILD_TESTS)
   # The library exports exactly the names in cmake/exports.txt (how to update it: cmake/check-exports.sh).
-  add_test(NAME Packaging.ExportsOnlyTheAPI
-    COMMAND bash ${PROJECT_SOURCE_DIR}/cmake/check-exports.sh $<TARGET_FILE:orvexScript_lib>
-            ${PROJECT_SOURCE_DIR}/cmake/exports.txt)
+  # Checked on builds without sanitizers only: UBSan's function checks add type information of
+  # function types (and clang instantiates std::launder out of line), which a host never sees.
+  if(NOT ORVEX_SANITIZE)
+    add_test(NAME Packaging.ExportsOnlyTheAPI
+      COMMAND bash ${PROJECT_SOURCE_DIR}/cmake/check-exports.sh $<TARGET_FILE:orvexScript_lib>
+              ${PROJECT_SOURCE_DIR}/cmake/exports.txt)
+  endif()
   # Installs into a temporary prefix and builds, links and runs a small host against it, once through
   # the CMake package and once through pkg-config.
   add_test(NAME Packaging.HostBuildsAgainstTheInstalledLibrary
