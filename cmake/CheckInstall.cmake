@@ -28,8 +28,8 @@ if(SANITIZE)
 endif()
 
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
-foreach(f lib/liborvexScript.so lib/pkgconfig/orvexScript.pc lib/cmake/orvexScript/orvexScriptConfig.cmake
-          include/orvexScript/values/ScriptVal.h bin/orvexScript)
+foreach(f lib/liborvexScript.so lib/liborvexScript.so.0 lib/pkgconfig/orvexScript.pc
+          lib/cmake/orvexScript/orvexScriptConfig.cmake include/orvexScript/values bin/orvexScript)
   if(NOT EXISTS ${prefix}/${f})
     message(FATAL_ERROR "not installed: ${f}")
   endif()
