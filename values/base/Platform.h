@@ -30,7 +30,7 @@ ThreadHandle *StartThread(ThreadEntry entry, void *arg);
 
 // Waits at most `timeoutMs` (0xFFFFFFFF: no limit) for the thread to end. True when it ended, and the
 // handle is then gone; false on a time-out, and the handle is still the caller's.
-bool JoinThread(ThreadHandle *handle, uint32_t timeoutMs);
+[[nodiscard]] bool JoinThread(ThreadHandle *handle, uint32_t timeoutMs);
 
 // Lets the thread run on by itself; its resources go when it ends. The handle is gone.
 void DetachThread(ThreadHandle *handle);

@@ -18,15 +18,15 @@ uint32_t ProcessId();
 std::string CommandLine();
 
 // Fills `out` with `size` bytes from the system's random source. False if it could not.
-bool RandomBytes(void *out, size_t size);
+[[nodiscard]] bool RandomBytes(void *out, size_t size);
 
 // Reads dotted IPv4 text (the classic forms: "a.b.c.d", "a.b.c", "a.b", "a", each part decimal, octal
 // or hex) into a 32-bit address in network order. False if the text is no address.
-bool ParseIPv4(const char *text, uint32_t &ip);
+[[nodiscard]] bool ParseIPv4(const char *text, uint32_t &ip);
 // The first IPv4 address of a host name. False if the name is unknown or has no IPv4 address.
-bool ResolveIPv4(const char *host, uint32_t &ip);
+[[nodiscard]] bool ResolveIPv4(const char *host, uint32_t &ip);
 // All IPv4 addresses that this machine's host name resolves to. False if either look-up failed.
-bool HostNameAddresses(std::vector<uint32_t> &ips);
+[[nodiscard]] bool HostNameAddresses(std::vector<uint32_t> &ips);
 // The IPv4 addresses of this machine's network interfaces (loopback included).
 void InterfaceAddresses(std::vector<uint32_t> &ips);
 
@@ -39,11 +39,11 @@ enum class PathKind
 };
 PathKind StatPath(const char *path);
 // The size of an open stream's file; false unless it is a regular file that could be measured.
-bool StreamFileSize(FILE *stream, uint64_t &size);
+[[nodiscard]] bool StreamFileSize(FILE *stream, uint64_t &size);
 // Replaces the file at `path` with `size` bytes of `data`: they go to a new temporary file beside it,
 // which is renamed over the target only once everything is written, with the old file's owner and mode.
 // On failure nothing is left behind and the old file is unchanged. An existing file whose folder takes
 // no new file, or whose owner the new file can't be given, is rewritten in place instead (not atomic).
-bool ReplaceFile(const char *path, const void *data, size_t size);
+[[nodiscard]] bool ReplaceFile(const char *path, const void *data, size_t size);
 
 } // namespace orvexScript::UtilSys

@@ -47,7 +47,7 @@ public:
     // How an object without a Lua form of its own is pushed (nil, giving 1). The Lua language library
     // installs it, so the value layer needs no Lua header; until then such a push gives 0.
     using PushNilFunction = int (*)(lua_State *state);
-    static void SetPushNil(PushNilFunction push);
+    ORVEX_INTERNAL static void SetPushNil(PushNilFunction push);
 
     static LuaType s_LuaType; // the class's Lua descriptor, defined by the Lua language library
 };
@@ -73,13 +73,13 @@ public:
     virtual bool DoInfo(const ScriptVal &query, ScriptVal &result, const KeID &name);
     virtual void DoDumpMem(unsigned long flags);
     virtual unsigned long SizeOf() const;
-    virtual bool SetAttrsTagList(const TagList &tags);
-    virtual bool CopyAttr(unsigned long long tag, void *out) const;
+    [[nodiscard]] virtual bool SetAttrsTagList(const TagList &tags);
+    [[nodiscard]] virtual bool CopyAttr(unsigned long long tag, void *out) const;
     virtual unsigned long long AddNotify(ScriptObject *target, KeID name, unsigned long long id, ScriptVal *data,
                                          TagList *tags);
-    virtual bool RemoveNotify(ScriptObject *target, KeID name, unsigned long long id, TagList *tags);
-    virtual bool RemoveNotify(unsigned long long handle, TagList *tags);
-    virtual bool Notify(unsigned long long handle, ScriptObject *source, KeID name, unsigned long long id,
+    [[nodiscard]] virtual bool RemoveNotify(ScriptObject *target, KeID name, unsigned long long id, TagList *tags);
+    [[nodiscard]] virtual bool RemoveNotify(unsigned long long handle, TagList *tags);
+    [[nodiscard]] virtual bool Notify(unsigned long long handle, ScriptObject *source, KeID name, unsigned long long id,
                         ScriptVal *data, TagList *tags);
 
     // Entry of the memory dump: skips a null object or one already taken in this pass.
@@ -111,8 +111,8 @@ public:
     ORVEX_VFPAD_20(RefObject)
     virtual void Use() const;
     virtual void Recycle() const;
-    virtual bool DoTagList(unsigned long cmd, TagList &tags);
-    virtual bool DoTable(unsigned long cmd, ScriptVal &table);
+    [[nodiscard]] virtual bool DoTagList(unsigned long cmd, TagList &tags);
+    [[nodiscard]] virtual bool DoTable(unsigned long cmd, ScriptVal &table);
     virtual void OnAddToList(List *list, Node *node, TagList *tags);
     virtual void OnRemoveFromList(List *list, Node *node, TagList *tags);
 
@@ -120,8 +120,8 @@ public:
 
     // Attribute operations, resting on TagList and the virtual SetAttrsTagList / CopyAttr / DoTagList.
     // The variadic lists are tag, value pairs ended by a 0 tag (at most 200 words).
-    bool SetAttrs(Tag first, ...);
-    bool Do(unsigned long cmd, Tag first, ...);
+    [[nodiscard]] bool SetAttrs(Tag first, ...);
+    [[nodiscard]] bool Do(unsigned long cmd, Tag first, ...);
     unsigned long GetAttr(Tag tag, unsigned long def = 0) const;
     double GetAttrD(Tag tag, double def = 0.0) const;
     void *GetAttrPtr(Tag tag, void *def = nullptr) const;

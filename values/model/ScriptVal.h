@@ -342,7 +342,7 @@ private:
     void AdoptString(char *block);
     bool CanSteal() const;
     void Steal(ScriptVal &other);
-    void TakeIndex(ScriptVal &other);
+    ORVEX_INTERNAL void TakeIndex(ScriptVal &other);
     ScriptObject *RemoteLocal() const;
     void DumpTable(int indent) const;
 
@@ -352,13 +352,13 @@ private:
     void CleanTable();
     // The table's index, or null: tables without one pay a single test.
     TableIndex *Index() const { return m_Index ? CheckedIndex() : nullptr; }
-    TableIndex *CheckedIndex() const;
-    void DropIndex() const;
-    void GrowIndex() const;
-    void LinkTail(TableEntry *entry, TableEntry *last);
-    ScriptVal *FindNumberIndexed(TableIndex *index, double key, bool add);
+    ORVEX_INTERNAL TableIndex *CheckedIndex() const;
+    ORVEX_INTERNAL void DropIndex() const;
+    ORVEX_INTERNAL void GrowIndex() const;
+    ORVEX_INTERNAL void LinkTail(TableEntry *entry, TableEntry *last);
+    ORVEX_INTERNAL ScriptVal *FindNumberIndexed(TableIndex *index, double key, bool add);
     void StoreTable(const ScriptValue *src);
-    bool CopyArray(const TableEntry *source);
+    [[nodiscard]] bool CopyArray(const TableEntry *source);
     void CopyEntries(const TableEntry *source);
     ScriptVal *FindNumber(double key, bool add);
     ScriptVal *FindText(const TextKey &key, bool add, bool noCase);

@@ -18,7 +18,7 @@ class TableEntry;
 
 // Tables whose look-ups walk at least this many entries grow an index. Tests lower it to run the
 // indexed paths on small tables, or raise it to run everything linearly; 0 restores the default.
-ORVEX_API void SetTableIndexThreshold(size_t entries);
+void SetTableIndexThreshold(size_t entries);
 extern std::atomic<size_t> g_TableIndexThreshold;
 inline size_t TableIndexThreshold()
 {

@@ -203,7 +203,7 @@ void Thread::Start(const char *name)
         return;
     }
     record->handle.store(handle);
-    record->idReady.Wait(Event::NoTimeout);
+    (void)record->idReady.Wait(Event::NoTimeout); // without a limit it returns only when signalled
 }
 
 void Thread::Suspend() {}

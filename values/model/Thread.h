@@ -57,7 +57,7 @@ protected:
 private:
     struct Record;
     static void Entry(void *record);
-    static void TakeBlock(void *block, bool aligned, std::align_val_t alignment);
+    ORVEX_INTERNAL static void TakeBlock(void *block, bool aligned, std::align_val_t alignment);
 
     Record *m_Record;
 };

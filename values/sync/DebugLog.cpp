@@ -77,7 +77,8 @@ void DebugLog::WriteHeader()
 
 void DebugLog::Open()
 {
-    if (IsSwitchedOn(m_EnvName, m_Default)) OpenStream();
+    // A log whose file can't be opened stays closed: its entries are dropped, the host runs on.
+    if (IsSwitchedOn(m_EnvName, m_Default)) (void)OpenStream();
 }
 
 void DebugLog::Close()

@@ -41,7 +41,7 @@ public:
     static int FormatPrefix(char *out, size_t size, uint32_t tickMs, uint32_t threadId);
 
 private:
-    bool OpenStream();
+    [[nodiscard]] bool OpenStream();
     void WriteHeader();
 
     Lock m_Lock;

@@ -37,7 +37,7 @@ public:
     // The first node, taken off the queue, or null. Never waits and never touches the event.
     QueueNode *Get();
     // Waits on the queue's event without taking the lock.
-    bool Wait(unsigned long timeoutMs) { return Event::Wait(timeoutMs); }
+    [[nodiscard]] bool Wait(unsigned long timeoutMs) { return Event::Wait(timeoutMs); }
 };
 
 } // namespace orvexScript

@@ -48,7 +48,7 @@ public:
     void Signal();
     // Waits at most `timeoutMs` (NoTimeout or more: no limit). False only on a time-out; a wait that is
     // satisfied resets the event.
-    bool Wait(unsigned long timeoutMs);
+    [[nodiscard]] bool Wait(unsigned long timeoutMs);
     void Reset();
 
 private:

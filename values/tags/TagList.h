@@ -60,8 +60,8 @@ public:
     TagList &operator=(const TagList &) = delete;
     ~TagList() override;
 
-    bool SetAttrsTagList(const TagList &tags) override;
-    bool CopyAttr(unsigned long long tag, void *out) const override;
+    [[nodiscard]] bool SetAttrsTagList(const TagList &tags) override;
+    [[nodiscard]] bool CopyAttr(unsigned long long tag, void *out) const override;
 
     ORVEX_VFPAD_20(TagList)
 
@@ -89,16 +89,16 @@ public:
     // ---- reads by tag (under the list's lock) ---------------------------------------------------
     bool FindQuery(Tag tag) const;
     // TAG_ID: a KeID assigned into `out`; TAG_INT: 32 bits; else the tag's data words.
-    bool Get(Tag tag, void *out) const;
-    bool Get(Tag tag, int &out) const;
-    bool Get(Tag tag, long &out) const;
-    bool Get(Tag tag, unsigned long &out) const;
-    bool Get(Tag tag, double &out) const;
-    bool Get(Tag tag, char *&out) const;
-    bool Get(Tag tag, RefObject *&out) const;
-    bool Get(Tag tag, MemBlock &out) const;
-    bool Get(Tag tag, bool &out) const;
-    bool Get(Tag tag, KeID &out) const;
+    [[nodiscard]] bool Get(Tag tag, void *out) const;
+    [[nodiscard]] bool Get(Tag tag, int &out) const;
+    [[nodiscard]] bool Get(Tag tag, long &out) const;
+    [[nodiscard]] bool Get(Tag tag, unsigned long &out) const;
+    [[nodiscard]] bool Get(Tag tag, double &out) const;
+    [[nodiscard]] bool Get(Tag tag, char *&out) const;
+    [[nodiscard]] bool Get(Tag tag, RefObject *&out) const;
+    [[nodiscard]] bool Get(Tag tag, MemBlock &out) const;
+    [[nodiscard]] bool Get(Tag tag, bool &out) const;
+    [[nodiscard]] bool Get(Tag tag, KeID &out) const;
 
     unsigned long GetLong(Tag tag, unsigned long def = 0) const;
     long GetInt(Tag tag, long def = 0) const;
@@ -205,7 +205,7 @@ public:
     // Else `size` is the buffer's capacity on entry: too small gives false with the need in `size`
     // and nothing written; otherwise `size` receives the bytes written. False also for lists nested
     // deeper than MaxNesting (size 0).
-    bool Save(unsigned char *buffer, int &size) const;
+    [[nodiscard]] bool Save(unsigned char *buffer, int &size) const;
     // Replaces this list by the list in `buffer`, releasing what it held. `size` on entry is the
     // number of readable bytes: nothing behind them is read. On success `size` receives the bytes
     // consumed (trailing bytes are allowed). False for a truncated or damaged form (a length past the

@@ -140,25 +140,25 @@ bool TagList::Get(Tag tag, KeID &out) const
 
 unsigned long TagList::GetLong(Tag tag, unsigned long def) const
 {
-    Get(tag, def);
+    (void)Get(tag, def); // a missing tag leaves the default
     return def;
 }
 
 long TagList::GetInt(Tag tag, long def) const
 {
-    Get(tag, def);
+    (void)Get(tag, def); // a missing tag leaves the default
     return def;
 }
 
 bool TagList::GetBool(Tag tag, bool def) const
 {
-    Get(tag, def);
+    (void)Get(tag, def); // a missing tag leaves the default
     return def;
 }
 
 double TagList::GetDouble(Tag tag, double def) const
 {
-    Get(tag, def);
+    (void)Get(tag, def); // a missing tag leaves the default
     return def;
 }
 
@@ -177,13 +177,13 @@ const char *TagList::GetSafeString(Tag tag, const char *def) const
 KeID TagList::GetID(Tag tag, const KeID &def) const
 {
     KeID id(def);
-    if (TagType(tag) == TAG_ID) Get(tag, id);
+    if (TagType(tag) == TAG_ID) (void)Get(tag, id); // a missing tag leaves the default
     return id;
 }
 
 MemBlock TagList::GetMemBlock(Tag tag, MemBlock def) const
 {
-    Get(tag, def);
+    (void)Get(tag, def); // a missing tag leaves the default
     return def;
 }
 

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstring>
 #include <thread>
+#include <vector>
 
 #include "testsupport/TestSupport.h"
 #include "values/base/StringBlock.h"
@@ -392,6 +393,41 @@ TEST(TagListLock, ConcurrentAppendsAllArrive)
     for (Tag *at = list.Find(TI_Item); at; at = list.FindNext(TI_Item, at))
         ++count;
     EXPECT_EQ(count, 150);
+}
+
+// Readers under the list's lock while a writer appends enough to move the owned array many times:
+// every read sees whole values, and a walk under Hold sees a count that only grows.
+TEST(TagListLock, ReadersRaceAppendsThatGrowTheArray)
+{
+    TagList list;
+    list.Set(TI_Width, 7);
+    list.Set(TD_Weight, 2.5);
+    std::atomic<bool> done{false};
+    std::atomic<int> bad{0};
+    std::vector<std::thread> readers;
+    for (int r = 0; r < 2; ++r)
+        readers.emplace_back(
+            [&]
+            {
+                int seen = 0;
+                while (!done)
+                {
+                    if (list.GetLong(TI_Width, 0) != 7 || list.GetDouble(TD_Weight, 0) != 2.5) ++bad;
+                    TagList::Hold hold(list);
+                    int count = 0;
+                    for (Tag *at = list.Find(TI_Item); at; at = list.FindNext(TI_Item, at))
+                        ++count;
+                    if (count < seen) ++bad;
+                    seen = count;
+                }
+            });
+    for (uint64_t i = 0; i < 2000; ++i)
+        list.AddData(TI_Item, &i);
+    done = true;
+    for (auto &reader : readers)
+        reader.join();
+    EXPECT_EQ(bad, 0);
+    EXPECT_EQ(list.GetLong(TI_Width, 0), 7u);
 }
 
 } // namespace
