@@ -272,9 +272,10 @@ void ReturnCustomData(ScriptArgs &args, const char *name, const ScriptVal &data,
     if (!data.IsTable()) return;
     if (name)
     {
-        // A missing key may come back as null or as the constant nil: either way, no result.
+        // A missing last key gives the constant nil, which is one nil result; a path that runs through
+        // a value that is no table gives null, and no result.
         const ScriptVal *value = data.FindKeyNestConst(name);
-        if (value && !value->IsNil()) args.Return(*value);
+        if (value) args.Return(*value);
         return;
     }
     ScriptVal keys(SV_Table, nullptr);

@@ -140,8 +140,9 @@ ORVEX_API void _SetScriptInfo(void *object, ScriptInfo &info);
 [[nodiscard]] ORVEX_API bool CallScriptFunc(ScriptObject *object, const char *name, ScriptArgs &args,
                                             TagList *tags = nullptr);
 
-// For SST_GetCustomData: with a `name`, the value at that dotted path of `data` as one result (none if
-// absent); with null `name`, one table of all of `data`'s keys at 1..n. Nothing if `data` is no table.
+// For SST_GetCustomData: with a `name`, the value at that dotted path of `data` as one result (nil if
+// the last key is missing, none if the path runs through a value that is no table); with null `name`,
+// one table of all of `data`'s keys at 1..n. Nothing if `data` is no table.
 ORVEX_API void ReturnCustomData(ScriptArgs &args, const char *name, const ScriptVal &data,
                                 TagList *tags = nullptr);
 

@@ -283,7 +283,7 @@ TEST(ScriptSymbolTagsHelp, UntypedFunctionAndVariableForms)
 
 // ---- custom data ------------------------------------------------------------------------------------
 
-TEST(ReturnCustomData, NamedPathGivesOneResultOrNone)
+TEST(ReturnCustomData, NamedPathGivesOneResultNilForAMissingLastKeyNoneForNoTable)
 {
     ScriptVal data(SV_Table, nullptr);
     data.FindKey("Owner") = ScriptVal(SV_Table, nullptr);
@@ -296,10 +296,12 @@ TEST(ReturnCustomData, NamedPathGivesOneResultOrNone)
     EXPECT_STREQ(args.FindKeyConst(-1).ToString(), "Ada");
 
     ReturnCustomData(args, "Owner.Missing", data);
-    EXPECT_EQ(testobjects::NumReturns(args), 1);
+    EXPECT_EQ(testobjects::NumReturns(args), 2);
+    EXPECT_TRUE(args.FindKeyConst(-2).IsNil());
 
+    ReturnCustomData(args, "Count.Deeper", data); // runs through a number
     ReturnCustomData(args, "Count", ScriptVal("not a table"));
-    EXPECT_EQ(testobjects::NumReturns(args), 1);
+    EXPECT_EQ(testobjects::NumReturns(args), 2);
 }
 
 TEST(ReturnCustomData, NoNameListsTheKeysInOrder)
