@@ -6,6 +6,7 @@
 
 #include <cinttypes>
 #include <cstdio>
+#include <new>
 #include <string>
 
 #include "objects/ObjectHooks.h"
@@ -283,6 +284,49 @@ TEST_F(RootMembers, ObjectFromAddressAnswersOnlyForRegisteredObjects)
     UnregisterObjectAddress(&m_Widget);
 
     EXPECT_EQ(ask(low, high), 0);
+}
+
+// Asks SST_ObjectFromAddress of `asker` for the object at `address`; gives the object found or null.
+ScriptObject *AtAddress(ScriptObject *asker, const void *address)
+{
+    const uint64_t number = reinterpret_cast<uintptr_t>(address);
+    ScriptArgs args;
+    args.FindKey(1) = static_cast<double>(number & 0xFFFFFFFFu);
+    args.FindKey(2) = static_cast<double>(number >> 32);
+    RunSpecial(asker, SST_ObjectFromAddress, args);
+    return NumReturns(args) == 1 ? args.FindKeyConst(-1).ToLocalObject() : nullptr;
+}
+
+// A plain object whose assignment reaches ScriptObject's (RefObject's keeps its own state).
+class Plain : public _Object
+{
+};
+
+TEST_F(RootMembers, ObjectFromAddressForgetsAnObjectWhenItIsDestroyed)
+{
+    // A new object at the very address of a destroyed one, as a reused allocation gives.
+    alignas(Widget) unsigned char storage[sizeof(Widget)];
+    Widget *gone = new (storage) Widget;
+    RegisterObjectAddress(gone);
+    ASSERT_EQ(AtAddress(&m_Widget, storage), gone);
+    {
+        Widget copy(*gone); // a copy is not registered, and its end takes nothing out
+    }
+    EXPECT_EQ(AtAddress(&m_Widget, storage), gone);
+    gone->~Widget();
+    Widget *fresh = new (storage) Widget;
+    EXPECT_EQ(AtAddress(&m_Widget, storage), nullptr);
+    fresh->~Widget();
+
+    // Assignment keeps the target registered, so that its end still takes it out.
+    alignas(Plain) unsigned char plainStorage[sizeof(Plain)];
+    Plain *target = new (plainStorage) Plain;
+    RegisterObjectAddress(target);
+    *target = Plain();
+    target->~Plain();
+    Plain *reused = new (plainStorage) Plain;
+    EXPECT_EQ(AtAddress(&m_Widget, plainStorage), nullptr);
+    reused->~Plain();
 }
 
 TEST_F(RootMembers, GetAttrsAndSetAttrsGoThroughTheAttributeMember)

@@ -9,6 +9,7 @@
 #include <lua.hpp>
 
 #include "values/KeID.h"
+#include "values/ObjectAddress.h"
 #include "values/ScriptVal.h"
 
 namespace orvexScript
@@ -49,6 +50,29 @@ int LuaClass::lw_safe_push(LuaClass *object, lua_State *state)
         return 1;
     }
     return object->lw_push(state);
+}
+
+// ---- ScriptObject ---------------------------------------------------------------------------------
+
+ScriptObject::ScriptObject(const ScriptObject &other)
+    : LuaClass(other), m_SOFlags(other.m_SOFlags & ~SOF_AddressKnown), m_SOPad(other.m_SOPad),
+      m_SOData(other.m_SOData)
+{
+}
+
+ScriptObject &ScriptObject::operator=(const ScriptObject &other)
+{
+    m_SOFlags = (other.m_SOFlags & ~SOF_AddressKnown) | (m_SOFlags & SOF_AddressKnown);
+    m_SOPad = other.m_SOPad;
+    m_SOData = other.m_SOData;
+    return *this;
+}
+
+// The last destructor of every object: no number from a peer may lead to it after this. Objects that
+// were never registered pay one test of their flags.
+ScriptObject::~ScriptObject()
+{
+    if (m_SOFlags & SOF_AddressKnown) UnregisterObjectAddress(this);
 }
 
 // ---- ScriptObject defaults ------------------------------------------------------------------------
