@@ -227,7 +227,7 @@ TEST(ScriptSymbolRecord, AddsItselfToItsOwnerAndLeavesWhenDestroyed)
             EXPECT_EQ(owner.m_Symbols, &second);
             EXPECT_EQ(second.m_Next, &first);
             EXPECT_EQ(owner.m_Special[SST_Create - 128], &create);
-            EXPECT_EQ(FindSymbolByAddress(testobjects::FunctionValue(second)), &second);
+            EXPECT_EQ(FindFunctionValue(&owner, testobjects::FunctionValue(create)), &create);
         }
         EXPECT_EQ(owner.m_Symbols, &first);
         EXPECT_EQ(FindSymbol(&owner, "Second", 0), nullptr);
