@@ -400,6 +400,31 @@ TEST_F(RootMembers, ObjectFromAddressForgetsAnObjectWhenItIsDestroyed)
     reused->~Plain();
 }
 
+// An object whose value counts are its use count, so that the last value to let go destroys it.
+class Counted : public Scripted
+{
+public:
+    void IncRef() override { Use(); }
+    void DecRef() override { Recycle(); }
+};
+
+TEST_F(RootMembers, ObjectFromAddressMayReleaseARegisteredObjectWhileStoringItsResult)
+{
+    auto *victim = new Counted;
+    RegisterObjectAddress(victim);
+    RegisterObjectAddress(&m_Widget);
+    const uint64_t widget = reinterpret_cast<uintptr_t>(&m_Widget);
+    ScriptArgs args;
+    args.FindKey(-1) = static_cast<ScriptObject *>(victim); // a stale value in the result's place
+    victim->Recycle();                                      // that value holds the last count
+    args.FindKey(1) = static_cast<double>(widget & 0xFFFFFFFFu);
+    args.FindKey(2) = static_cast<double>(widget >> 32);
+    // Storing the result destroys the victim, whose destructor unregisters it meanwhile.
+    RunSpecial(&m_Widget, SST_ObjectFromAddress, args);
+    EXPECT_EQ(args.FindKeyConst(-1).ToLocalObject(), &m_Widget);
+    UnregisterObjectAddress(&m_Widget);
+}
+
 TEST_F(RootMembers, GetAttrsAndSetAttrsGoThroughTheAttributeMember)
 {
     ScriptArgs all = Named("GetAttrs");

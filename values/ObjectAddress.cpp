@@ -57,13 +57,19 @@ void UnregisterObjectAddress(ScriptObject *object)
 
 bool ReturnObjectAtAddress(ScriptVal &args, uint64_t address)
 {
-    AddressRegistry &registry = Registry();
-    std::lock_guard<std::mutex> hold(registry.lock);
-    // The number is only a key; the pointer handed on is the one that was registered.
-    auto found = registry.objects.find(static_cast<uintptr_t>(address));
-    if (found == registry.objects.end()) return false;
-    // Under the lock: the object can't unregister and go before the result holds its count.
-    args.ReturnObject(found->second);
+    ScriptVal object;
+    {
+        AddressRegistry &registry = Registry();
+        std::lock_guard<std::mutex> hold(registry.lock);
+        // The number is only a key; the pointer handed on is the one that was registered.
+        auto found = registry.objects.find(static_cast<uintptr_t>(address));
+        if (found == registry.objects.end()) return false;
+        // Under the lock: the object can't unregister and go before the value holds its count.
+        object = found->second;
+    }
+    // Outside the lock: storing the result may release an older value, and with it an object whose
+    // destructor unregisters.
+    args.Return(object);
     return true;
 }
 
