@@ -1,18 +1,17 @@
 // Seams that later layers fill in: the way onto the main thread (the script window), the
-// configuration's debug switch and root object, and the registry of objects that may be named by
-// address from outside the process. With nothing installed every call runs on the caller's thread,
-// debugging is off, there is no root object and no address is known.
+// configuration's debug switch and root object. With nothing installed every call runs on the
+// caller's thread, debugging is off and there is no root object. The registry of objects named by
+// address lives beside the object chain (values/ObjectAddress.h) and is included here for its users.
 #pragma once
 
-#include <cstdint>
-
+#include "values/model/ObjectAddress.h" // objects named by address, which peers reach through the root
 #include "values/base/Export.h"
+#include <cstdint>
 
 namespace orvexScript
 {
 
 class ScriptObject;
-class ScriptVal;
 
 struct MainThreadHooks
 {
@@ -37,12 +36,5 @@ ORVEX_API bool IsScriptDebug();
 // The configuration's root object callback, which the root member "GetApp" answers with.
 ORVEX_API void SetRootObjectHook(ScriptObject *(*getRoot)());
 ORVEX_API ScriptObject *GetRootObject();
-
-// Objects that a peer may name by their address (SST_ObjectFromAddress). An address is resolved only
-// against this registry, never turned into a pointer. An object unregisters before it goes away.
-ORVEX_API void RegisterObjectAddress(ScriptObject *object);
-ORVEX_API void UnregisterObjectAddress(ScriptObject *object);
-// Stores the registered object at `address` as a result of `args`; false (and no result) if none.
-[[nodiscard]] ORVEX_API bool ReturnObjectAtAddress(ScriptVal &args, uint64_t address);
 
 } // namespace orvexScript

@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cinttypes>
+#include <cstdio>
+#include <new>
 #include <string>
 
 #include "objects/ObjectHooks.h"
@@ -70,6 +73,38 @@ ScriptSymbol s_TableFunc(1, "Table", SST_Function, WidgetName, Widget::s_Info);
 ScriptSymbol s_X(1, "X", SST_Function, WidgetName, Widget::s_Info);
 ScriptSymbol s_Topic(1, "Topic", SST_HelpTopic, WidgetName, Widget::s_Info);
 ScriptSymbol s_Attrs(1, nullptr, SST_GetSetAttrs, WidgetAttrs, Widget::s_Info);
+
+// A function that only debugging shows.
+ScriptSymbol s_Secret(1, "Secret", SST_Function | SSF_DebugOnly, WidgetMinMax, Widget::s_Info);
+
+// A class unrelated to Widget, with a function and a constructor. Its handler counts calls and never
+// touches `self`, so a call that wrongly gets a Widget shows as a count rather than as a fault.
+int s_StrangerCalls = 0;
+void StrangerCount(void *, ScriptArgs &, ScriptSymbol *, bool)
+{
+    ++s_StrangerCalls;
+}
+ScriptInfoT<Scripted> s_StrangerInfo(1, "Stranger");
+ScriptSymbol s_StrangerPoke(1, "Poke", SST_Function, StrangerCount, s_StrangerInfo);
+ScriptSymbol s_StrangerCreate(1, nullptr, SST_Create, StrangerCount, s_StrangerInfo);
+class Stranger : public Scripted
+{
+public:
+    Stranger() { _SetScriptInfo(this, s_StrangerInfo); }
+};
+
+// A class whose member reads answer every name with the stranger's function.
+void ForgerGetTable(void *, ScriptArgs &args, ScriptSymbol *, bool)
+{
+    args.ReturnFunction(&s_StrangerPoke);
+}
+ScriptInfoT<Scripted> s_ForgerInfo(1, "Forger");
+ScriptSymbol s_ForgerGetTable(1, nullptr, SST_GetTable, ForgerGetTable, s_ForgerInfo);
+class Forger : public Scripted
+{
+public:
+    Forger() { _SetScriptInfo(this, s_ForgerInfo); }
+};
 
 // A registered class with a constructor.
 ScriptInfoT<Scripted> s_GadgetInfo(1, "Gadget");
@@ -204,19 +239,58 @@ TEST_F(RootMembers, CallScriptFuncReportsWhetherItCalled)
     EXPECT_FALSE(CallScriptFunc(nullptr, "MinMax", other));
 }
 
-TEST_F(RootMembers, CallFunctionCallsOnlySymbolsThatExist)
+TEST_F(RootMembers, CallFunctionCallsOnlyFunctionsOfTheObjectsOwnChain)
 {
-    ScriptArgs args;
-    ScriptValue forged{};
-    forged.m_Function = FunctionValue(s_MinMax) + 8;
-    args.FindKey(0) = ScriptVal(SV_Function, &forged);
-    RunSpecial(&m_Widget, SST_CallFunction, args);
-    EXPECT_EQ(args.FindKeyConst("Error").ToNumber(), static_cast<double>(SE_UnknownSymbol));
+    s_StrangerCalls = 0;
+    const struct
+    {
+        const char *what;
+        uint64_t value;
+    } refused[] = {
+        {"no symbol at all", FunctionValue(s_MinMax) + 8},
+        {"another class's function", FunctionValue(s_StrangerPoke)},
+        {"another class's constructor", FunctionValue(s_StrangerCreate)},
+        {"a special of the own chain", FunctionValue(*FindSymbol(&Widget::s_Info, nullptr, SST_ToString))},
+        {"a debug-only function while not debugging", FunctionValue(s_Secret)},
+    };
+    for (const auto &c : refused)
+    {
+        ScriptArgs args;
+        ScriptValue value{};
+        value.m_Function = c.value;
+        args.FindKey(0) = ScriptVal(SV_Function, &value);
+        RunSpecial(&m_Widget, SST_CallFunction, args);
+        EXPECT_EQ(args.FindKeyConst("Error").ToNumber(), static_cast<double>(SE_UnknownSymbol)) << c.what;
+        EXPECT_EQ(NumReturns(args), 0) << c.what;
+    }
+    EXPECT_EQ(s_StrangerCalls, 0);
     EXPECT_EQ(m_Widget.m_Calls, 0);
+
+    // A class's own constructor is a function of its chain.
+    Stranger stranger;
+    ScriptArgs create;
+    create.FindKey(0) = Get("Stranger");
+    RunSpecial(&stranger, SST_CallFunction, create);
+    EXPECT_EQ(s_StrangerCalls, 1);
+    EXPECT_TRUE(create.FindKeyConst("Error").IsNil());
 
     ScriptArgs none;
     RunSpecial(&m_Widget, SST_CallFunction, none);
     EXPECT_TRUE(none.FindKeyConst("Error").IsNil());
+}
+
+TEST_F(RootMembers, MemberCallsRefuseAFunctionOfAnotherClass)
+{
+    s_StrangerCalls = 0;
+    Forger forger;
+    ScriptArgs native;
+    EXPECT_FALSE(CallScriptFunc(&forger, "Poke", native));
+    EXPECT_EQ(native.FindKeyConst("Error").ToNumber(), static_cast<double>(SE_UnknownSymbol));
+
+    ScriptArgs remote = Named("Poke");
+    RunSpecial(&forger, SST_CallMemberFunction, remote);
+    EXPECT_EQ(remote.FindKeyConst("Error").ToNumber(), static_cast<double>(SE_UnknownSymbol));
+    EXPECT_EQ(s_StrangerCalls, 0);
 }
 
 TEST_F(RootMembers, EqualityAndTextForm)
@@ -268,6 +342,74 @@ TEST_F(RootMembers, ObjectFromAddressAnswersOnlyForRegisteredObjects)
     UnregisterObjectAddress(&m_Widget);
 
     EXPECT_EQ(ask(low, high), 0);
+}
+
+// Asks SST_ObjectFromAddress of `asker` for the object at `address`; gives the object found or null.
+ScriptObject *AtAddress(ScriptObject *asker, const void *address)
+{
+    const uint64_t number = reinterpret_cast<uintptr_t>(address);
+    ScriptArgs args;
+    args.FindKey(1) = static_cast<double>(number & 0xFFFFFFFFu);
+    args.FindKey(2) = static_cast<double>(number >> 32);
+    RunSpecial(asker, SST_ObjectFromAddress, args);
+    return NumReturns(args) == 1 ? args.FindKeyConst(-1).ToLocalObject() : nullptr;
+}
+
+// A plain object whose assignment reaches ScriptObject's (RefObject's keeps its own state).
+class Plain : public _Object
+{
+};
+
+TEST_F(RootMembers, ObjectFromAddressForgetsAnObjectWhenItIsDestroyed)
+{
+    // A new object at the very address of a destroyed one, as a reused allocation gives.
+    alignas(Widget) unsigned char storage[sizeof(Widget)];
+    Widget *gone = new (storage) Widget;
+    RegisterObjectAddress(gone);
+    ASSERT_EQ(AtAddress(&m_Widget, storage), gone);
+    {
+        Widget copy(*gone); // a copy is not registered, and its end takes nothing out
+    }
+    EXPECT_EQ(AtAddress(&m_Widget, storage), gone);
+    gone->~Widget();
+    Widget *fresh = new (storage) Widget;
+    EXPECT_EQ(AtAddress(&m_Widget, storage), nullptr);
+    fresh->~Widget();
+
+    // Assignment keeps the target registered, so that its end still takes it out.
+    alignas(Plain) unsigned char plainStorage[sizeof(Plain)];
+    Plain *target = new (plainStorage) Plain;
+    RegisterObjectAddress(target);
+    *target = Plain();
+    target->~Plain();
+    Plain *reused = new (plainStorage) Plain;
+    EXPECT_EQ(AtAddress(&m_Widget, plainStorage), nullptr);
+    reused->~Plain();
+}
+
+// An object whose value counts are its use count, so that the last value to let go destroys it.
+class Counted : public Scripted
+{
+public:
+    void IncRef() override { Use(); }
+    void DecRef() override { Recycle(); }
+};
+
+TEST_F(RootMembers, ObjectFromAddressMayReleaseARegisteredObjectWhileStoringItsResult)
+{
+    auto *victim = new Counted;
+    RegisterObjectAddress(victim);
+    RegisterObjectAddress(&m_Widget);
+    const uint64_t widget = reinterpret_cast<uintptr_t>(&m_Widget);
+    ScriptArgs args;
+    args.FindKey(-1) = static_cast<ScriptObject *>(victim); // a stale value in the result's place
+    victim->Recycle();                                      // that value holds the last count
+    args.FindKey(1) = static_cast<double>(widget & 0xFFFFFFFFu);
+    args.FindKey(2) = static_cast<double>(widget >> 32);
+    // Storing the result destroys the victim, whose destructor unregisters it meanwhile.
+    RunSpecial(&m_Widget, SST_ObjectFromAddress, args);
+    EXPECT_EQ(args.FindKeyConst(-1).ToLocalObject(), &m_Widget);
+    UnregisterObjectAddress(&m_Widget);
 }
 
 TEST_F(RootMembers, GetAttrsAndSetAttrsGoThroughTheAttributeMember)

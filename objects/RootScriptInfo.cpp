@@ -67,15 +67,6 @@ void ReturnConstructor(ScriptArgs &args, const char *name)
     args.ReturnNil();
 }
 
-// A function value's symbol: first among the object's own chain, then among every registered class.
-ScriptSymbol *ResolveFunction(const ScriptObject *object, uint64_t address)
-{
-    for (const ScriptInfo *info = ClassOf(object); info; info = info->Parent())
-        for (ScriptSymbol *symbol = info->m_Symbols; symbol; symbol = symbol->m_Next)
-            if (reinterpret_cast<uintptr_t>(symbol) == address) return symbol;
-    return FindSymbolByAddress(address);
-}
-
 // Moves the results -1..-n into one table at -1.
 void PackResults(ScriptArgs &args)
 {
@@ -103,6 +94,13 @@ bool CallMember(ScriptObject *object, const ScriptVal &name, ScriptArgs &args)
     getTable->Call(object, lookup, false);
     const ScriptVal &function = lookup.FindKeyConst(-1);
     if (!function.IsFunction()) return false;
+    // A class's own SST_GetTable may hand out any value, and a class's SST_CallFunction need not
+    // check it: only a function of this object's chain goes on.
+    if (!FindFunctionValue(info, function.ToFunction()))
+    {
+        args.SetError(SE_UnknownSymbol);
+        return false;
+    }
     args.FindKey(0) = function;
     callFunction->Call(object, args, false);
     return true;
@@ -183,8 +181,8 @@ void RootCallFunction(void *self, ScriptArgs &args, ScriptSymbol *, bool)
     const uint64_t address = function.ToFunction();
     if (!address) return;
     const bool pack = function.GetFlags(SVF_PackResults) != 0;
-    // The value may have come over the wire: only a symbol that exists here is called.
-    ScriptSymbol *symbol = ResolveFunction(object, address);
+    // The value may have come over the wire: only a function of this object's own chain is called.
+    ScriptSymbol *symbol = FindFunctionValue(ClassOf(object), address);
     if (!symbol)
     {
         args.SetError(SE_UnknownSymbol);

@@ -71,6 +71,11 @@ bool NameMatches(const ScriptSymbol *symbol, const char *name, unsigned long num
     return number == 0 || symbol->Number() == number;
 }
 
+uint64_t AddressOf(const ScriptSymbol *symbol)
+{
+    return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(symbol));
+}
+
 struct CallRecord
 {
     ScriptSymbol *symbol;
@@ -134,15 +139,24 @@ ScriptSymbol *FindSymbol(const ScriptInfo *info, const char *name, unsigned long
     return nullptr;
 }
 
-ScriptSymbol *FindSymbolByAddress(uint64_t address)
+ScriptSymbol *FindFunctionValue(const ScriptInfo *info, uint64_t value)
 {
-    if (!address) return nullptr;
-    for (ScriptInfo *info = g_ScriptInfoList; info; info = info->m_Next)
+    if (!value) return nullptr;
+    for (const ScriptInfo *r = info; r; r = r->Parent())
     {
-        for (ScriptSymbol *symbol = info->m_Symbols; symbol; symbol = symbol->m_Next)
-            if (reinterpret_cast<uintptr_t>(symbol) == address) return symbol;
-        for (ScriptSymbol *symbol : info->m_Special)
-            if (symbol && reinterpret_cast<uintptr_t>(symbol) == address) return symbol;
+        ScriptSymbol *found = nullptr;
+        for (ScriptSymbol *symbol = r->m_Symbols; symbol && !found; symbol = symbol->m_Next)
+            if (AddressOf(symbol) == value) found = symbol;
+        ScriptSymbol *create = r->m_Special[SST_Create - SST_FirstSpecial];
+        if (!found && create && AddressOf(create) == value) found = create;
+        if (!found) continue;
+        // From here on `found` is a real symbol. Only functions and constructors are function values
+        // (neither ever leaves its owner's record, unlike the constants that sit in the root's list);
+        // calling a special such as SST_CallFunction itself would let a peer recurse without end.
+        const uint32_t number = found->Number();
+        if (number != SST_Function && number != SST_Create) return nullptr;
+        if ((found->m_Flags & SSF_DebugOnly) && !IsScriptDebug()) return nullptr;
+        return found;
     }
     return nullptr;
 }
@@ -227,9 +241,10 @@ void ReturnCustomData(ScriptArgs &args, const char *name, const ScriptVal &data,
     if (!data.IsTable()) return;
     if (name)
     {
-        // A missing key may come back as null or as the constant nil: either way, no result.
+        // A missing last key gives the constant nil, which is one nil result; a path that runs through
+        // a value that is no table gives null, and no result.
         const ScriptVal *value = data.FindKeyNestConst(name);
-        if (value && !value->IsNil()) args.Return(*value);
+        if (value) args.Return(*value);
         return;
     }
     ScriptVal keys(SV_Table, nullptr);

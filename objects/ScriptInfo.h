@@ -126,9 +126,12 @@ ORVEX_API extern ScriptInfo *const g_RootScriptInfo;
 // kind. Otherwise the exact name, of kind `number` (0: any kind). Debug-only symbols count only
 // while debugging, so they shadow nothing.
 ORVEX_API ScriptSymbol *FindSymbol(const ScriptInfo *info, const char *name, unsigned long number);
-// The symbol at a function value's address, if it is one of a registered class; else null. A
-// function value may come from outside the process, so it is never used as a pointer unchecked.
-ORVEX_API ScriptSymbol *FindSymbolByAddress(uint64_t address);
+// The symbol a function value names, if it is a function or constructor declared in `info`'s chain
+// (and visible: debug-only ones count only while debugging); else null. A function value may come from
+// outside the process, so it is only compared with the addresses of the chain's symbols and never used
+// as a pointer unless it matched one. A symbol of another class is refused: its handler would take the
+// object for an instance of that class.
+ORVEX_API ScriptSymbol *FindFunctionValue(const ScriptInfo *info, uint64_t value);
 
 // Links `info` to `parent` (the root for null) unless it is linked already.
 ORVEX_API void _InitScriptInfo(ScriptInfo &info, ScriptInfo *parent);
@@ -140,8 +143,9 @@ ORVEX_API void _SetScriptInfo(void *object, ScriptInfo &info);
 [[nodiscard]] ORVEX_API bool CallScriptFunc(ScriptObject *object, const char *name, ScriptArgs &args,
                                             TagList *tags = nullptr);
 
-// For SST_GetCustomData: with a `name`, the value at that dotted path of `data` as one result (none if
-// absent); with null `name`, one table of all of `data`'s keys at 1..n. Nothing if `data` is no table.
+// For SST_GetCustomData: with a `name`, the value at that dotted path of `data` as one result (nil if
+// the last key is missing, none if the path runs through a value that is no table); with null `name`,
+// one table of all of `data`'s keys at 1..n. Nothing if `data` is no table.
 ORVEX_API void ReturnCustomData(ScriptArgs &args, const char *name, const ScriptVal &data,
                                 TagList *tags = nullptr);
 

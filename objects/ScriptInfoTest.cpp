@@ -227,7 +227,7 @@ TEST(ScriptSymbolRecord, AddsItselfToItsOwnerAndLeavesWhenDestroyed)
             EXPECT_EQ(owner.m_Symbols, &second);
             EXPECT_EQ(second.m_Next, &first);
             EXPECT_EQ(owner.m_Special[SST_Create - 128], &create);
-            EXPECT_EQ(FindSymbolByAddress(testobjects::FunctionValue(second)), &second);
+            EXPECT_EQ(FindFunctionValue(&owner, testobjects::FunctionValue(create)), &create);
         }
         EXPECT_EQ(owner.m_Symbols, &first);
         EXPECT_EQ(FindSymbol(&owner, "Second", 0), nullptr);
@@ -283,7 +283,7 @@ TEST(ScriptSymbolTagsHelp, UntypedFunctionAndVariableForms)
 
 // ---- custom data ------------------------------------------------------------------------------------
 
-TEST(ReturnCustomData, NamedPathGivesOneResultOrNone)
+TEST(ReturnCustomData, NamedPathGivesOneResultNilForAMissingLastKeyNoneForNoTable)
 {
     ScriptVal data(SV_Table, nullptr);
     data.FindKey("Owner") = ScriptVal(SV_Table, nullptr);
@@ -296,10 +296,12 @@ TEST(ReturnCustomData, NamedPathGivesOneResultOrNone)
     EXPECT_STREQ(args.FindKeyConst(-1).ToString(), "Ada");
 
     ReturnCustomData(args, "Owner.Missing", data);
-    EXPECT_EQ(testobjects::NumReturns(args), 1);
+    EXPECT_EQ(testobjects::NumReturns(args), 2);
+    EXPECT_TRUE(args.FindKeyConst(-2).IsNil());
 
+    ReturnCustomData(args, "Count.Deeper", data); // runs through a number
     ReturnCustomData(args, "Count", ScriptVal("not a table"));
-    EXPECT_EQ(testobjects::NumReturns(args), 1);
+    EXPECT_EQ(testobjects::NumReturns(args), 2);
 }
 
 TEST(ReturnCustomData, NoNameListsTheKeysInOrder)

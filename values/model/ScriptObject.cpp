@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstring>
 
+#include "values/model/ObjectAddress.h"
 #include "values/model/KeID.h"
 #include "values/model/ScriptVal.h"
 
@@ -56,6 +57,29 @@ int LuaClass::lw_safe_push(LuaClass *object, lua_State *state)
     // Small integers and null arrive here as "objects" from loosely typed callers.
     if (reinterpret_cast<uintptr_t>(object) < 0x10001) return PushNil(state);
     return object->lw_push(state);
+}
+
+// ---- ScriptObject ---------------------------------------------------------------------------------
+
+ScriptObject::ScriptObject(const ScriptObject &other)
+    : LuaClass(other), m_SOFlags(other.m_SOFlags & ~SOF_AddressKnown), m_SOPad(other.m_SOPad),
+      m_SOData(other.m_SOData)
+{
+}
+
+ScriptObject &ScriptObject::operator=(const ScriptObject &other)
+{
+    m_SOFlags = (other.m_SOFlags & ~SOF_AddressKnown) | (m_SOFlags & SOF_AddressKnown);
+    m_SOPad = other.m_SOPad;
+    m_SOData = other.m_SOData;
+    return *this;
+}
+
+// The last destructor of every object: no number from a peer may lead to it after this. Objects that
+// were never registered pay one test of their flags.
+ScriptObject::~ScriptObject()
+{
+    if (m_SOFlags & SOF_AddressKnown) UnregisterObjectAddress(this);
 }
 
 // ---- ScriptObject defaults ------------------------------------------------------------------------

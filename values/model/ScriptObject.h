@@ -56,11 +56,19 @@ public:
 class ORVEX_API ScriptObject : public LuaClass
 {
 public:
-    uint32_t m_SOFlags = 0; // bit 31: memory already taken by this dump pass
+    uint32_t m_SOFlags = 0; // bit 31: memory already taken by this dump pass; bit 30: named by address
     uint32_t m_SOPad = 0;
     void *m_SOData = nullptr;
 
     static constexpr uint32_t SOF_Dumped = 0x80000000u;
+    // In the registry of objects named by address (values/ObjectAddress.h); the destructor takes the
+    // object out. A copy is not registered, and assignment keeps the target's own state.
+    static constexpr uint32_t SOF_AddressKnown = 0x40000000u;
+
+    ScriptObject() = default;
+    ScriptObject(const ScriptObject &other);
+    ScriptObject &operator=(const ScriptObject &other);
+    ~ScriptObject() override;
 
     ORVEX_VFPAD_20(ScriptObject)
     virtual bool _Do(unsigned long cmd, ScriptVal &args);

@@ -1,6 +1,7 @@
 // The result writers of ScriptVal: a handler puts its results at keys -1, -2, ... of its arguments.
 // An SV_Args value counts its results in m_NumReturns; a plain table has no room for a count (its
-// payload holds the constructor there), so its count is the run of non-nil result keys it holds.
+// payload holds the constructor there), so its count is the run of result keys it holds. A nil result
+// is an entry too, so both kinds count a nil result alike.
 
 #include <cstdint>
 
@@ -15,11 +16,12 @@ namespace
 {
 constexpr int kMaxReturns = 255; // the count is 8 bits wide
 
-// The number of results already stored in a table: the keys -1, -2, ... present in a row.
+// The number of results already stored in a table: the keys -1, -2, ... present in a row, whatever
+// their values.
 int TableResultCount(const ScriptVal &table)
 {
     int count = 0;
-    while (count < kMaxReturns && !table.FindKeyConst(-(count + 1)).IsNil())
+    while (count < kMaxReturns && table.Exists(ScriptVal(-(count + 1))))
         ++count;
     return count;
 }

@@ -72,6 +72,20 @@ TEST(ScriptValReturn, TablesCountTheirResultsOtherKindsStoreNothing)
     EXPECT_STREQ(text.ToString(), "unchanged");
 }
 
+TEST(ScriptValReturn, ANilResultCountsOnTablesAsOnArgs)
+{
+    ScriptArgs args;
+    ScriptVal table(SV_Table, nullptr);
+    for (ScriptVal *target : {static_cast<ScriptVal *>(&args), &table})
+    {
+        target->ReturnNil();
+        target->ReturnNumber(5);
+        EXPECT_TRUE(target->Exists(ScriptVal(-1)));
+        EXPECT_TRUE(target->FindKeyConst(-1).IsNil());
+        EXPECT_EQ(target->FindKeyConst(-2).ToNumber(), 5.0);
+    }
+}
+
 TEST(ScriptValReturn, FunctionValueHoldsTheSymbolAddress)
 {
     char symbol[8] = {};

@@ -402,17 +402,33 @@ void TagList::Copy(long extraWords)
         const int size = Size(*at);
         out[0] = *at;
         if (InOwnArray(at))
+        {
             std::memcpy(out + 1, at + 1, sizeof(Tag) * size); // the value moves
+            at[1] = 0;                                         // and the old place holds none
+        }
         else
+        {
             BuildValue(*at, StoredData(at, block), out + 1);
+        }
         out += 1 + size;
     }
     *out = TAG_DONE;
-    if (m_Owned) std::free(m_Tags);
+    if (m_Owned)
+    {
+        ReleaseOwnedValues(); // what the walk did not reach: values behind a TAG_SKIP
+        std::free(m_Tags);
+    }
     m_Tags = fresh;
     m_End = out;
     m_Owned = true;
     m_Free = static_cast<uint32_t>(extraWords);
+}
+
+void TagList::ReleaseOwnedValues()
+{
+    // Word by word, not by the walk: a value that a TAG_SKIP hides from the walk is released too.
+    for (Tag *at = m_Tags; at < m_End; at += 1 + Size(*at))
+        if (TagType(*at) != TAG_CONTROL) ReleaseValue(*at, at + 1);
 }
 
 void TagList::Clear()
@@ -425,9 +441,7 @@ void TagList::Clear()
         m_Free = 0;
         return;
     }
-    // Every value in the owned array is released, also one that a TAG_SKIP hides from the walk.
-    for (Tag *at = m_Tags; at < m_End; at += 1 + Size(*at))
-        if (TagType(*at) != TAG_CONTROL) ReleaseValue(*at, at + 1);
+    ReleaseOwnedValues();
     m_Free += static_cast<uint32_t>(m_End - m_Tags);
     m_End = m_Tags;
     m_Tags[0] = TAG_DONE;

@@ -255,6 +255,8 @@ private:
     static void BuildValue(Tag tag, const void *data, Tag *out);
     // Releases a value that an owning list holds; words 0 and 1 are no value.
     static void ReleaseValue(Tag tag, Tag *words);
+    // Releases every value of the owned array, hidden ones included; the words stay in place.
+    ORVEX_INTERNAL void ReleaseOwnedValues();
     // The data pointer that BuildValue takes for the value stored at `at` (`block` is scratch).
     static const void *StoredData(const Tag *at, MemBlock &block);
 
