@@ -22,19 +22,14 @@ namespace
 class ArgumentArray
 {
 public:
-    ArgumentArray(std::initializer_list<std::string> arguments)
+    explicit ArgumentArray(const std::vector<std::string> &arguments)
     {
         for (const std::string &argument : arguments)
-        {
-            m_Storage.emplace_back(argument.begin(), argument.end());
-            m_Storage.back().push_back('\0');
-        }
+            m_Storage.emplace_back(argument.c_str(), argument.c_str() + argument.size() + 1);
         for (std::vector<char> &text : m_Storage)
             m_Pointers.push_back(text.data());
         m_Pointers.push_back(nullptr);
     }
-    ArgumentArray(const ArgumentArray &) = delete;
-    ArgumentArray &operator=(const ArgumentArray &) = delete;
 
     char **Get() { return m_Pointers.data(); }
     std::string At(size_t i) const { return m_Storage[i].data(); }
@@ -58,17 +53,11 @@ protected:
         return m_Dir.Write("script" + std::to_string(++m_Count) + ".lua", text);
     }
 
-    RunResult Run(std::string path, ArgumentArray &arguments)
+    RunResult Run(std::string path, ArgumentArray &&arguments = ArgumentArray({}))
     {
         ::testing::internal::CaptureStderr();
         const int32_t code = RunScript(path.data(), arguments.Get());
         return {code, ::testing::internal::GetCapturedStderr()};
-    }
-
-    RunResult Run(const std::string &path, std::initializer_list<std::string> arguments = {})
-    {
-        ArgumentArray array(arguments);
-        return Run(path, array);
     }
 
     RunResult RunText(const std::string &text) { return Run(Script(text)); }
@@ -80,17 +69,10 @@ protected:
 TEST_F(RunScriptTest, ResultCodeIsTheFirstResultNumberTruncatedAndSaturated)
 {
     const std::pair<const char *, int32_t> cases[] = {
-        {"return 3.9", 3},
-        {"return -3.9", -3},
-        {"return -0.5", 0},
-        {"return 1e20", INT32_MAX},
-        {"return -1e20", INT32_MIN},
-        {"return -2147483648.5", INT32_MIN},
-        {"return 0/0", 0},
-        {"return '3'", 0}, // the Lua type counts, not convertibility
-        {"local x = 1", 0},
-        {"return nil, 5", 0},
-        {"return {}", 0},
+        {"return 3.9", 3},      {"return -3.9", -3},          {"return -0.5", 0},
+        {"return 1e20", INT32_MAX}, {"return -1e20", INT32_MIN}, {"return -2147483648.5", INT32_MIN},
+        {"return 0/0", 0},      {"return '3'", 0}, // the Lua type counts, not convertibility
+        {"local x = 1", 0},     {"return nil, 5", 0},         {"return {}", 0},
     };
     for (const auto &[text, code] : cases)
     {
@@ -100,44 +82,52 @@ TEST_F(RunScriptTest, ResultCodeIsTheFirstResultNumberTruncatedAndSaturated)
     }
 }
 
-TEST_F(RunScriptTest, NamedAndNumberedArgumentsFillArgAndNamesAreSplitInPlace)
+// Each script checks what it finds in `arg` and returns 7.
+TEST_F(RunScriptTest, NamedAndNumberedArgumentsFillArg)
 {
-    const std::string path = Script(R"(
-        assert(arg.a == "1", "a")
-        assert(arg.b == "", "b")
-        assert(arg[1] == "x" and arg[2] == "y" and arg[3] == nil, "numbered")
-        assert(arg.n == 2 and type(arg.n) == "number", "n")
-        return 7)");
-    ArgumentArray arguments{"a=1", "x", "b=", "y"};
-    RunResult result = Run(path, arguments);
-    EXPECT_EQ(7, result.code) << result.err;
-    EXPECT_EQ("a", arguments.At(0));
+    const std::pair<std::vector<std::string>, const char *> cases[] = {
+        {{"a=1", "x", "b=", "y"}, R"(assert(arg.a == "1" and arg.b == "", "named")
+            assert(arg[1] == "x" and arg[2] == "y" and arg[3] == nil, "numbered")
+            assert(arg.n == 2 and type(arg.n) == "number", "n"))"},
+        {{"=v", "1=x", "first", "k=b=c"}, R"(assert(arg[""] == "v", "empty name")
+            assert(arg["1"] == "x" and arg[1] == "first", "a name 1 stays a string key")
+            assert(arg.k == "b=c", "only the first = splits")
+            assert(arg.n == 1, "n counts numbered arguments only"))"},
+        {{}, "assert(arg.n == 0 and next(arg) == 'n' and next(arg, 'n') == nil)"},
+    };
+    for (const auto &[arguments, check] : cases)
+    {
+        SCOPED_TRACE(check);
+        EXPECT_EQ(7, Run(Script(std::string(check) + " return 7"), ArgumentArray(arguments)).code);
+    }
+    ArgumentArray arguments({"a=1", "x"});
+    ASSERT_EQ(7, Run(Script("return 7"), std::move(arguments)).code);
+    EXPECT_EQ("a", arguments.At(0)); // names are split in place
     EXPECT_EQ("x", arguments.At(1));
 }
 
-TEST_F(RunScriptTest, UnusualArgumentsKeepStringKeys)
+TEST_F(RunScriptTest, FailuresReportOneLineOnStderr)
 {
-    const std::string path = Script(R"(
-        assert(arg[""] == "v", "empty name")
-        assert(arg["1"] == "x" and arg[1] == "first", "a name 1 stays a string key")
-        assert(arg.k == "b=c", "only the first = splits")
-        assert(arg.n == 1, "n counts numbered arguments only")
-        return 7)");
-    RunResult result = Run(path, {"=v", "1=x", "first", "k=b=c"});
-    EXPECT_EQ(7, result.code) << result.err;
-}
-
-TEST_F(RunScriptTest, EmptyArgumentArrayGivesZeroCount)
-{
-    RunResult result = RunText("assert(arg.n == 0 and next(arg) == 'n' and next(arg, 'n') == nil) return 7");
-    EXPECT_EQ(7, result.code) << result.err;
-}
-
-TEST_F(RunScriptTest, MissingFileReportsNameAndReason)
-{
-    RunResult result = Run(m_Dir.File("absent.lua"));
-    EXPECT_EQ(-2, result.code);
-    EXPECT_EQ("cannot open " + m_Dir.File("absent.lua") + ": No such file or directory\n", result.err);
+    const struct
+    {
+        const char *script;
+        int32_t code;
+        const char *err;
+    } cases[] = {
+        {"local function f() error('boom') end\nf()\n", -1, ":1: boom\n"}, // no traceback
+        {"error({})", -1, "unknown error\n"},
+    };
+    for (const auto &c : cases)
+    {
+        SCOPED_TRACE(c.script);
+        RunResult result = RunText(c.script);
+        EXPECT_EQ(c.code, result.code);
+        EXPECT_TRUE(result.err.ends_with(c.err)) << result.err;
+        EXPECT_EQ(1, std::count(result.err.begin(), result.err.end(), '\n')) << result.err;
+    }
+    RunResult missing = Run(m_Dir.File("absent.lua"));
+    EXPECT_EQ(-2, missing.code);
+    EXPECT_EQ("cannot open " + m_Dir.File("absent.lua") + ": No such file or directory\n", missing.err);
 }
 
 TEST_F(RunScriptTest, NullFileNameFailsWithoutReadingStandardInput)
@@ -168,21 +158,6 @@ TEST_F(RunScriptTest, SyntaxErrorReportsFileAndLineWithoutRunning)
     EXPECT_EQ(-2, result.code);
     EXPECT_NE(std::string::npos, result.err.find(path + ":2:")) << result.err;
     EXPECT_EQ(1, std::count(result.err.begin(), result.err.end(), '\n'));
-}
-
-TEST_F(RunScriptTest, RuntimeErrorReportsMessageWithoutTraceback)
-{
-    RunResult result = RunText("local function f() error('boom') end\nf()\n");
-    EXPECT_EQ(-1, result.code);
-    EXPECT_NE(std::string::npos, result.err.find(":1: boom")) << result.err;
-    EXPECT_EQ(std::string::npos, result.err.find("traceback")) << result.err;
-}
-
-TEST_F(RunScriptTest, ErrorValueThatIsNoStringIsUnknownError)
-{
-    RunResult result = RunText("error({})");
-    EXPECT_EQ(-1, result.code);
-    EXPECT_EQ("unknown error\n", result.err);
 }
 
 TEST_F(RunScriptTest, StateOffersLpegFfiAndTheLocalConnectFlag)
