@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <unistd.h>
 
 #include "testsupport/TestSupport.h"
@@ -31,13 +32,11 @@ TEST(MemBlock, FailuresLeaveNothingBehind)
     EXPECT_NE(access(dir.File("none").c_str(), F_OK), 0);
     EXPECT_FALSE(MemBlock(&byteOut, 1).Save((dir.Path() + "/no/such/dir").c_str()));
 
-    MemBlock missing(dir.File("missing").c_str());
-    EXPECT_EQ(missing.m_Ptr, nullptr);
-    EXPECT_EQ(missing.m_Size, 0u);
-    dir.Write("empty", "");
-    MemBlock empty(dir.File("empty").c_str());
-    EXPECT_EQ(empty.m_Ptr, nullptr);
-    EXPECT_EQ(empty.m_Size, 0u);
+    for (const std::string &path : {dir.File("missing"), dir.Write("empty", "")})
+    {
+        MemBlock read(path.c_str());
+        EXPECT_TRUE(read.m_Ptr == nullptr && read.m_Size == 0u) << path;
+    }
 
     char byte = 'x';
     EXPECT_TRUE(MemBlock(&byte, 0).Save(dir.File("zero").c_str())); // an empty file
