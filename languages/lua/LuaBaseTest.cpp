@@ -79,24 +79,23 @@ TEST_F(LuaBaseTest, MissingToolkitLibraryIsPassedOverSilently)
     EXPECT_NE("", Run("require('iuplua')"));
 }
 
-TEST_F(LuaBaseTest, EnvironmentOverridesTheToolkitName)
+// The name defaults, can be turned off, and a non-empty variable overrides it.
+TEST_F(LuaBaseTest, ToolkitNameDefaultsCanBeTurnedOffAndTheEnvironmentOverridesIt)
 {
+    EXPECT_EQ("libiuplua.so", orvexScript::ToolkitLibraryName());
+    orvexScript::SetToolkitLibrary("");
+    EXPECT_EQ("", orvexScript::ToolkitLibraryName());
+    {
+        orvexTest::ScopedEnv env("ORVEXSCRIPT_TOOLKIT_LIB", "");
+        EXPECT_EQ("", orvexScript::ToolkitLibraryName()) << "an empty variable is no override";
+    }
+    orvexScript::SetToolkitLibrary(nullptr);
+    EXPECT_EQ("libiuplua.so", orvexScript::ToolkitLibraryName());
     orvexScript::SetToolkitLibrary("/nonexistent/libnothing-here.so");
     orvexTest::ScopedEnv env("ORVEXSCRIPT_TOOLKIT_LIB", ORVEX_FAKE_TOOLKIT);
     EXPECT_EQ(ORVEX_FAKE_TOOLKIT, orvexScript::ToolkitLibraryName());
     Open();
     EXPECT_EQ("", Run("assert(package.preload.cdlua ~= nil)"));
-}
-
-TEST_F(LuaBaseTest, ToolkitNameDefaultsAndCanBeTurnedOff)
-{
-    EXPECT_EQ("libiuplua.so", orvexScript::ToolkitLibraryName());
-    orvexScript::SetToolkitLibrary("");
-    EXPECT_EQ("", orvexScript::ToolkitLibraryName());
-    orvexTest::ScopedEnv env("ORVEXSCRIPT_TOOLKIT_LIB", "");
-    EXPECT_EQ("", orvexScript::ToolkitLibraryName()) << "an empty variable is no override";
-    orvexScript::SetToolkitLibrary(nullptr);
-    EXPECT_EQ("libiuplua.so", orvexScript::ToolkitLibraryName());
 }
 
 } // namespace
