@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -67,14 +68,8 @@ private:
         m_Queue.push_back(&task);
         m_Wake.notify_all();
         if (m_Done.wait_for(hold, kWaitLimit, [&] { return task.done; })) return true;
-        for (auto it = m_Queue.begin(); it != m_Queue.end(); ++it)
-        {
-            if (*it == &task)
-            {
-                m_Queue.erase(it);
-                return false;
-            }
-        }
+        if (auto it = std::find(m_Queue.begin(), m_Queue.end(), &task); it != m_Queue.end())
+            return m_Queue.erase(it), false;
         m_Done.wait(hold, [&] { return task.done; }); // already running: it finishes
         return false;
     }
@@ -169,20 +164,18 @@ protected:
     Worker m_Worker;
 };
 
+// Flagged members run on the main thread while the caller waits; read and write flags apply separately.
 TEST_F(SymbolCallWithMainThread, FlaggedMembersRunOnTheMainThreadWhileTheCallerWaits)
 {
-    const std::thread::id here = std::this_thread::get_id();
-    EXPECT_TRUE(RanOn(s_OnMain, m_Worker, m_Main.Id()));
-    EXPECT_TRUE(RanOn(s_Anywhere, m_Worker, here));
-}
-
-TEST_F(SymbolCallWithMainThread, ReadAndWriteFlagsApplySeparately)
-{
-    const std::thread::id here = std::this_thread::get_id();
-    EXPECT_TRUE(RanOn(s_WriteOnMain, m_Worker, m_Main.Id(), true));
-    EXPECT_TRUE(RanOn(s_WriteOnMain, m_Worker, here, false));
-    EXPECT_TRUE(RanOn(s_ReadOnMain, m_Worker, m_Main.Id(), false));
-    EXPECT_TRUE(RanOn(s_ReadOnMain, m_Worker, here, true));
+    const struct
+    {
+        ScriptSymbol &symbol;
+        bool set, onMain;
+    } cases[] = {{s_OnMain, false, true},     {s_Anywhere, false, false},  {s_WriteOnMain, true, true},
+                 {s_WriteOnMain, false, false}, {s_ReadOnMain, false, true}, {s_ReadOnMain, true, false}};
+    for (const auto &c : cases)
+        EXPECT_TRUE(RanOn(c.symbol, m_Worker, c.onMain ? m_Main.Id() : std::this_thread::get_id(), c.set))
+            << c.symbol.m_Name.Text() << (c.set ? " set" : " get");
 }
 
 TEST_F(SymbolCallWithMainThread, CallOnTheMainThreadRunsDirectly)
