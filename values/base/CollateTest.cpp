@@ -90,6 +90,7 @@ TEST(SmartCollation, NumbersAfterASharedCharacterCompareByValueTheRestByCollatio
         {"x4294967296", "x4294967295", 1}, {"x99999999999999999999", "x100000000000000000000", -1},
         {"x000099999999999999999999", "x99999999999999999999", 0}, {"x2147483647", "x2147483648", -1},
         {"\xC3\x84pfel2", "\xC3\xA4PFEL02", 0}, // non-ASCII letters fold case
+        {"shot009.exr", "Shot10.exr", -1},   {"Shot2.exr", "shot10.exr", -1},
     };
     for (const Case &c : cases)
     {
@@ -104,17 +105,6 @@ TEST(SmartCollation, NumbersAfterASharedCharacterCompareByValueTheRestByCollatio
     }
     EXPECT_NE(stricoll_smart("\xC3\xA4", "a"), 0);
     EXPECT_NE(stricoll_smart("a\xFF", "a\xFE"), 0); // broken bytes still differ
-}
-
-TEST(SmartCollation, SortsFileSequencesNaturally)
-{
-    std::vector<std::string> names = {"shot10.exr", "Shot2.exr", "shot1.exr", "shot100.exr", "shot009.exr"};
-    std::sort(names.begin(), names.end(),
-              [](const std::string &a, const std::string &b)
-              { return stricoll_smart(a.c_str(), b.c_str()) < 0; });
-    std::vector<std::string> expected = {"shot1.exr", "Shot2.exr", "shot009.exr", "shot10.exr",
-                                         "shot100.exr"};
-    EXPECT_EQ(names, expected);
 }
 
 TEST(SmartCollation, NarrowFormGivesTheWideResultOfTheDecodedTexts)
