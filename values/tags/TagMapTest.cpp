@@ -158,10 +158,9 @@ TEST(MapTag, CopiesAndAssignmentsCopyChildrenDeeply)
 
     MapTag copy(root);
     ASSERT_EQ(copy.m_NumChildren, 2);
-    EXPECT_NE(copy.m_Children, root.m_Children);
-    EXPECT_NE(copy.m_Children[1].m_Children, root.m_Children[1].m_Children);
-    EXPECT_EQ(copy.m_Children[1].m_Children[0].m_Kind, SV_Number);
-    EXPECT_EQ(copy.m_Children[1].m_Children[0].m_Tag, TI_Width);
+    EXPECT_TRUE(copy.m_Children != root.m_Children && copy.m_Children[1].m_Children != root.m_Children[1].m_Children);
+    const MapTag &deep = copy.m_Children[1].m_Children[0];
+    EXPECT_TRUE(deep.m_Kind == SV_Number && deep.m_Tag == TI_Width);
     EXPECT_STREQ(copy.m_Children[0].m_Name, "Title");
 
     MapTag assigned = MapBoolean("Visible", TI_Visible);
@@ -171,8 +170,7 @@ TEST(MapTag, CopiesAndAssignmentsCopyChildrenDeeply)
     ASSERT_EQ(assigned.m_NumChildren, 2);
     EXPECT_EQ(assigned.m_Children[1].m_NumChildren, 1);
     assigned = MapTag();
-    EXPECT_EQ(assigned.m_Children, nullptr);
-    EXPECT_EQ(assigned.m_NumChildren, 0);
+    EXPECT_TRUE(assigned.m_Children == nullptr && assigned.m_NumChildren == 0);
 }
 
 } // namespace
