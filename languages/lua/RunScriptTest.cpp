@@ -160,7 +160,7 @@ TEST_F(RunScriptTest, SyntaxErrorReportsFileAndLineWithoutRunning)
     EXPECT_EQ(1, std::count(result.err.begin(), result.err.end(), '\n'));
 }
 
-TEST_F(RunScriptTest, StateOffersLpegFfiAndTheLocalConnectFlag)
+TEST_F(RunScriptTest, FreshStateOffersLpegFfiAndTheLocalConnectFlag)
 {
     RunResult result = RunText(R"(
         assert(type(lpeg) == "table" and lpeg == require("lpeg"), "lpeg global")
@@ -170,14 +170,10 @@ TEST_F(RunScriptTest, StateOffersLpegFfiAndTheLocalConnectFlag)
         assert(bit.band(6, 3) == 2 and jit ~= nil, "bit and jit")
         assert(debug.getregistry().QMLocalConnect == true, "registry flag")
         assert(_ALERT == nil, "no _ALERT")
+        leftover = 1 lpeg.mark = true
         return 7)");
     EXPECT_EQ(7, result.code) << result.err;
-}
-
-TEST_F(RunScriptTest, EachRunGetsAFreshState)
-{
-    EXPECT_EQ(0, RunText("assert(leftover == nil) leftover = 1 package.loaded.lpeg.mark = true").code);
-    RunResult second = RunText("assert(leftover == nil and lpeg.mark == nil) return 7");
+    RunResult second = RunText("assert(leftover == nil and lpeg.mark == nil) return 7"); // each run is fresh
     EXPECT_EQ(7, second.code) << second.err;
 }
 
