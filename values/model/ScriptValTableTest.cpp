@@ -163,19 +163,14 @@ TEST(ScriptValTable, NilValuesStayInTheListButAreNotCounted)
 
 TEST(ScriptValTable, StringKeysByLengthAndCase)
 {
-    ScriptVal t = Table();
-    t["key"] = 1;
+    ScriptVal t = TableOf({"key"});
     EXPECT_EQ(t.FindKeyNoCase("KEY")->ToNumber(), 1.0);
     t["KEY"] = 2; // same hash, different bytes: its own entry
-    EXPECT_EQ(t.FindKeyConst("key").ToNumber(), 1.0);
     ScriptVal *added = t.FindKeyNoCase("Other");
-    ASSERT_NE(added, nullptr);
-    EXPECT_EQ(Keys(t), "key,KEY,Other");
-    EXPECT_EQ(t.FindKeyNoCaseConst("OTHER"), added);
-    EXPECT_EQ(t.FindKeyNoCaseConst("nothing"), nullptr);
-    EXPECT_EQ(t.FindKeyNoCase(ScriptVal("none")), nullptr);
-    EXPECT_EQ(t.FindKeyConst("keyboard", 3).ToNumber(), 1.0);
-    EXPECT_EQ(&t.FindKey("keyboard", 3), &t.FindKey("key"));
+    EXPECT_EQ(Dump(t), R"({"key"=1;"KEY"=2;"Other"=k0;}#2/2)");
+    EXPECT_TRUE(added && t.FindKeyNoCaseConst("OTHER") == added);
+    EXPECT_TRUE(t.FindKeyNoCaseConst("nothing") == nullptr && t.FindKeyNoCase(ScriptVal("none")) == nullptr);
+    EXPECT_TRUE(t.FindKeyConst("keyboard", 3) == 1.0 && &t.FindKey("keyboard", 3) == &t.FindKey("key"));
     EXPECT_TRUE(t.FindKeyConst("ke", 2).IsNil()); // a prefix of a stored key is another key
     EXPECT_EQ(t.FindKeyConst(KeID("KEY")).ToNumber(), 2.0);
 }
@@ -245,17 +240,14 @@ TEST(ScriptValTableNest, WithoutCreateTheLastSegmentStillAdds)
     EXPECT_EQ(t.FindKeyNest("a.b", false), nullptr);
     EXPECT_FALSE(t.Exists("a"));
     t["a"] = SV_Table;
+    t["n"] = 4;
     ScriptVal *b = t.FindKeyNest("a.b", false);
     ASSERT_NE(b, nullptr);
-    EXPECT_TRUE(t["a"].Exists("b"));
-    t["n"] = 4;
-    EXPECT_EQ(t.FindKeyNest("n.x", false), nullptr);
-    EXPECT_EQ(ScriptVal(1).FindKeyNest("x", true), nullptr);
+    EXPECT_TRUE(t.FindKeyNest("n.x", false) == nullptr && ScriptVal(1).FindKeyNest("x", true) == nullptr);
     const ScriptVal &c = t;
     EXPECT_EQ(c.FindKeyNestConst("a.zzz"), &nil);
-    EXPECT_FALSE(t["a"].Exists("zzz"));
-    EXPECT_EQ(c.FindKeyNestConst("missing.x"), nullptr);
-    EXPECT_EQ(c.FindKeyNestConst("a.b"), b);
+    EXPECT_TRUE(c.FindKeyNestConst("missing.x") == nullptr && c.FindKeyNestConst("a.b") == b);
+    EXPECT_EQ(Dump(t), R"({"a"={"b"=k0;}#0/0;"n"=4;}#2/2)"); // "b" added, "zzz" not
 }
 
 TEST(ScriptValTableNest, NoCaseFormsGiveNullForMissingKeys)
