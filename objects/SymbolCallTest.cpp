@@ -37,7 +37,7 @@ public:
             std::lock_guard<std::mutex> hold(m_Lock);
             m_Quit = true;
         }
-        m_Wake.notify_all();
+        m_Changed.notify_all();
         m_Thread.join();
         s_Current = nullptr;
     }
@@ -49,8 +49,17 @@ public:
     static bool IsMain() { return std::this_thread::get_id() == s_Current->Id(); }
     static void Run(void (*function)(void *), void *data)
     {
-        if (!s_Current->RunAndWait(function, data))
-            ADD_FAILURE() << "the main loop did not run the task in time";
+        MainLoop &loop = *s_Current;
+        Task task{function, data};
+        std::unique_lock<std::mutex> hold(loop.m_Lock);
+        loop.m_Queue.push_back(&task);
+        loop.m_Changed.notify_all();
+        if (loop.m_Changed.wait_for(hold, kWaitLimit, [&] { return task.done; })) return;
+        ADD_FAILURE() << "the main loop did not run the task in time";
+        if (auto it = std::find(loop.m_Queue.begin(), loop.m_Queue.end(), &task); it != loop.m_Queue.end())
+            loop.m_Queue.erase(it);
+        else
+            loop.m_Changed.wait(hold, [&] { return task.done; }); // already running: it finishes
     }
 
 private:
@@ -61,40 +70,24 @@ private:
         bool done = false;
     };
 
-    bool RunAndWait(void (*function)(void *), void *data)
-    {
-        Task task{function, data};
-        std::unique_lock<std::mutex> hold(m_Lock);
-        m_Queue.push_back(&task);
-        m_Wake.notify_all();
-        if (m_Done.wait_for(hold, kWaitLimit, [&] { return task.done; })) return true;
-        if (auto it = std::find(m_Queue.begin(), m_Queue.end(), &task); it != m_Queue.end())
-            return m_Queue.erase(it), false;
-        m_Done.wait(hold, [&] { return task.done; }); // already running: it finishes
-        return false;
-    }
-
     void Serve()
     {
         std::unique_lock<std::mutex> hold(m_Lock);
-        for (;;)
+        while (m_Changed.wait(hold, [this] { return m_Quit || !m_Queue.empty(); }), !m_Queue.empty())
         {
-            m_Wake.wait(hold, [this] { return m_Quit || !m_Queue.empty(); });
-            if (m_Queue.empty()) return;
             Task *task = m_Queue.front();
             m_Queue.pop_front();
             hold.unlock();
             task->function(task->data);
             hold.lock();
             task->done = true;
-            m_Done.notify_all();
+            m_Changed.notify_all();
         }
     }
 
     static MainLoop *s_Current;
     std::mutex m_Lock;
-    std::condition_variable m_Wake;
-    std::condition_variable m_Done;
+    std::condition_variable m_Changed; // a task posted or done, or the end
     std::deque<Task *> m_Queue;
     bool m_Quit = false;
     std::thread m_Thread;
