@@ -36,8 +36,7 @@ TEST(ScriptValConst, NilIgnoresAssignmentButItsCopyAcceptsIt)
     nil = 5;
     nil = "text";
     nil.Set(SV_Table, nullptr);
-    EXPECT_TRUE(nil.IsNil());
-    EXPECT_TRUE(nil.GetFlags(SVF_Const));
+    EXPECT_TRUE(nil.IsNil() && nil.GetFlags(SVF_Const));
 
     ScriptVal copy(nil);
     EXPECT_FALSE(copy.GetFlags(SVF_Const));
@@ -51,10 +50,7 @@ TEST(ScriptValConst, NilIgnoresAssignmentButItsCopyAcceptsIt)
 TEST(ScriptValFlags, FloatMarksSingleAndScalarAssignmentReplacesTheWord)
 {
     ScriptVal v(1.5f);
-    EXPECT_TRUE(v.IsNumber());
-    EXPECT_TRUE(v.GetFlags(SVF_Single));
-    ScriptVal copy(v);
-    EXPECT_TRUE(copy.GetFlags(SVF_Single));
+    EXPECT_TRUE(v.IsNumber() && v.GetFlags(SVF_Single) && ScriptVal(v).GetFlags(SVF_Single));
     v = 1.5;
     EXPECT_FALSE(v.GetFlags(SVF_Single));
 
@@ -255,8 +251,7 @@ TEST(ScriptValObjects, RemoteObjectsGoThroughTheHooks)
     RemoteObject *remote = reinterpret_cast<RemoteObject *>(0x1000);
     {
         ScriptVal inert(SV_RemoteObject, &remote); // no hooks: nothing is counted or sent
-        EXPECT_TRUE(inert.GetKey("x").IsNil());
-        EXPECT_EQ(inert.ToLocalObject(), nullptr);
+        EXPECT_TRUE(inert.GetKey("x").IsNil() && inert.ToLocalObject() == nullptr);
     }
     SetRemoteHooks(TestHooks());
     {
@@ -265,9 +260,7 @@ TEST(ScriptValObjects, RemoteObjectsGoThroughTheHooks)
         EXPECT_EQ(s_RemoteRefs, 2);
         copy.Set(SV_RemoteObject, &remote); // the same object again changes nothing
         EXPECT_EQ(s_RemoteRefs, 2);
-        EXPECT_EQ(v.ToLocalObject(), &s_Local);
-        EXPECT_TRUE(v.IsLocalObject(false));
-        EXPECT_FALSE(v.IsLocalObject(true));
+        EXPECT_TRUE(v.ToLocalObject() == &s_Local && v.IsLocalObject(false) && !v.IsLocalObject(true));
         EXPECT_STREQ(v.GetKey("Name").ToString(), "Name");
         v.SetKey("Name", ScriptVal(1));
         EXPECT_EQ(s_LastCommand, SST_SetTable);
@@ -316,8 +309,7 @@ TEST(ScriptValError, SetErrorOverwritesNumberAndMessageOfTablesOnly)
 {
     ScriptVal t(SV_Table, nullptr);
     t.SetError(static_cast<ScriptError>(11));
-    EXPECT_EQ(t.FindKeyConst("Error").ToNumber(), 11.0);
-    EXPECT_STREQ(t.FindKeyConst("ErrorString").ToString(), "Unknown error number 11.");
+    EXPECT_TRUE(t.FindKeyConst("Error") == 11.0 && t.FindKeyConst("ErrorString") == "Unknown error number 11.");
     t.SetError(SE_Unknown, "custom");
     EXPECT_STREQ(t.FindKeyConst("ErrorString").ToString(), "custom");
     EXPECT_EQ(t.NumKeys(), 2); // overwritten, not appended
