@@ -85,10 +85,8 @@ TEST(TagMap, EachRowKindConvertsOrLeavesOut)
         const char *expected;
     } cases[] = {
         {"Width", ScriptVal("12.7"), TI_Width, "12"}, // numeric strings go to int and double tags
-        {"Width", ScriptVal(-3.9), TI_Width, "-3"},
-        {"Width", ScriptVal(true), TI_Width, "-"},
-        {"Unknown", ScriptVal(1), TI_Width, "-"},
-        {"Weight", ScriptVal(0.25), TD_Weight, "0.25"},
+        {"Width", ScriptVal(-3.9), TI_Width, "-3"},           {"Width", ScriptVal(true), TI_Width, "-"},
+        {"Unknown", ScriptVal(1), TI_Width, "-"},            {"Weight", ScriptVal(0.25), TD_Weight, "0.25"},
         {"Weight", ScriptVal("1e3x"), TD_Weight, "1000"},
         {"Title", ScriptVal(2.5), TS_Title, "2.5"}, // a string tag takes a printed number
         {"Title", ScriptVal(true), TS_Title, "-"},
@@ -96,16 +94,12 @@ TEST(TagMap, EachRowKindConvertsOrLeavesOut)
         {"Kind", ScriptVal(7), TID_Kind, "id:"}, // not a string: an empty identifier
         {"User", ScriptVal(5), TP_User, "-"},     // plain pointers and objects can't be given by a script
         {"Parent", ScriptVal(1), TO_Parent, "-"},
-        {"Visible", ScriptVal(true), TI_Visible, "1"},
-        {"Visible", ScriptVal(false), TI_Visible, "0"},
-        {"Visible", ScriptVal(0.0), TI_Visible, "0"},
-        {"Visible", ScriptVal(-0.5), TI_Visible, "1"},
+        {"Visible", ScriptVal(true), TI_Visible, "1"},       {"Visible", ScriptVal(false), TI_Visible, "0"},
+        {"Visible", ScriptVal(0.0), TI_Visible, "0"},        {"Visible", ScriptVal(-0.5), TI_Visible, "1"},
         {"Visible", ScriptVal("yes"), TI_Visible, "0"},
         {"Flag", ScriptVal(true), TS_Flag, "-"}, // a number in a string tag's word would be taken for a pointer
-        {"Align", ScriptVal("Left"), TI_Align, "1"},
-        {"Align", ScriptVal("Right"), TI_Align, "3"},
-        {"Align", ScriptVal("nosuch"), TI_Align, "-"},
-        {"Align", ScriptVal("left"), TI_Align, "-"},
+        {"Align", ScriptVal("Left"), TI_Align, "1"},         {"Align", ScriptVal("Right"), TI_Align, "3"},
+        {"Align", ScriptVal("nosuch"), TI_Align, "-"},       {"Align", ScriptVal("left"), TI_Align, "-"},
         {"Align", ScriptVal("Align"), TI_Align, "-"},
     };
     for (const auto &c : cases)
