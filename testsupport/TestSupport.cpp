@@ -55,18 +55,7 @@ std::string ReadFile(const std::string &path)
     return ss.str();
 }
 
-std::string ExecutableDir()
-{
-    char buf[4096];
-    ssize_t n = readlink("/proc/self/exe", buf, sizeof(buf) - 1);
-    if (n <= 0)
-        return ".";
-    buf[n] = '\0';
-    return std::filesystem::path(buf).parent_path().string();
-}
-
-ProcessResult RunProcess(const std::vector<std::string> &argv, int timeoutMs,
-                         const std::vector<std::string> &extraEnv)
+ProcessResult RunProcess(const std::vector<std::string> &argv, int timeoutMs)
 {
     ProcessResult result;
     int outPipe[2] = {-1, -1}, errPipe[2] = {-1, -1};
@@ -83,18 +72,13 @@ ProcessResult RunProcess(const std::vector<std::string> &argv, int timeoutMs,
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
 
     std::vector<std::string> strings(argv);
-    strings.push_back("");
-    for (char **e = environ; *e; ++e)
-        strings.emplace_back(*e);
-    strings.insert(strings.end(), extraEnv.begin(), extraEnv.end());
-    std::vector<char *> pointers; // the arguments, a null, the environment, a null
+    std::vector<char *> pointers;
     for (std::string &text : strings)
-        pointers.push_back(&text == &strings[argv.size()] ? nullptr : text.data());
+        pointers.push_back(text.data());
     pointers.push_back(nullptr);
 
     pid_t pid = -1;
-    const int rc = posix_spawn(&pid, pointers[0], &actions, nullptr, pointers.data(),
-                               pointers.data() + argv.size() + 1);
+    const int rc = posix_spawn(&pid, pointers[0], &actions, nullptr, pointers.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     close(outPipe[1]);
     close(errPipe[1]);
