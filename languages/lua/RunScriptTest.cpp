@@ -18,31 +18,11 @@
 namespace
 {
 
-// Writable copies of the arguments, as RunScript splits name=value in place.
-class ArgumentArray
-{
-public:
-    explicit ArgumentArray(const std::vector<std::string> &arguments)
-    {
-        for (const std::string &argument : arguments)
-            m_Storage.emplace_back(argument.c_str(), argument.c_str() + argument.size() + 1);
-        for (std::vector<char> &text : m_Storage)
-            m_Pointers.push_back(text.data());
-        m_Pointers.push_back(nullptr);
-    }
-
-    char **Get() { return m_Pointers.data(); }
-    std::string At(size_t i) const { return m_Storage[i].data(); }
-
-private:
-    std::vector<std::vector<char>> m_Storage;
-    std::vector<char *> m_Pointers;
-};
-
 struct RunResult
 {
     int32_t code;
     std::string err;
+    std::vector<std::string> arguments; // as the call left them: it splits name=value in place
 };
 
 class RunScriptTest : public ::testing::Test
@@ -53,11 +33,16 @@ protected:
         return m_Dir.Write("script" + std::to_string(++m_Count) + ".lua", text);
     }
 
-    RunResult Run(std::string path, ArgumentArray &&arguments = ArgumentArray({}))
+    // Runs the script at `path` (null for none) on writable copies of the arguments.
+    RunResult Run(std::string path, std::vector<std::string> arguments = {})
     {
+        std::vector<char *> pointers;
+        for (std::string &argument : arguments)
+            pointers.push_back(argument.data());
+        pointers.push_back(nullptr);
         ::testing::internal::CaptureStderr();
-        const int32_t code = RunScript(path.data(), arguments.Get());
-        return {code, ::testing::internal::GetCapturedStderr()};
+        const int32_t code = RunScript(path.empty() ? nullptr : path.data(), pointers.data());
+        return {code, ::testing::internal::GetCapturedStderr(), std::move(arguments)};
     }
 
     RunResult RunText(const std::string &text) { return Run(Script(text)); }
@@ -98,12 +83,11 @@ TEST_F(RunScriptTest, NamedAndNumberedArgumentsFillArg)
     for (const auto &[arguments, check] : cases)
     {
         SCOPED_TRACE(check);
-        EXPECT_EQ(7, Run(Script(std::string(check) + " return 7"), ArgumentArray(arguments)).code);
+        EXPECT_EQ(7, Run(Script(std::string(check) + " return 7"), arguments).code);
     }
-    ArgumentArray arguments({"a=1", "x"});
-    ASSERT_EQ(7, Run(Script("return 7"), std::move(arguments)).code);
-    EXPECT_EQ("a", arguments.At(0)); // names are split in place
-    EXPECT_EQ("x", arguments.At(1));
+    RunResult split = Run(Script("return 7"), {"a=1", "x"});
+    EXPECT_EQ("a", std::string(split.arguments[0].c_str())); // names are split in place
+    EXPECT_EQ("x", split.arguments[1]);
 }
 
 TEST_F(RunScriptTest, FailuresReportOneLineOnStderr)
@@ -139,14 +123,11 @@ TEST_F(RunScriptTest, NullFileNameFailsWithoutReadingStandardInput)
     ASSERT_GE(script, 0);
     ASSERT_EQ(dup2(script, 0), 0);
     close(script);
-    ArgumentArray none({});
-    ::testing::internal::CaptureStderr();
-    const int32_t code = RunScript(nullptr, none.Get());
-    const std::string err = ::testing::internal::GetCapturedStderr();
+    RunResult result = Run("");
     dup2(savedInput, 0);
     close(savedInput);
-    EXPECT_EQ(-2, code);
-    EXPECT_EQ("RunScript: no script file name given\n", err);
+    EXPECT_EQ(-2, result.code);
+    EXPECT_EQ("RunScript: no script file name given\n", result.err);
 }
 
 TEST_F(RunScriptTest, SyntaxErrorReportsFileAndLineWithoutRunning)
