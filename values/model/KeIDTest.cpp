@@ -23,29 +23,23 @@ TEST(KeID, NullAndEmptyForms)
 TEST(KeID, CopiesShareBlocksAndPlainTextsStayPlain)
 {
     const char *literal = "literal";
-    KeID plain(literal, false);
-    EXPECT_EQ(plain.Raw(), literal);
-    KeID copied(literal);
-    EXPECT_NE(copied.Raw(), literal);
+    KeID plain(literal, false), copied(literal);
+    EXPECT_TRUE(plain.Raw() == literal && copied.Raw() != literal);
     EXPECT_EQ(StringBlockCount(copied.Raw()), 1);
     {
-        KeID shared(copied);
-        KeID assigned;
+        KeID shared(copied), assigned;
         assigned = shared;
         const KeID &alias = assigned;
         assigned = alias;
         EXPECT_EQ(StringBlockCount(copied.Raw()), 3);
         ScriptVal v(shared);
-        EXPECT_EQ(v.m_Value.m_String.m_String, copied.Raw());
-        EXPECT_EQ(v.m_Value.m_String.m_Hash, copied.GetHashValue());
+        EXPECT_TRUE(v.m_Value.m_String.m_String == copied.Raw() && v.m_Value.m_String.m_Hash == copied.GetHashValue());
     }
     EXPECT_EQ(StringBlockCount(copied.Raw()), 1);
     copied.Set(copied.Text(), true); // from its own text: made before the old block goes
     EXPECT_STREQ(copied, "literal");
-    KeID cut(copied.Raw(), 3);
-    EXPECT_STREQ(cut, "lit");
-    KeID padded("ab", 5);
-    EXPECT_EQ(padded.GetLength(), 2);
+    EXPECT_STREQ(KeID(copied.Raw(), 3), "lit");
+    EXPECT_EQ(KeID("ab", 5).GetLength(), 2);
 }
 
 // Joining, cutting and formatting: each form against the text it gives.
