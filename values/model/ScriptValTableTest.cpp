@@ -57,52 +57,26 @@ ScriptVal NumberArray(int n, int skip = 0)
     return t;
 }
 
-void DumpValue(std::string &out, const ScriptVal &v);
-
-// Every entry of a table, nil ones too, then the count and the number of entries NextKey visits.
-void DumpList(std::string &out, const ScriptVal &t)
-{
-    out += '{';
-    for (TableEntry *e = t.FirstEntry(); e; e = e->m_Next)
-    {
-        DumpValue(out, e->m_Key);
-        out += '=';
-        DumpValue(out, e->m_Value);
-        out += ';';
-    }
-    int live = 0;
-    for (TableEntry *e = nullptr; t.NextKey(e);)
-        ++live;
-    out += "}#" + std::to_string(t.NumKeys()) + "/" + std::to_string(live);
-}
-
-void DumpValue(std::string &out, const ScriptVal &v)
-{
-    char number[32];
-    switch (v.Type())
-    {
-    case SV_Number:
-        std::snprintf(number, sizeof(number), "%.17g", v.ToNumber());
-        out += number;
-        break;
-    case SV_String:
-        out += '"' + std::string(v.ToString()) + '"';
-        break;
-    case SV_Table:
-    case SV_Args:
-        DumpList(out, v);
-        break;
-    default:
-        out += "k" + std::to_string(v.Type());
-        break;
-    }
-}
-
+// A value as text; a table with every entry, nil ones too, then its count and the entries NextKey visits.
 std::string Dump(const ScriptVal &v)
 {
-    std::string out;
-    DumpValue(out, v);
-    return out;
+    if (v.IsNumber())
+    {
+        char number[32];
+        std::snprintf(number, sizeof(number), "%.17g", v.ToNumber());
+        return number;
+    }
+    if (v.IsString())
+        return '"' + std::string(v.ToString()) + '"';
+    if (!v.IsTable() && !v.IsArgs())
+        return "k" + std::to_string(v.Type());
+    std::string out = "{";
+    for (TableEntry *e = v.FirstEntry(); e; e = e->m_Next)
+        out += Dump(e->m_Key) + '=' + Dump(e->m_Value) + ';';
+    int live = 0;
+    for (TableEntry *e = nullptr; v.NextKey(e);)
+        ++live;
+    return out + "}#" + std::to_string(v.NumKeys()) + "/" + std::to_string(live);
 }
 
 } // namespace
