@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -36,7 +37,7 @@ public:
             std::lock_guard<std::mutex> hold(m_Lock);
             m_Quit = true;
         }
-        m_Wake.notify_all();
+        m_Changed.notify_all();
         m_Thread.join();
         s_Current = nullptr;
     }
@@ -48,8 +49,17 @@ public:
     static bool IsMain() { return std::this_thread::get_id() == s_Current->Id(); }
     static void Run(void (*function)(void *), void *data)
     {
-        if (!s_Current->RunAndWait(function, data))
-            ADD_FAILURE() << "the main loop did not run the task in time";
+        MainLoop &loop = *s_Current;
+        Task task{function, data};
+        std::unique_lock<std::mutex> hold(loop.m_Lock);
+        loop.m_Queue.push_back(&task);
+        loop.m_Changed.notify_all();
+        if (loop.m_Changed.wait_for(hold, kWaitLimit, [&] { return task.done; })) return;
+        ADD_FAILURE() << "the main loop did not run the task in time";
+        if (auto it = std::find(loop.m_Queue.begin(), loop.m_Queue.end(), &task); it != loop.m_Queue.end())
+            loop.m_Queue.erase(it);
+        else
+            loop.m_Changed.wait(hold, [&] { return task.done; }); // already running: it finishes
     }
 
 private:
@@ -60,46 +70,24 @@ private:
         bool done = false;
     };
 
-    bool RunAndWait(void (*function)(void *), void *data)
-    {
-        Task task{function, data};
-        std::unique_lock<std::mutex> hold(m_Lock);
-        m_Queue.push_back(&task);
-        m_Wake.notify_all();
-        if (m_Done.wait_for(hold, kWaitLimit, [&] { return task.done; })) return true;
-        for (auto it = m_Queue.begin(); it != m_Queue.end(); ++it)
-        {
-            if (*it == &task)
-            {
-                m_Queue.erase(it);
-                return false;
-            }
-        }
-        m_Done.wait(hold, [&] { return task.done; }); // already running: it finishes
-        return false;
-    }
-
     void Serve()
     {
         std::unique_lock<std::mutex> hold(m_Lock);
-        for (;;)
+        while (m_Changed.wait(hold, [this] { return m_Quit || !m_Queue.empty(); }), !m_Queue.empty())
         {
-            m_Wake.wait(hold, [this] { return m_Quit || !m_Queue.empty(); });
-            if (m_Queue.empty()) return;
             Task *task = m_Queue.front();
             m_Queue.pop_front();
             hold.unlock();
             task->function(task->data);
             hold.lock();
             task->done = true;
-            m_Done.notify_all();
+            m_Changed.notify_all();
         }
     }
 
     static MainLoop *s_Current;
     std::mutex m_Lock;
-    std::condition_variable m_Wake;
-    std::condition_variable m_Done;
+    std::condition_variable m_Changed; // a task posted or done, or the end
     std::deque<Task *> m_Queue;
     bool m_Quit = false;
     std::thread m_Thread;
@@ -169,20 +157,18 @@ protected:
     Worker m_Worker;
 };
 
+// Flagged members run on the main thread while the caller waits; read and write flags apply separately.
 TEST_F(SymbolCallWithMainThread, FlaggedMembersRunOnTheMainThreadWhileTheCallerWaits)
 {
-    const std::thread::id here = std::this_thread::get_id();
-    EXPECT_TRUE(RanOn(s_OnMain, m_Worker, m_Main.Id()));
-    EXPECT_TRUE(RanOn(s_Anywhere, m_Worker, here));
-}
-
-TEST_F(SymbolCallWithMainThread, ReadAndWriteFlagsApplySeparately)
-{
-    const std::thread::id here = std::this_thread::get_id();
-    EXPECT_TRUE(RanOn(s_WriteOnMain, m_Worker, m_Main.Id(), true));
-    EXPECT_TRUE(RanOn(s_WriteOnMain, m_Worker, here, false));
-    EXPECT_TRUE(RanOn(s_ReadOnMain, m_Worker, m_Main.Id(), false));
-    EXPECT_TRUE(RanOn(s_ReadOnMain, m_Worker, here, true));
+    const struct
+    {
+        ScriptSymbol &symbol;
+        bool set, onMain;
+    } cases[] = {{s_OnMain, false, true},     {s_Anywhere, false, false},  {s_WriteOnMain, true, true},
+                 {s_WriteOnMain, false, false}, {s_ReadOnMain, false, true}, {s_ReadOnMain, true, false}};
+    for (const auto &c : cases)
+        EXPECT_TRUE(RanOn(c.symbol, m_Worker, c.onMain ? m_Main.Id() : std::this_thread::get_id(), c.set))
+            << c.symbol.m_Name.Text() << (c.set ? " set" : " get");
 }
 
 TEST_F(SymbolCallWithMainThread, CallOnTheMainThreadRunsDirectly)

@@ -55,108 +55,69 @@ std::string ReadFile(const std::string &path)
     return ss.str();
 }
 
-std::string ExecutableDir()
-{
-    char buf[4096];
-    ssize_t n = readlink("/proc/self/exe", buf, sizeof(buf) - 1);
-    if (n <= 0)
-        return ".";
-    buf[n] = '\0';
-    return std::filesystem::path(buf).parent_path().string();
-}
-
-ProcessResult RunProcess(const std::vector<std::string> &argv, int timeoutMs,
-                         const std::vector<std::string> &extraEnv)
+ProcessResult RunProcess(const std::vector<std::string> &argv, int timeoutMs)
 {
     ProcessResult result;
-    int outPipe[2], errPipe[2];
-    if (pipe2(outPipe, O_CLOEXEC) != 0)
-        return result;
-    if (pipe2(errPipe, O_CLOEXEC) != 0)
+    int outPipe[2] = {-1, -1}, errPipe[2] = {-1, -1};
+    if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0)
     {
-        close(outPipe[0]);
-        close(outPipe[1]);
+        for (int fd : {outPipe[0], outPipe[1]})
+            if (fd >= 0) close(fd);
         return result;
     }
-
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
     posix_spawn_file_actions_adddup2(&actions, errPipe[1], 2);
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
 
-    std::vector<std::string> env;
-    for (char **e = environ; *e; ++e)
-        env.emplace_back(*e);
-    for (const auto &e : extraEnv)
-        env.push_back(e);
-    std::vector<char *> envp, args;
-    for (auto &e : env)
-        envp.push_back(e.data());
-    envp.push_back(nullptr);
-    std::vector<std::string> argvCopy = argv;
-    for (auto &a : argvCopy)
-        args.push_back(a.data());
-    args.push_back(nullptr);
+    std::vector<std::string> strings(argv);
+    std::vector<char *> pointers;
+    for (std::string &text : strings)
+        pointers.push_back(text.data());
+    pointers.push_back(nullptr);
 
     pid_t pid = -1;
-    int rc = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), envp.data());
+    const int rc = posix_spawn(&pid, pointers[0], &actions, nullptr, pointers.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     close(outPipe[1]);
     close(errPipe[1]);
-    if (rc != 0)
-    {
-        close(outPipe[0]);
-        close(errPipe[0]);
-        result.err = "spawn failed: " + std::string(strerror(rc));
-        return result;
-    }
-
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     struct pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
-    int open = 2;
+    int open = rc == 0 ? 2 : 0;
+    if (rc != 0) result.err = "spawn failed: " + std::string(strerror(rc));
+
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    auto left = [&]
+    { return std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count(); };
     while (open > 0)
     {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0)
+        if (left() <= 0)
         {
             result.timedOut = true;
             kill(pid, SIGKILL);
             break;
         }
-        int n = poll(fds, 2, static_cast<int>(left.count()));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            continue;
+        if (poll(fds, 2, static_cast<int>(left())) <= 0) continue; // EINTR or nothing yet
         for (int i = 0; i < 2; ++i)
         {
-            if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP | POLLERR)))
-                continue;
+            if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
             char buf[4096];
-            ssize_t got = read(fds[i].fd, buf, sizeof(buf));
+            const ssize_t got = read(fds[i].fd, buf, sizeof(buf));
             if (got > 0)
                 (i == 0 ? result.out : result.err).append(buf, static_cast<size_t>(got));
             else if (got == 0 || errno != EINTR)
-            {
-                close(fds[i].fd);
-                fds[i].fd = -1;
-                --open;
-            }
+                close(fds[i].fd), fds[i].fd = -1, --open;
         }
     }
     for (auto &f : fds)
-        if (f.fd >= 0)
-            close(f.fd);
+        if (f.fd >= 0) close(f.fd);
+    if (rc != 0) return result;
 
     // The child may have closed its output and still run: the wait is bounded too.
     int status = 0;
-    for (;;)
+    for (pid_t done; (done = waitpid(pid, &status, WNOHANG)) != pid && (done >= 0 || errno == EINTR);)
     {
-        pid_t done = waitpid(pid, &status, WNOHANG);
-        if (done == pid || (done < 0 && errno != EINTR))
-            break;
-        if (std::chrono::steady_clock::now() >= deadline)
+        if (left() <= 0)
         {
             result.timedOut = true;
             kill(pid, SIGKILL);

@@ -40,14 +40,10 @@ struct ProcessResult
 };
 
 // Runs `argv[0]` with the arguments, waits at most `timeoutMs`, kills it after that.
-ProcessResult RunProcess(const std::vector<std::string> &argv, int timeoutMs = 30000,
-                         const std::vector<std::string> &extraEnv = {});
+ProcessResult RunProcess(const std::vector<std::string> &argv, int timeoutMs = 30000);
 
 // Reads a whole file; empty if it can't be read.
 std::string ReadFile(const std::string &path);
-
-// The folder of the running test executable.
-std::string ExecutableDir();
 
 // Sets (or, for a null value, unsets) an environment variable for the life of the object, then puts
 // back what was there before.

@@ -25,29 +25,24 @@ ProcessResult RunFrontEnd(std::vector<std::string> arguments)
     return result;
 }
 
+// Usage without arguments (status 2, on stderr) and for -h (status 0, on stdout).
 TEST(FrontEnd, PrintsUsage)
 {
-    ProcessResult none = RunFrontEnd({});
+    ProcessResult none = RunFrontEnd({}), help = RunFrontEnd({"-h"});
     EXPECT_EQ(2, none.exitCode);
     EXPECT_NE(std::string::npos, none.err.find("usage: orvexScript FILE")) << none.err;
-
-    ProcessResult help = RunFrontEnd({"-h"});
     EXPECT_EQ(0, help.exitCode);
     EXPECT_NE(std::string::npos, help.out.find("usage: orvexScript FILE")) << help.out;
 }
 
-TEST(FrontEnd, ExitStatusIsTheScriptsNumber)
+// The exit status is the script's number; failures to load exit with 254, failures to run with 255.
+TEST(FrontEnd, ExitStatusIsTheScriptsNumberOrTellsTheFailure)
 {
     orvexTest::TempDir dir;
     const std::string script = dir.Write("sum.lua", "return arg.n * 10 + tonumber(arg.base) + 0.9");
     ProcessResult result = RunFrontEnd({script, "base=3", "a", "b", "c"});
     EXPECT_EQ(33, result.exitCode) << result.err;
     EXPECT_EQ("", result.err);
-}
-
-TEST(FrontEnd, FailuresToLoadExitWith254AndFailuresToRunWith255)
-{
-    orvexTest::TempDir dir;
     ProcessResult missing = RunFrontEnd({dir.File("nope.lua")});
     EXPECT_EQ(254, missing.exitCode);
     EXPECT_NE(std::string::npos, missing.err.find(dir.File("nope.lua") + ": No such file or directory"));

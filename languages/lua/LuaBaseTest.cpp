@@ -41,15 +41,24 @@ protected:
     orvexTest::LuaState m_State;
 };
 
-TEST_F(LuaBaseTest, OpensStandardLibrariesAndLpeg)
+// With the toolkit turned off or missing: the standard libraries and LPeg, no toolkit, and not a word.
+TEST_F(LuaBaseTest, OpensStandardLibrariesAndLpegAndPassesOverAMissingToolkit)
 {
-    orvexScript::SetToolkitLibrary("");
-    Open();
-    EXPECT_EQ("", Run(R"(
-        assert(string and table and math and io and os and debug and coroutine and bit and jit)
-        assert(type(package.preload.ffi) == "function" or package.loaded.ffi ~= nil)
-        assert(lpeg == package.loaded.lpeg and type(package.preload.lpeg) == "function")
-        assert(lpeg.match(lpeg.P("ab")^1 * -1, "ababab") == 7))"));
+    for (const char *toolkit : {"", "/nonexistent/libnothing-here.so"})
+    {
+        SCOPED_TRACE(toolkit);
+        orvexScript::SetToolkitLibrary(toolkit);
+        ::testing::internal::CaptureStderr();
+        Open();
+        EXPECT_EQ("", ::testing::internal::GetCapturedStderr());
+        EXPECT_EQ("", Run(R"(
+            assert(string and table and math and io and os and debug and coroutine and bit and jit)
+            assert(type(package.preload.ffi) == "function" or package.loaded.ffi ~= nil)
+            assert(lpeg == package.loaded.lpeg and type(package.preload.lpeg) == "function")
+            assert(lpeg.match(lpeg.P("ab")^1 * -1, "ababab") == 7)
+            assert(package.preload.iuplua == nil and iup == nil))"));
+        EXPECT_NE("", Run("require('iuplua')"));
+    }
 }
 
 TEST_F(LuaBaseTest, ToolkitModulesLandInPreloadAndIupluaIsRequiredAtOnce)
@@ -69,34 +78,23 @@ TEST_F(LuaBaseTest, ToolkitModulesLandInPreloadAndIupluaIsRequiredAtOnce)
         assert(require("cdlua").name == "fake cdlua", "cdlua on demand"))"));
 }
 
-TEST_F(LuaBaseTest, MissingToolkitLibraryIsPassedOverSilently)
+// The name defaults, can be turned off, and a non-empty variable overrides it.
+TEST_F(LuaBaseTest, ToolkitNameDefaultsCanBeTurnedOffAndTheEnvironmentOverridesIt)
 {
-    orvexScript::SetToolkitLibrary("/nonexistent/libnothing-here.so");
-    ::testing::internal::CaptureStderr();
-    Open();
-    EXPECT_EQ("", ::testing::internal::GetCapturedStderr());
-    EXPECT_EQ("", Run("assert(package.preload.iuplua == nil and iup == nil and lpeg ~= nil)"));
-    EXPECT_NE("", Run("require('iuplua')"));
-}
-
-TEST_F(LuaBaseTest, EnvironmentOverridesTheToolkitName)
-{
+    EXPECT_EQ("libiuplua.so", orvexScript::ToolkitLibraryName());
+    orvexScript::SetToolkitLibrary("");
+    EXPECT_EQ("", orvexScript::ToolkitLibraryName());
+    {
+        orvexTest::ScopedEnv env("ORVEXSCRIPT_TOOLKIT_LIB", "");
+        EXPECT_EQ("", orvexScript::ToolkitLibraryName()) << "an empty variable is no override";
+    }
+    orvexScript::SetToolkitLibrary(nullptr);
+    EXPECT_EQ("libiuplua.so", orvexScript::ToolkitLibraryName());
     orvexScript::SetToolkitLibrary("/nonexistent/libnothing-here.so");
     orvexTest::ScopedEnv env("ORVEXSCRIPT_TOOLKIT_LIB", ORVEX_FAKE_TOOLKIT);
     EXPECT_EQ(ORVEX_FAKE_TOOLKIT, orvexScript::ToolkitLibraryName());
     Open();
     EXPECT_EQ("", Run("assert(package.preload.cdlua ~= nil)"));
-}
-
-TEST_F(LuaBaseTest, ToolkitNameDefaultsAndCanBeTurnedOff)
-{
-    EXPECT_EQ("libiuplua.so", orvexScript::ToolkitLibraryName());
-    orvexScript::SetToolkitLibrary("");
-    EXPECT_EQ("", orvexScript::ToolkitLibraryName());
-    orvexTest::ScopedEnv env("ORVEXSCRIPT_TOOLKIT_LIB", "");
-    EXPECT_EQ("", orvexScript::ToolkitLibraryName()) << "an empty variable is no override";
-    orvexScript::SetToolkitLibrary(nullptr);
-    EXPECT_EQ("libiuplua.so", orvexScript::ToolkitLibraryName());
 }
 
 } // namespace

@@ -18,36 +18,11 @@
 namespace
 {
 
-// Writable copies of the arguments, as RunScript splits name=value in place.
-class ArgumentArray
-{
-public:
-    ArgumentArray(std::initializer_list<std::string> arguments)
-    {
-        for (const std::string &argument : arguments)
-        {
-            m_Storage.emplace_back(argument.begin(), argument.end());
-            m_Storage.back().push_back('\0');
-        }
-        for (std::vector<char> &text : m_Storage)
-            m_Pointers.push_back(text.data());
-        m_Pointers.push_back(nullptr);
-    }
-    ArgumentArray(const ArgumentArray &) = delete;
-    ArgumentArray &operator=(const ArgumentArray &) = delete;
-
-    char **Get() { return m_Pointers.data(); }
-    std::string At(size_t i) const { return m_Storage[i].data(); }
-
-private:
-    std::vector<std::vector<char>> m_Storage;
-    std::vector<char *> m_Pointers;
-};
-
 struct RunResult
 {
     int32_t code;
     std::string err;
+    std::vector<std::string> arguments; // as the call left them: it splits name=value in place
 };
 
 class RunScriptTest : public ::testing::Test
@@ -58,17 +33,16 @@ protected:
         return m_Dir.Write("script" + std::to_string(++m_Count) + ".lua", text);
     }
 
-    RunResult Run(std::string path, ArgumentArray &arguments)
+    // Runs the script at `path` (null for none) on writable copies of the arguments.
+    RunResult Run(std::string path, std::vector<std::string> arguments = {})
     {
+        std::vector<char *> pointers;
+        for (std::string &argument : arguments)
+            pointers.push_back(argument.data());
+        pointers.push_back(nullptr);
         ::testing::internal::CaptureStderr();
-        const int32_t code = RunScript(path.data(), arguments.Get());
-        return {code, ::testing::internal::GetCapturedStderr()};
-    }
-
-    RunResult Run(const std::string &path, std::initializer_list<std::string> arguments = {})
-    {
-        ArgumentArray array(arguments);
-        return Run(path, array);
+        const int32_t code = RunScript(path.empty() ? nullptr : path.data(), pointers.data());
+        return {code, ::testing::internal::GetCapturedStderr(), std::move(arguments)};
     }
 
     RunResult RunText(const std::string &text) { return Run(Script(text)); }
@@ -80,17 +54,10 @@ protected:
 TEST_F(RunScriptTest, ResultCodeIsTheFirstResultNumberTruncatedAndSaturated)
 {
     const std::pair<const char *, int32_t> cases[] = {
-        {"return 3.9", 3},
-        {"return -3.9", -3},
-        {"return -0.5", 0},
-        {"return 1e20", INT32_MAX},
-        {"return -1e20", INT32_MIN},
-        {"return -2147483648.5", INT32_MIN},
-        {"return 0/0", 0},
-        {"return '3'", 0}, // the Lua type counts, not convertibility
-        {"local x = 1", 0},
-        {"return nil, 5", 0},
-        {"return {}", 0},
+        {"return 3.9", 3},      {"return -3.9", -3},          {"return -0.5", 0},
+        {"return 1e20", INT32_MAX}, {"return -1e20", INT32_MIN}, {"return -2147483648.5", INT32_MIN},
+        {"return 0/0", 0},      {"return '3'", 0}, // the Lua type counts, not convertibility
+        {"local x = 1", 0},     {"return nil, 5", 0},         {"return {}", 0},
     };
     for (const auto &[text, code] : cases)
     {
@@ -100,44 +67,51 @@ TEST_F(RunScriptTest, ResultCodeIsTheFirstResultNumberTruncatedAndSaturated)
     }
 }
 
-TEST_F(RunScriptTest, NamedAndNumberedArgumentsFillArgAndNamesAreSplitInPlace)
+// Each script checks what it finds in `arg` and returns 7.
+TEST_F(RunScriptTest, NamedAndNumberedArgumentsFillArg)
 {
-    const std::string path = Script(R"(
-        assert(arg.a == "1", "a")
-        assert(arg.b == "", "b")
-        assert(arg[1] == "x" and arg[2] == "y" and arg[3] == nil, "numbered")
-        assert(arg.n == 2 and type(arg.n) == "number", "n")
-        return 7)");
-    ArgumentArray arguments{"a=1", "x", "b=", "y"};
-    RunResult result = Run(path, arguments);
-    EXPECT_EQ(7, result.code) << result.err;
-    EXPECT_EQ("a", arguments.At(0));
-    EXPECT_EQ("x", arguments.At(1));
+    const std::pair<std::vector<std::string>, const char *> cases[] = {
+        {{"a=1", "x", "b=", "y"}, R"(assert(arg.a == "1" and arg.b == "", "named")
+            assert(arg[1] == "x" and arg[2] == "y" and arg[3] == nil, "numbered")
+            assert(arg.n == 2 and type(arg.n) == "number", "n"))"},
+        {{"=v", "1=x", "first", "k=b=c"}, R"(assert(arg[""] == "v", "empty name")
+            assert(arg["1"] == "x" and arg[1] == "first", "a name 1 stays a string key")
+            assert(arg.k == "b=c", "only the first = splits")
+            assert(arg.n == 1, "n counts numbered arguments only"))"},
+        {{}, "assert(arg.n == 0 and next(arg) == 'n' and next(arg, 'n') == nil)"},
+    };
+    for (const auto &[arguments, check] : cases)
+    {
+        SCOPED_TRACE(check);
+        EXPECT_EQ(7, Run(Script(std::string(check) + " return 7"), arguments).code);
+    }
+    RunResult split = Run(Script("return 7"), {"a=1", "x"});
+    EXPECT_EQ("a", std::string(split.arguments[0].c_str())); // names are split in place
+    EXPECT_EQ("x", split.arguments[1]);
 }
 
-TEST_F(RunScriptTest, UnusualArgumentsKeepStringKeys)
+TEST_F(RunScriptTest, FailuresReportOneLineOnStderr)
 {
-    const std::string path = Script(R"(
-        assert(arg[""] == "v", "empty name")
-        assert(arg["1"] == "x" and arg[1] == "first", "a name 1 stays a string key")
-        assert(arg.k == "b=c", "only the first = splits")
-        assert(arg.n == 1, "n counts numbered arguments only")
-        return 7)");
-    RunResult result = Run(path, {"=v", "1=x", "first", "k=b=c"});
-    EXPECT_EQ(7, result.code) << result.err;
-}
-
-TEST_F(RunScriptTest, EmptyArgumentArrayGivesZeroCount)
-{
-    RunResult result = RunText("assert(arg.n == 0 and next(arg) == 'n' and next(arg, 'n') == nil) return 7");
-    EXPECT_EQ(7, result.code) << result.err;
-}
-
-TEST_F(RunScriptTest, MissingFileReportsNameAndReason)
-{
-    RunResult result = Run(m_Dir.File("absent.lua"));
-    EXPECT_EQ(-2, result.code);
-    EXPECT_EQ("cannot open " + m_Dir.File("absent.lua") + ": No such file or directory\n", result.err);
+    const struct
+    {
+        const char *script;
+        int32_t code;
+        const char *err;
+    } cases[] = {
+        {"local function f() error('boom') end\nf()\n", -1, ":1: boom\n"}, // no traceback
+        {"error({})", -1, "unknown error\n"},
+    };
+    for (const auto &c : cases)
+    {
+        SCOPED_TRACE(c.script);
+        RunResult result = RunText(c.script);
+        EXPECT_EQ(c.code, result.code);
+        EXPECT_TRUE(result.err.ends_with(c.err)) << result.err;
+        EXPECT_EQ(1, std::count(result.err.begin(), result.err.end(), '\n')) << result.err;
+    }
+    RunResult missing = Run(m_Dir.File("absent.lua"));
+    EXPECT_EQ(-2, missing.code);
+    EXPECT_EQ("cannot open " + m_Dir.File("absent.lua") + ": No such file or directory\n", missing.err);
 }
 
 TEST_F(RunScriptTest, NullFileNameFailsWithoutReadingStandardInput)
@@ -149,14 +123,11 @@ TEST_F(RunScriptTest, NullFileNameFailsWithoutReadingStandardInput)
     ASSERT_GE(script, 0);
     ASSERT_EQ(dup2(script, 0), 0);
     close(script);
-    ArgumentArray none({});
-    ::testing::internal::CaptureStderr();
-    const int32_t code = RunScript(nullptr, none.Get());
-    const std::string err = ::testing::internal::GetCapturedStderr();
+    RunResult result = Run("");
     dup2(savedInput, 0);
     close(savedInput);
-    EXPECT_EQ(-2, code);
-    EXPECT_EQ("RunScript: no script file name given\n", err);
+    EXPECT_EQ(-2, result.code);
+    EXPECT_EQ("RunScript: no script file name given\n", result.err);
 }
 
 TEST_F(RunScriptTest, SyntaxErrorReportsFileAndLineWithoutRunning)
@@ -170,22 +141,7 @@ TEST_F(RunScriptTest, SyntaxErrorReportsFileAndLineWithoutRunning)
     EXPECT_EQ(1, std::count(result.err.begin(), result.err.end(), '\n'));
 }
 
-TEST_F(RunScriptTest, RuntimeErrorReportsMessageWithoutTraceback)
-{
-    RunResult result = RunText("local function f() error('boom') end\nf()\n");
-    EXPECT_EQ(-1, result.code);
-    EXPECT_NE(std::string::npos, result.err.find(":1: boom")) << result.err;
-    EXPECT_EQ(std::string::npos, result.err.find("traceback")) << result.err;
-}
-
-TEST_F(RunScriptTest, ErrorValueThatIsNoStringIsUnknownError)
-{
-    RunResult result = RunText("error({})");
-    EXPECT_EQ(-1, result.code);
-    EXPECT_EQ("unknown error\n", result.err);
-}
-
-TEST_F(RunScriptTest, StateOffersLpegFfiAndTheLocalConnectFlag)
+TEST_F(RunScriptTest, FreshStateOffersLpegFfiAndTheLocalConnectFlag)
 {
     RunResult result = RunText(R"(
         assert(type(lpeg) == "table" and lpeg == require("lpeg"), "lpeg global")
@@ -195,14 +151,10 @@ TEST_F(RunScriptTest, StateOffersLpegFfiAndTheLocalConnectFlag)
         assert(bit.band(6, 3) == 2 and jit ~= nil, "bit and jit")
         assert(debug.getregistry().QMLocalConnect == true, "registry flag")
         assert(_ALERT == nil, "no _ALERT")
+        leftover = 1 lpeg.mark = true
         return 7)");
     EXPECT_EQ(7, result.code) << result.err;
-}
-
-TEST_F(RunScriptTest, EachRunGetsAFreshState)
-{
-    EXPECT_EQ(0, RunText("assert(leftover == nil) leftover = 1 package.loaded.lpeg.mark = true").code);
-    RunResult second = RunText("assert(leftover == nil and lpeg.mark == nil) return 7");
+    RunResult second = RunText("assert(leftover == nil and lpeg.mark == nil) return 7"); // each run is fresh
     EXPECT_EQ(7, second.code) << second.err;
 }
 

@@ -90,6 +90,7 @@ TEST(SmartCollation, NumbersAfterASharedCharacterCompareByValueTheRestByCollatio
         {"x4294967296", "x4294967295", 1}, {"x99999999999999999999", "x100000000000000000000", -1},
         {"x000099999999999999999999", "x99999999999999999999", 0}, {"x2147483647", "x2147483648", -1},
         {"\xC3\x84pfel2", "\xC3\xA4PFEL02", 0}, // non-ASCII letters fold case
+        {"shot009.exr", "Shot10.exr", -1},   {"Shot2.exr", "shot10.exr", -1},
     };
     for (const Case &c : cases)
     {
@@ -106,56 +107,15 @@ TEST(SmartCollation, NumbersAfterASharedCharacterCompareByValueTheRestByCollatio
     EXPECT_NE(stricoll_smart("a\xFF", "a\xFE"), 0); // broken bytes still differ
 }
 
-TEST(SmartCollation, WideFormMatchesNarrowForm)
-{
-    EXPECT_LT(wcsicoll_smart(L"file9", L"file10"), 0);
-    EXPECT_GT(wcsicoll_smart(L"9", L"10"), 0);
-    EXPECT_EQ(wcsicoll_smart(L"Img2", L"img02"), 0);
-    EXPECT_LT(wcsicoll_smart(L"a", L"a1"), 0);
-    EXPECT_EQ(wcsicoll_smart(L"\u00C4x", L"\u00E4X"), 0);
-}
-
-TEST(SmartCollation, SortsFileSequencesNaturally)
-{
-    std::vector<std::string> names = {"shot10.exr", "Shot2.exr", "shot1.exr", "shot100.exr", "shot009.exr"};
-    std::sort(names.begin(), names.end(),
-              [](const std::string &a, const std::string &b)
-              { return stricoll_smart(a.c_str(), b.c_str()) < 0; });
-    std::vector<std::string> expected = {"shot1.exr", "Shot2.exr", "shot009.exr", "shot10.exr",
-                                         "shot100.exr"};
-    EXPECT_EQ(names, expected);
-}
-
 TEST(SmartCollation, NarrowFormGivesTheWideResultOfTheDecodedTexts)
 {
     // The narrow walk decodes as it goes; its results must be those of the wide form over the whole
     // decoded texts, differences of digit runs and collation values included.
-    const char *const texts[] = {"",
-                                 "a",
-                                 "A",
-                                 "a1",
-                                 "file9",
-                                 "File10",
-                                 "x007y",
-                                 "x7Y",
-                                 "img02",
-                                 "Img2",
-                                 "\xC3\x84pfel2",
-                                 "\xC3\xA4PFEL02",
-                                 "a\xFF",
-                                 "a\xFE",
-                                 "\xE2\x82\xAC\x35" /* €5 */,
-                                 "\xE2\x82",
-                                 "x4294967296",
-                                 "x99999999999999999999",
-                                 "x2147483648",
-                                 "v1.9.2",
-                                 "v1.10.0",
-                                 "9",
-                                 "10",
-                                 "ab\xF0\x9F\x98\x80",
-                                 "AB\xF0\x9F\x98\x81",
-                                 "zz\xC0\xAF"};
+    const char *const texts[] = {
+        "",       "a",           "A",           "a1",      "file9",  "File10",  "x007y",
+        "x7Y",    "img02",       "Img2",        "\xC3\x84pfel2", "\xC3\xA4PFEL02", "a\xFF", "a\xFE",
+        "\xE2\x82\xAC\x35" /* €5 */, "\xE2\x82", "x4294967296", "x99999999999999999999", "x2147483648",
+        "v1.9.2", "v1.10.0", "9", "10", "ab\xF0\x9F\x98\x80", "AB\xF0\x9F\x98\x81", "zz\xC0\xAF"};
     for (const char *a : texts)
         for (const char *b : texts)
         {

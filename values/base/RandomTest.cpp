@@ -56,33 +56,25 @@ TEST(MersenneTwister, ReseedRestartsCopyContinuesAndUnseededGivesZeros)
     EXPECT_EQ(mt.Rand_uint32(), first);
 }
 
-TEST(RandomFloats, Float32SpansZeroToOneInclusive)
+// Float32 spans 0 to 1 inclusive; float64 takes the first output as the high part, and its range
+// reaches one plus 2^-28.
+TEST(RandomFloats, ScalingsAtTheirEnds)
 {
     ScriptedRandom rng({0u, 0xFFFFFFFFu, 0x80000000u});
     EXPECT_EQ(rng.Rand_float32(), 0.0f);
     EXPECT_EQ(rng.Rand_float32(), 1.0f);
     EXPECT_FLOAT_EQ(rng.Rand_float32(), 0.5f);
-}
-
-TEST(RandomFloats, Float64TakesTheFirstOutputAsTheHighPart)
-{
     const double unit = 1.0 / 268435455.0;
-    ScriptedRandom high({16u, 0u});
-    EXPECT_DOUBLE_EQ(high.Rand_float64(), unit);
-    ScriptedRandom low({0u, 16u});
-    EXPECT_DOUBLE_EQ(low.Rand_float64(), unit / 268435456.0);
-    ScriptedRandom zero({0u});
-    EXPECT_EQ(zero.Rand_float64(), 0.0);
-    ScriptedRandom top({0xFFFFFFFFu});
-    double max = top.Rand_float64();
-    EXPECT_GT(max, 1.0); // one plus 2^-28: the range is a little more than 0 to 1
-    EXPECT_DOUBLE_EQ(max, 1.0 + 1.0 / 268435456.0);
+    const std::pair<std::vector<uint32_t>, double> cases[] = {
+        {{16u, 0u}, unit}, {{0u, 16u}, unit / 268435456.0}, {{0u}, 0.0}, {{0xFFFFFFFFu}, 1.0 + 1.0 / 268435456.0}};
+    for (const auto &[outputs, expected] : cases)
+        EXPECT_DOUBLE_EQ(ScriptedRandom(outputs).Rand_float64(), expected) << outputs[0];
 }
 
 TEST(ThreadRNG, EachThreadSeesOnlyItsOwnGenerator)
 {
     MersenneTwister a, b;
-    Random *seenA = nullptr, *seenB = nullptr, *seenFresh = &a;
+    Random *seenB = nullptr, *seenFresh = &a;
     Random::SetThreadRNG(&a);
     std::thread second(
         [&]
@@ -92,8 +84,7 @@ TEST(ThreadRNG, EachThreadSeesOnlyItsOwnGenerator)
             seenB = Random::GetThreadRNG();
         });
     second.join();
-    seenA = Random::GetThreadRNG();
-    EXPECT_EQ(seenA, &a);
+    EXPECT_EQ(Random::GetThreadRNG(), &a);
     EXPECT_EQ(seenB, &b);
     EXPECT_EQ(seenFresh, nullptr);
     Random::SetThreadRNG(nullptr);

@@ -14,61 +14,54 @@ using namespace orvexScript;
 
 TEST(KeID, NullAndEmptyForms)
 {
-    KeID none(nullptr);
-    KeID empty("");
-    EXPECT_FALSE(none.IsValid());
-    EXPECT_TRUE(none.IsEmpty());
-    EXPECT_TRUE(empty.IsValid());
-    EXPECT_TRUE(empty.IsEmpty());
-    EXPECT_TRUE(none == nullptr);
-    EXPECT_TRUE(empty == nullptr);
-    EXPECT_TRUE(none == "");
-    EXPECT_EQ(none.GetLength(), 0);
-    EXPECT_EQ(none.GetHashValue(), 0u);
-    EXPECT_FALSE(none.IsValidSymbol());
-    EXPECT_TRUE(NOID.IsEmpty());
+    KeID none(nullptr), empty("");
+    EXPECT_TRUE(!none.IsValid() && none.IsEmpty() && none == nullptr && none == "");
+    EXPECT_TRUE(empty.IsValid() && empty.IsEmpty() && empty == nullptr && NOID.IsEmpty());
+    EXPECT_TRUE(none.GetLength() == 0 && none.GetHashValue() == 0u && !none.IsValidSymbol());
 }
 
 TEST(KeID, CopiesShareBlocksAndPlainTextsStayPlain)
 {
     const char *literal = "literal";
-    KeID plain(literal, false);
-    EXPECT_EQ(plain.Raw(), literal);
-    KeID copied(literal);
-    EXPECT_NE(copied.Raw(), literal);
+    KeID plain(literal, false), copied(literal);
+    EXPECT_TRUE(plain.Raw() == literal && copied.Raw() != literal);
     EXPECT_EQ(StringBlockCount(copied.Raw()), 1);
     {
-        KeID shared(copied);
-        KeID assigned;
+        KeID shared(copied), assigned;
         assigned = shared;
         const KeID &alias = assigned;
         assigned = alias;
         EXPECT_EQ(StringBlockCount(copied.Raw()), 3);
         ScriptVal v(shared);
-        EXPECT_EQ(v.m_Value.m_String.m_String, copied.Raw());
-        EXPECT_EQ(v.m_Value.m_String.m_Hash, copied.GetHashValue());
+        EXPECT_TRUE(v.m_Value.m_String.m_String == copied.Raw() && v.m_Value.m_String.m_Hash == copied.GetHashValue());
     }
     EXPECT_EQ(StringBlockCount(copied.Raw()), 1);
     copied.Set(copied.Text(), true); // from its own text: made before the old block goes
     EXPECT_STREQ(copied, "literal");
-    KeID cut(copied.Raw(), 3);
-    EXPECT_STREQ(cut, "lit");
-    KeID padded("ab", 5);
-    EXPECT_EQ(padded.GetLength(), 2);
+    EXPECT_STREQ(KeID(copied.Raw(), 3), "lit");
+    EXPECT_EQ(KeID("ab", 5).GetLength(), 2);
 }
 
-TEST(KeID, JoiningForms)
+// Joining, cutting and formatting: each form against the text it gives.
+TEST(KeID, JoiningCuttingAndFormatting)
 {
-    EXPECT_STREQ(KeID("a", "b"), "ab");
+    KeID id("x"), abc("abc"), appended("x"), printed("old");
+    appended += "!";
+    printed.PrintF("%s-%d", "n", 42);
+    printed.CatF("/%03d", 7);
+    const std::pair<KeID, const char *> cases[] = {
+        {KeID("a", "b"), "ab"}, {KeID("a", static_cast<const char *>(nullptr)), "a"},
+        {id + ".y", "x.y"},     {"w." + id, "w.x"},                {id + KeID("z"), "xz"},
+        {appended, "x!"},       {KeID() + "t", "t"},               {abc.Mid(1, 100), "bc"},
+        {abc.Mid(3, 1), ""},    {abc.Mid(1, -1), "bc"},            {abc.Left(-1), "abc"},
+        {abc.Left(10), "abc"},  {KeID().Left(2), ""},              {printed, "n-42/007"},
+    };
+    for (const auto &[got, expected] : cases)
+        EXPECT_STREQ(got.IsEmpty() ? "" : got.Text(), expected);
     EXPECT_FALSE(KeID(nullptr, "b").IsValid());
-    EXPECT_STREQ(KeID("a", static_cast<const char *>(nullptr)), "a");
-    KeID id("x");
-    EXPECT_STREQ(id + ".y", "x.y");
-    EXPECT_STREQ("w." + id, "w.x");
-    EXPECT_STREQ(id + KeID("z"), "xz");
-    id += "!";
-    EXPECT_STREQ(id, "x!");
-    EXPECT_STREQ(KeID() + "t", "t");
+    EXPECT_NE(abc.Left(3).Raw(), abc.Raw()); // always a new block
+    printed.PrintF("%s", std::string(5000, 'q').c_str()); // no length limit
+    EXPECT_EQ(printed.GetLength(), 5000);
 }
 
 TEST(KeID, FindAndReverseFindBounds)
@@ -90,8 +83,7 @@ TEST(KeID, FindAndReverseFindBounds)
         SCOPED_TRACE(std::string(c.reverse ? "ReverseFind " : "Find ") + c.c + " " + std::to_string(c.from));
         EXPECT_EQ(c.reverse ? id.ReverseFind(c.c, c.from) : id.Find(c.c, c.from), c.expected);
     }
-    EXPECT_EQ(KeID().ReverseFind('a', -1), -1);
-    EXPECT_EQ(KeID().ReverseFind('a', 0), -1);
+    EXPECT_TRUE(KeID().ReverseFind('a', -1) == -1 && KeID().ReverseFind('a', 0) == -1);
 }
 
 TEST(KeID, GroupsAndSymbols)
@@ -102,41 +94,14 @@ TEST(KeID, GroupsAndSymbols)
     };
     for (const auto &[id, group, expected] : inGroup)
         EXPECT_EQ(KeID(id).IsInGroup(group), expected) << id << " in " << (group ? group : "(null)");
-    EXPECT_TRUE(KeID("a.b").IsInGroup());
-    EXPECT_FALSE(KeID("ab").IsInGroup());
-    EXPECT_TRUE(KeID("a.b.c").IsSameGroup("a.b.d"));
-    EXPECT_FALSE(KeID("a.b.c").IsSameGroup("a.x.d"));
-    EXPECT_TRUE(KeID("a").IsSameGroup("b"));
-    EXPECT_FALSE(KeID("a.b").IsSameGroup("b"));
+    EXPECT_TRUE(KeID("a.b").IsInGroup() && !KeID("ab").IsInGroup());
+    EXPECT_TRUE(KeID("a.b.c").IsSameGroup("a.b.d") && KeID("a").IsSameGroup("b"));
+    EXPECT_FALSE(KeID("a.b.c").IsSameGroup("a.x.d") || KeID("a.b").IsSameGroup("b"));
 
     for (const char *valid : {"a.b", "_", "x"})
         EXPECT_TRUE(KeID(valid).IsValidSymbol()) << valid;
     for (const char *invalid : {"a..b", "a.", "1a", "a.1", "a b"})
         EXPECT_FALSE(KeID(invalid).IsValidSymbol()) << invalid;
-}
-
-TEST(KeID, MidAndLeft)
-{
-    KeID id("abc");
-    EXPECT_STREQ(id.Mid(1, 100), "bc");
-    EXPECT_TRUE(id.Mid(3, 1).IsEmpty());
-    EXPECT_STREQ(id.Mid(1, -1), "bc");
-    EXPECT_STREQ(id.Left(-1), "abc");
-    EXPECT_STREQ(id.Left(10), "abc");
-    EXPECT_TRUE(KeID().Left(2).IsEmpty());
-    EXPECT_NE(id.Left(3).Raw(), id.Raw()); // always a new block
-}
-
-TEST(KeID, PrintFAndCatFHaveNoLengthLimit)
-{
-    KeID id("old");
-    id.PrintF("%s-%d", "n", 42);
-    EXPECT_STREQ(id, "n-42");
-    id.CatF("/%03d", 7);
-    EXPECT_STREQ(id, "n-42/007");
-    std::string longText(5000, 'q');
-    id.PrintF("%s", longText.c_str());
-    EXPECT_EQ(id.GetLength(), 5000);
 }
 
 // The letter rules are StripName's; KeID adds the null form and independence from the process locale.

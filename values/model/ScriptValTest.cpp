@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <tuple>
 
 #include "values/model/KeID.h"
 #include "values/model/MemBlock.h"
@@ -35,8 +36,7 @@ TEST(ScriptValConst, NilIgnoresAssignmentButItsCopyAcceptsIt)
     nil = 5;
     nil = "text";
     nil.Set(SV_Table, nullptr);
-    EXPECT_TRUE(nil.IsNil());
-    EXPECT_TRUE(nil.GetFlags(SVF_Const));
+    EXPECT_TRUE(nil.IsNil() && nil.GetFlags(SVF_Const));
 
     ScriptVal copy(nil);
     EXPECT_FALSE(copy.GetFlags(SVF_Const));
@@ -50,10 +50,7 @@ TEST(ScriptValConst, NilIgnoresAssignmentButItsCopyAcceptsIt)
 TEST(ScriptValFlags, FloatMarksSingleAndScalarAssignmentReplacesTheWord)
 {
     ScriptVal v(1.5f);
-    EXPECT_TRUE(v.IsNumber());
-    EXPECT_TRUE(v.GetFlags(SVF_Single));
-    ScriptVal copy(v);
-    EXPECT_TRUE(copy.GetFlags(SVF_Single));
+    EXPECT_TRUE(v.IsNumber() && v.GetFlags(SVF_Single) && ScriptVal(v).GetFlags(SVF_Single));
     v = 1.5;
     EXPECT_FALSE(v.GetFlags(SVF_Single));
 
@@ -68,19 +65,18 @@ TEST(ScriptValKinds, RequestKindsAreNeverStored)
     ScriptVal v(SV_StringCopy, nullptr);
     EXPECT_EQ(v.Type(), SV_String);
     EXPECT_STREQ(v.ToString(), "");
-    v.Set(SV_Ref, nullptr);
-    EXPECT_TRUE(v.IsNil());
-    v.Set(static_cast<ScriptValType>(13), nullptr);
-    EXPECT_TRUE(v.IsNil());
-    // Kinds that need a payload give nil without one.
-    for (ScriptValType kind : {SV_Function, SV_RemoteObject, SV_LocalObject, SV_MemBlock})
-        EXPECT_TRUE(ScriptVal(kind, nullptr).IsNil()) << kind;
+    // Request kinds, unknown kinds and kinds that need a payload give nil without one.
+    for (ScriptValType kind : {SV_Ref, static_cast<ScriptValType>(13), SV_Function, SV_RemoteObject,
+                               SV_LocalObject, SV_MemBlock})
+    {
+        v.Set(kind, nullptr);
+        EXPECT_TRUE(v.IsNil() && ScriptVal(kind, nullptr).IsNil()) << kind;
+    }
     EXPECT_TRUE(ScriptVal(SV_Code, nullptr).IsCode());
-    EXPECT_TRUE(ScriptVal(SV_Args, nullptr).IsArgs());
-    EXPECT_FALSE(ScriptVal(SV_Args, nullptr).IsTable());
+    EXPECT_TRUE(ScriptVal(SV_Args, nullptr).IsArgs() && !ScriptVal(SV_Args, nullptr).IsTable());
 }
 
-TEST(ScriptValConvert, WrongKindsGiveTheDefaultAndIntegersTruncateToThirtyTwoBits)
+TEST(ScriptValConvert, WrongKindsGiveTheDefaultIntegersTruncateAndGetCrossesNothing)
 {
     EXPECT_EQ(ScriptVal("7").ToInteger(7), 7);
     EXPECT_EQ(ScriptVal("7").ToNumber(1.0), 1.0);
@@ -90,15 +86,12 @@ TEST(ScriptValConvert, WrongKindsGiveTheDefaultAndIntegersTruncateToThirtyTwoBit
     EXPECT_EQ(ScriptVal(true).ToCodePtr(), nullptr);
     EXPECT_EQ(ScriptVal(1).ToMemBlock().m_Ptr, nullptr);
 
-    const std::pair<double, long> integers[] = {
-        {3.9, 3}, {-3.9, -3}, {2147483647.0, 2147483647L}, {4294967301.0, INT32_MIN}, {NAN, INT32_MIN}};
-    for (const auto &[number, expected] : integers)
+    for (const auto &[number, expected] : std::initializer_list<std::pair<double, long>>{
+             {3.9, 3}, {-3.9, -3}, {2147483647.0, 2147483647L}, {4294967301.0, INT32_MIN}, {NAN, INT32_MIN}})
         EXPECT_EQ(ScriptVal(number).ToInteger(), expected) << number;
     EXPECT_EQ(ScriptVal(18446744073709551615ull).ToNumber(), 18446744073709551615.0);
-}
 
-TEST(ScriptValConvert, GetStoresPayloadsAndCrossesNothingElse)
-{
+    // Get stores the payload of its own kind and crosses nothing else.
     double d = 0;
     EXPECT_TRUE(ScriptVal(2.0).Get(SV_Number, &d));
     EXPECT_EQ(d, 2.0);
@@ -110,7 +103,7 @@ TEST(ScriptValConvert, GetStoresPayloadsAndCrossesNothingElse)
     EXPECT_FALSE(ScriptVal(SV_Table, nullptr).Get(SV_Table, &d));
 }
 
-TEST(ScriptValAssign, SelfAssignmentKeepsTheValue)
+TEST(ScriptValAssign, SelfAssignmentAndAssignmentFromInsideKeepTheValue)
 {
     ScriptVal s("shared");
     const ScriptVal &sameS = s; // an alias, as self-assignment reaches the code in practice
@@ -124,12 +117,8 @@ TEST(ScriptValAssign, SelfAssignmentKeepsTheValue)
     const ScriptVal &sameT = t;
     t = sameT;
     EXPECT_EQ(t.FindKeyConst("a").ToNumber(), 1.0);
-}
 
-TEST(ScriptValAssign, TableFromAValueInsideItself)
-{
-    ScriptVal t(SV_Table, nullptr);
-    t["inner"]["x"] = "deep"; // "inner" is scratch while it is nil, so make it a table first
+    // A table from a value inside itself, by copy and by move.
     t["inner"] = SV_Table;
     t["inner"]["x"] = "deep";
     t = t["inner"];
@@ -150,17 +139,12 @@ TEST(ScriptValString, BlocksAreSharedByValuesAndCopiedFromText)
     EXPECT_EQ(static_cast<unsigned char>(block[0]), 0xFF);
     EXPECT_EQ(StringBlockCount(block), 1);
     {
-        ScriptVal shared(a);
-        EXPECT_EQ(shared.m_Value.m_String.m_String, block);
-        EXPECT_EQ(StringBlockCount(block), 2);
-        ScriptVal fromText(a.ToString());
-        EXPECT_NE(fromText.m_Value.m_String.m_String, block);
-        KeID id(a.ToString());
-        EXPECT_NE(id.Raw(), block);
-        KeID sharedId(block);
-        EXPECT_EQ(sharedId.Raw(), block);
+        ScriptVal shared(a), fromText(a.ToString()); // a block is shared, a text is copied
+        KeID id(a.ToString()), sharedId(block);
         ScriptVal fromId(sharedId);
-        EXPECT_EQ(fromId.m_Value.m_String.m_String, block);
+        EXPECT_TRUE(shared.m_Value.m_String.m_String == block && sharedId.Raw() == block);
+        EXPECT_TRUE(fromId.m_Value.m_String.m_String == block);
+        EXPECT_TRUE(fromText.m_Value.m_String.m_String != block && id.Raw() != block);
         EXPECT_EQ(StringBlockCount(block), 4);
     }
     EXPECT_EQ(StringBlockCount(block), 1);
@@ -168,16 +152,11 @@ TEST(ScriptValString, BlocksAreSharedByValuesAndCopiedFromText)
 
 TEST(ScriptValString, LengthFormCopiesExactlyAndNeverShares)
 {
-    const char *text = "abcdef";
-    ScriptVal v(text, 3);
-    EXPECT_STREQ(v.ToString(), "abc");
-    const char *withNul = "ab\0cd";
-    ScriptVal z(withNul, 5);
-    EXPECT_STREQ(z.ToString(), "ab");
+    EXPECT_STREQ(ScriptVal("abcdef", 3).ToString(), "abc");
+    EXPECT_STREQ(ScriptVal("ab\0cd", 5).ToString(), "ab");
     ScriptVal source("xyz");
     const char *block = source.m_Value.m_String.m_String;
-    ScriptVal cut(block, 2);
-    EXPECT_STREQ(cut.ToString(), "xy");
+    EXPECT_STREQ(ScriptVal(block, 2).ToString(), "xy");
     EXPECT_EQ(StringBlockCount(block), 1);
     EXPECT_TRUE(ScriptVal(static_cast<const char *>(nullptr), 4).IsNil());
 }
@@ -189,26 +168,17 @@ TEST(ScriptValString, HashFoldsCaseButEqualityDoesNot)
     EXPECT_NE(a, b);
     EXPECT_EQ(a.m_Value.m_String.m_Hash, KeID("ABC").GetHashValue());
     EXPECT_EQ(StringHash(""), 0u);
-    EXPECT_TRUE(a == "Abc");
-    EXPECT_FALSE(a == "abc");
-    EXPECT_TRUE(a == KeID("Abc"));
+    EXPECT_TRUE(a == "Abc" && a == KeID("Abc") && !(a == "abc"));
 }
 
 TEST(ScriptValCompare, KindsThatNeverCompareEqual)
 {
     ScriptVal t(SV_Table, nullptr);
-    ScriptVal copy(t);
-    EXPECT_FALSE(t == t);
-    EXPECT_TRUE(t != t);
-    EXPECT_FALSE(t == copy);
     uint64_t id = 7;
     ScriptVal f(SV_Function, &id);
-    EXPECT_FALSE(f == f);
-    EXPECT_TRUE(ScriptVal() == ScriptVal());
-    EXPECT_FALSE(ScriptVal(NAN) == ScriptVal(NAN));
-    EXPECT_FALSE(ScriptVal(1) == ScriptVal(true));
-    EXPECT_TRUE(ScriptVal(2) == 2.0);
-    EXPECT_FALSE(ScriptVal("2") == 2.0);
+    EXPECT_TRUE(!(t == t) && t != t && !(t == ScriptVal(t)) && !(f == f));
+    EXPECT_TRUE(ScriptVal() == ScriptVal() && ScriptVal(2) == 2.0);
+    EXPECT_FALSE(ScriptVal(NAN) == ScriptVal(NAN) || ScriptVal(1) == ScriptVal(true) || ScriptVal("2") == 2.0);
 }
 
 TEST(ScriptValBlocks, MemBlockAndCodeOwnTheirBytes)
@@ -224,14 +194,10 @@ TEST(ScriptValBlocks, MemBlockAndCodeOwnTheirBytes)
     EXPECT_NE(m, copy);
 
     ScriptVal unfilled(MemBlock(nullptr, 16));
-    EXPECT_TRUE(unfilled.IsMemBlock());
-    EXPECT_NE(unfilled.ToMemBlock().m_Ptr, nullptr);
-    EXPECT_EQ(unfilled.ToMemBlock().m_Size, 16u);
+    EXPECT_TRUE(unfilled.IsMemBlock() && unfilled.ToMemBlock().m_Ptr && unfilled.ToMemBlock().m_Size == 16u);
 
     ScriptVal code(bytes, 3, 2);
-    EXPECT_TRUE(code.IsCode());
-    EXPECT_EQ(code.ToCodeLen(), 3u);
-    EXPECT_EQ(code.ToCodeArgs(), 2u);
+    EXPECT_TRUE(code.IsCode() && code.ToCodeLen() == 3u && code.ToCodeArgs() == 2u);
     EXPECT_EQ(std::memcmp(code.ToCodePtr(), bytes, 3), 0);
     EXPECT_FALSE(code == code);
 }
@@ -245,8 +211,7 @@ TEST(ScriptValObjects, LocalObjectCopiesCountTheObject)
         ScriptVal copy(v);
         EXPECT_EQ(object.refs, 2);
         EXPECT_EQ(copy, v);
-        EXPECT_EQ(copy.ToLocalObject(), &object);
-        EXPECT_TRUE(copy.IsLocalObject());
+        EXPECT_TRUE(copy.IsLocalObject() && copy.ToLocalObject() == &object);
         copy = 1;
         EXPECT_EQ(object.refs, 1);
     }
@@ -281,8 +246,7 @@ TEST(ScriptValObjects, RemoteObjectsGoThroughTheHooks)
     RemoteObject *remote = reinterpret_cast<RemoteObject *>(0x1000);
     {
         ScriptVal inert(SV_RemoteObject, &remote); // no hooks: nothing is counted or sent
-        EXPECT_TRUE(inert.GetKey("x").IsNil());
-        EXPECT_EQ(inert.ToLocalObject(), nullptr);
+        EXPECT_TRUE(inert.GetKey("x").IsNil() && inert.ToLocalObject() == nullptr);
     }
     SetRemoteHooks(TestHooks());
     {
@@ -291,9 +255,7 @@ TEST(ScriptValObjects, RemoteObjectsGoThroughTheHooks)
         EXPECT_EQ(s_RemoteRefs, 2);
         copy.Set(SV_RemoteObject, &remote); // the same object again changes nothing
         EXPECT_EQ(s_RemoteRefs, 2);
-        EXPECT_EQ(v.ToLocalObject(), &s_Local);
-        EXPECT_TRUE(v.IsLocalObject(false));
-        EXPECT_FALSE(v.IsLocalObject(true));
+        EXPECT_TRUE(v.ToLocalObject() == &s_Local && v.IsLocalObject(false) && !v.IsLocalObject(true));
         EXPECT_STREQ(v.GetKey("Name").ToString(), "Name");
         v.SetKey("Name", ScriptVal(1));
         EXPECT_EQ(s_LastCommand, SST_SetTable);
@@ -302,17 +264,14 @@ TEST(ScriptValObjects, RemoteObjectsGoThroughTheHooks)
     SetRemoteHooks(RemoteHooks());
 }
 
-TEST(ScriptValMerge, PlusIsAMergeWithTheRightSideWinning)
+// += merges with the right side winning: a scalar of another kind is ignored, nil takes anything, the
+// same kind is replaced, tables merge deeply. -= removes equal values, and a table it empties becomes nil.
+TEST(ScriptValMerge, PlusMergesAndMinusRemovesEqualValues)
 {
-    ScriptVal a(1);
-    a += ScriptVal("s");
-    EXPECT_EQ(a.ToNumber(), 1.0);
-    ScriptVal n;
-    n += ScriptVal("s");
-    EXPECT_STREQ(n.ToString(), "s");
-    ScriptVal x(1);
-    x += ScriptVal(2);
-    EXPECT_EQ(x.ToNumber(), 2.0);
+    const std::tuple<char, ScriptVal, ScriptVal, ScriptVal> scalars[] = {
+        {'+', 1, "s", 1}, {'+', ScriptVal(), "s", "s"}, {'+', 1, 2, 2}, {'-', "x", "y", "x"}, {'-', "x", "x", ScriptVal()}};
+    for (auto [op, left, right, expected] : scalars)
+        EXPECT_EQ(op == '+' ? (left += right) : (left -= right), expected) << op;
 
     ScriptVal t(SV_Table, nullptr), u(SV_Table, nullptr);
     t["keep"] = 1;
@@ -322,34 +281,17 @@ TEST(ScriptValMerge, PlusIsAMergeWithTheRightSideWinning)
     u["sub"]["b"] = 2;
     u["new"] = "n";
     t += u;
-    EXPECT_EQ(t.FindKeyConst("keep").ToNumber(), 1.0);
-    EXPECT_EQ(t.FindKeyNestConst("sub.a")->ToNumber(), 1.0);
-    EXPECT_EQ(t.FindKeyNestConst("sub.b")->ToNumber(), 2.0);
-    EXPECT_STREQ(t.FindKeyConst("new").ToString(), "n");
+    EXPECT_TRUE(t.FindKeyConst("keep") == 1 && t.FindKeyConst("new") == "n");
+    EXPECT_TRUE(*t.FindKeyNestConst("sub.a") == 1 && *t.FindKeyNestConst("sub.b") == 2);
     const ScriptVal &sameT = t;
     t += sameT;
     EXPECT_EQ(t.NumKeys(), 3);
-}
 
-TEST(ScriptValMerge, MinusRemovesEqualValuesAndEmptiesTables)
-{
-    ScriptVal s("x");
-    s -= ScriptVal("y");
-    EXPECT_TRUE(s.IsString());
-    s -= ScriptVal("x");
-    EXPECT_TRUE(s.IsNil());
-
-    ScriptVal t(SV_Table, nullptr), u(SV_Table, nullptr);
-    t["sub"] = SV_Table;
-    t["sub"]["a"] = 1;
-    u["sub"] = SV_Table;
-    u["sub"]["a"] = 1;
-    t["other"] = 2;
     ScriptVal whole(t);
+    u["sub"]["a"] = 1;
     t -= u;
-    EXPECT_TRUE(t.IsTable()); // "other" stays
-    EXPECT_TRUE(t.FindKeyConst("sub").IsNil());
-    EXPECT_TRUE(t.Exists("sub"));
+    EXPECT_TRUE(t.IsTable()); // "keep" stays
+    EXPECT_TRUE(t.FindKeyConst("sub").IsNil() && t.Exists("sub") && t.FindKeyConst("new").IsNil());
     const ScriptVal &sameWhole = whole;
     whole -= sameWhole;
     EXPECT_TRUE(whole.IsNil());
@@ -362,8 +304,7 @@ TEST(ScriptValError, SetErrorOverwritesNumberAndMessageOfTablesOnly)
 {
     ScriptVal t(SV_Table, nullptr);
     t.SetError(static_cast<ScriptError>(11));
-    EXPECT_EQ(t.FindKeyConst("Error").ToNumber(), 11.0);
-    EXPECT_STREQ(t.FindKeyConst("ErrorString").ToString(), "Unknown error number 11.");
+    EXPECT_TRUE(t.FindKeyConst("Error") == 11.0 && t.FindKeyConst("ErrorString") == "Unknown error number 11.");
     t.SetError(SE_Unknown, "custom");
     EXPECT_STREQ(t.FindKeyConst("ErrorString").ToString(), "custom");
     EXPECT_EQ(t.NumKeys(), 2); // overwritten, not appended
@@ -371,7 +312,7 @@ TEST(ScriptValError, SetErrorOverwritesNumberAndMessageOfTablesOnly)
     EXPECT_TRUE(t.FindKeyConst("ErrorString").IsNil());
     ScriptVal n(1);
     n.SetError(SE_Unknown);
-    EXPECT_TRUE(n.IsNumber());
+    EXPECT_TRUE(n == 1.0);
     ScriptArgs args; // argument lists take errors as tables do
     args.SetError(SE_InvalidRemoteObject);
     EXPECT_EQ(args.FindKeyConst("Error").ToNumber(), static_cast<double>(SE_InvalidRemoteObject));

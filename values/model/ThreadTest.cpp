@@ -83,13 +83,19 @@ protected:
     }
 };
 
-TEST(Thread, RunsUntilMainReturnsAndIsARefObject)
+// A thread runs until Main returns, and its last Recycle destroys it; a delete waits for a Main that
+// is ending.
+TEST(Thread, RunsUntilMainReturnsAndTheDestructorWaitsForIt)
 {
-    auto *thread = new GatedThread;
+    auto *thread = new GatedThread, *deleted = new GatedThread;
     thread->Start("gated test");
-    ASSERT_TRUE(WaitUntil([&] { return thread->m_Entered.load(); }));
+    deleted->Start();
+    ASSERT_TRUE(WaitUntil([&] { return thread->m_Entered.load() && deleted->m_Entered.load(); }));
     EXPECT_TRUE(thread->IsRunning());
     EXPECT_NE(thread->GetThreadId(), 0u);
+    const auto start = Clock::now();
+    delete deleted; // its destructor signals, the base joins
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
     thread->Start(); // already running: no second thread
     thread->Suspend();
     thread->Resume();
@@ -98,16 +104,6 @@ TEST(Thread, RunsUntilMainReturnsAndIsARefObject)
     thread->m_Go.Signal();
     EXPECT_TRUE(WaitUntil([&] { return !thread->IsRunning(); }));
     thread->Recycle(); // count 1 to 0 destroys it
-}
-
-TEST(Thread, DestructorWaitsForAMainThatIsEnding)
-{
-    auto *thread = new GatedThread;
-    thread->Start();
-    ASSERT_TRUE(WaitUntil([&] { return thread->m_Entered.load(); }));
-    const auto start = Clock::now();
-    delete thread; // its destructor signals, the base joins
-    EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
 }
 
 std::atomic<bool> g_SelfRecycled{false};

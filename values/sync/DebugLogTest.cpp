@@ -31,118 +31,78 @@ std::vector<std::string> Lines(const std::string &text)
     return lines;
 }
 
-size_t Count(const std::string &text, const std::string &what)
-{
-    size_t count = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
-        ++count;
-    return count;
-}
-
 } // namespace
 
 TEST(DebugLogSwitch, VariableMustReadTrueInAnyCase)
 {
     const char *name = "ORVEX_TEST_LOG_SWITCH";
+    for (const char *value : {"TRUE", "1", "yes", "", "true ", "tru", "false"})
     {
-        ScopedEnv env(name, "TRUE");
-        EXPECT_TRUE(DebugLog::IsSwitchedOn(name, false));
-    }
-    for (const char *off : {"1", "yes", "", "true ", "tru", "false"})
-    {
-        ScopedEnv env(name, off);
-        EXPECT_FALSE(DebugLog::IsSwitchedOn(name, true)) << "'" << off << "'";
+        ScopedEnv env(name, value);
+        EXPECT_EQ(DebugLog::IsSwitchedOn(name, value[0] != 'T'), value[0] == 'T') << "'" << value << "'";
     }
     ScopedEnv unset(name, nullptr);
     EXPECT_TRUE(DebugLog::IsSwitchedOn(name, true));
     EXPECT_FALSE(DebugLog::IsSwitchedOn(name, false));
 }
 
-TEST(DebugLogFile, NamedAfterTheBaseAndTheProcessId)
-{
-    orvexTest::TempDir dir;
-    ScopedEnv env("ORVEX_TEST_LOG_NAME", nullptr);
-    std::string base = dir.File("server");
-    DebugLog log("ORVEX_TEST_LOG_NAME", base.c_str(), false);
-    EXPECT_EQ(std::string(log.FileName()), base + "_" + std::to_string(UtilSys::ProcessId()) + ".log");
-    EXPECT_FALSE(log.IsOpen());
-    log.PrintF("dropped\n");
-    EXPECT_FALSE(std::filesystem::exists(log.FileName())); // off: no file at all
-}
-
-TEST(DebugLogFile, WritesHeaderThenEntriesWithTickAndThread)
-{
-    orvexTest::TempDir dir;
-    ScopedEnv env("ORVEX_TEST_LOG_ON", "True");
-    std::string base = dir.File("log");
-    {
-        DebugLog log("ORVEX_TEST_LOG_ON", base.c_str(), false);
-        ASSERT_TRUE(log.IsOpen());
-        log.PrintF("hello %d\n", 42);
-        log.PrintF("part ");
-        log.PrintF("two\n");
-    }
-    std::string text = orvexTest::ReadFile(base + "_" + std::to_string(UtilSys::ProcessId()) + ".log");
-    std::vector<std::string> lines = Lines(text);
-    ASSERT_EQ(lines.size(), 6u) << text;
-    EXPECT_EQ(lines[0], "");
-    EXPECT_EQ(lines[1], "");
-    EXPECT_TRUE(std::regex_match(lines[2], std::regex(R"(-------- \d\d/\w{3}/\d\d \d\d:\d\d:\d\d --------)")))
-        << lines[2];
-    EXPECT_NE(lines[3].find("tests"), std::string::npos) << lines[3]; // the command line, with this program
-    std::string thread = std::to_string(Platform::CurrentThreadId());
-    std::regex entry(R"(-?\d+ \[ *)" + thread + R"(\] (.*))");
-    std::smatch match;
-    ASSERT_TRUE(std::regex_match(lines[4], match, entry)) << lines[4];
-    EXPECT_EQ(match[1].str(), "hello 42");
-    // PrintF adds no line end: the second entry's prefix follows "part " on the same line.
-    ASSERT_TRUE(std::regex_match(lines[5], match, std::regex(R"(-?\d+ \[ *\d+\] part -?\d+ \[ *\d+\] two)")))
-        << lines[5];
-}
-
-TEST(DebugLogFile, ReopeningAppendsWithoutAnotherHeader)
-{
-    orvexTest::TempDir dir;
-    ScopedEnv env("ORVEX_TEST_LOG_REOPEN", nullptr);
-    DebugLog log("ORVEX_TEST_LOG_REOPEN", dir.File("re").c_str(), true);
-    ASSERT_TRUE(log.IsOpen());
-    log.PrintF("one\n");
-    log.Close();
-    log.PrintF("lost\n");
-    log.Open();
-    log.PrintF("two\n");
-    log.Close();
-    std::string text = orvexTest::ReadFile(log.FileName());
-    EXPECT_EQ(Count(text, "--------"), 2u); // one header line, two markers
-    EXPECT_NE(text.find("] one\n"), std::string::npos);
-    EXPECT_NE(text.find("] two\n"), std::string::npos);
-    EXPECT_EQ(text.find("lost"), std::string::npos);
-}
-
-TEST(DebugLogFile, OpenHonoursTheSwitchAtThatTime)
+// Off, the log makes no file; Open reads the switch again; a file that can't be made leaves it closed.
+TEST(DebugLogFile, OpensOnlyWhenSwitchedOnAndTheFileCanBeMade)
 {
     orvexTest::TempDir dir;
     const char *name = "ORVEX_TEST_LOG_LATER";
     ScopedEnv off(name, "no");
-    DebugLog log(name, dir.File("later").c_str(), true);
+    std::string base = dir.File("later");
+    DebugLog log(name, base.c_str(), false);
+    EXPECT_EQ(std::string(log.FileName()), base + "_" + std::to_string(UtilSys::ProcessId()) + ".log");
     EXPECT_FALSE(log.IsOpen());
+    log.PrintF("dropped\n");
+    EXPECT_FALSE(std::filesystem::exists(log.FileName()));
     ScopedEnv on(name, "TRUE");
     log.Open();
     EXPECT_TRUE(log.IsOpen());
     log.PrintF("now\n");
     log.Close();
     EXPECT_EQ(orvexTest::ReadFile(log.FileName()).find("--------"), std::string::npos); // no header
+
+    DebugLog bad(name, dir.File("missing/folder/log").c_str(), false);
+    EXPECT_FALSE(bad.IsOpen());
+    bad.PrintF("nowhere %s\n", "to go");
+    bad.Open();
+    EXPECT_FALSE(bad.IsOpen());
 }
 
-TEST(DebugLogFile, UnopenableFileLeavesTheLogClosed)
+// A header (two empty lines, the time, the command line), then entries with tick and thread; a reopened
+// log appends without another header and what is printed while it is closed is lost.
+TEST(DebugLogFile, WritesHeaderThenEntriesAndReopensWithoutAnotherHeader)
 {
     orvexTest::TempDir dir;
-    ScopedEnv env("ORVEX_TEST_LOG_BAD", "true");
-    DebugLog log("ORVEX_TEST_LOG_BAD", dir.File("missing/folder/log").c_str(), false);
-    EXPECT_FALSE(log.IsOpen());
-    log.PrintF("nowhere %s\n", "to go");
-    log.Open();
-    EXPECT_FALSE(log.IsOpen());
+    ScopedEnv env("ORVEX_TEST_LOG_ON", nullptr); // unset: the default given to the log holds
+    std::string fileName;
+    {
+        DebugLog log("ORVEX_TEST_LOG_ON", dir.File("log").c_str(), true);
+        ASSERT_TRUE(log.IsOpen());
+        fileName = log.FileName();
+        log.PrintF("hello %d\n", 42);
+        log.PrintF("part ");
+        log.PrintF("two\n");
+        log.Close();
+        log.PrintF("lost\n");
+        log.Open();
+        log.PrintF("three\n");
+    }
+    std::string text = orvexTest::ReadFile(fileName);
+    std::vector<std::string> lines = Lines(text);
+    ASSERT_EQ(lines.size(), 7u) << text;
+    EXPECT_EQ(lines[0] + lines[1], "");
+    EXPECT_TRUE(std::regex_match(lines[2], std::regex(R"(-------- \d\d/\w{3}/\d\d \d\d:\d\d:\d\d --------)")))
+        << lines[2];
+    EXPECT_NE(lines[3].find("tests"), std::string::npos) << lines[3]; // the command line, with this program
+    const std::string thread = std::to_string(Platform::CurrentThreadId());
+    EXPECT_TRUE(std::regex_match(lines[4], std::regex(R"(-?\d+ \[ *)" + thread + R"(\] hello 42)"))) << lines[4];
+    // PrintF adds no line end: the second entry's prefix follows "part " on the same line.
+    EXPECT_TRUE(std::regex_match(lines[5], std::regex(R"(-?\d+ \[ *\d+\] part -?\d+ \[ *\d+\] two)"))) << lines[5];
+    EXPECT_TRUE(std::regex_match(lines[6], std::regex(R"(-?\d+ \[ *\d+\] three)"))) << lines[6];
 }
 
 TEST(DebugLogFile, EntriesFromSeveralThreadsStayWhole)

@@ -142,22 +142,17 @@ TEST(SpinLock, ChildOfAForkOwnsWithItsOwnThreadId)
     EXPECT_EQ(Platform::CurrentThreadId(), parentId);
 }
 
-TEST(SpinLock, IsRecursiveAndExcludesOtherThreads)
-{
-    SpinLock lock;
-    ExpectRecursiveExclusion(lock);
-}
-
-TEST(SpinLock, NoLostUpdatesUnderContention)
+TEST(SpinLock, IsRecursiveExcludesOtherThreadsAndLosesNoUpdates)
 {
     static_assert(sizeof(SpinLock) == 8); // two words, free when both are zero
     SpinLock lock;
+    ExpectRecursiveExclusion(lock);
     ExpectNoLostUpdates(lock, 3, 300);
     EXPECT_EQ(lock.m_Owner, 0u);
     EXPECT_EQ(lock.m_Depth, 0u);
 }
 
-TEST(Event, OneSignalSatisfiesOneWait)
+TEST(Event, OneSignalSatisfiesOneWaitAndTimedWaitsTimeOut)
 {
     Event event;
     EXPECT_FALSE(event.Wait(0));
@@ -167,12 +162,6 @@ TEST(Event, OneSignalSatisfiesOneWait)
     EXPECT_FALSE(event.Wait(0));
     event.Signal();
     event.Reset();
-    EXPECT_FALSE(event.Wait(0));
-}
-
-TEST(Event, TimedWaitTimesOutAfterAboutItsTime)
-{
-    Event event;
     const auto start = Clock::now();
     EXPECT_FALSE(event.Wait(60));
     const auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
@@ -180,87 +169,53 @@ TEST(Event, TimedWaitTimesOutAfterAboutItsTime)
     EXPECT_LT(waited, 5000);
 }
 
-TEST(Event, SignalWakesExactlyOneOfTwoWaiters)
+// One signal wakes exactly one of two waiters; two back-to-back signals wake both and leave nothing set.
+// One of the waiters waits without a limit.
+TEST(Event, EachSignalWakesOneWaiter)
 {
-    Event event;
-    std::atomic<int> woken{0};
-    auto waiter = [&]
+    for (bool backToBack : {false, true})
     {
-        if (event.Wait(5000)) ++woken;
-    };
-    std::thread a(waiter), b(waiter);
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    event.Signal();
-    EXPECT_TRUE(WaitUntil([&] { return woken.load() >= 1; }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_EQ(woken.load(), 1);
-    event.Signal();
-    a.join();
-    b.join();
-    EXPECT_EQ(woken.load(), 2);
-}
-
-TEST(Event, BackToBackSignalsReleaseTwoWaitingThreads)
-{
-    Event event;
-    std::atomic<int> woken{0};
-    auto waiter = [&]
-    {
-        if (event.Wait(5000)) ++woken;
-    };
-    std::thread a(waiter), b(waiter);
-    std::this_thread::sleep_for(std::chrono::milliseconds(100)); // both are inside Wait by now
-    event.Signal();
-    event.Signal();
-    a.join();
-    b.join();
-    EXPECT_EQ(woken.load(), 2);
-    EXPECT_FALSE(event.Wait(0)); // both signals were taken: nothing is left set
-}
-
-TEST(Event, UnlimitedWaitEndsOnSignalFromAnotherThread)
-{
-    Event event;
-    std::thread signaller(
-        [&]
+        SCOPED_TRACE(backToBack ? "back to back" : "one at a time");
+        Event event;
+        std::atomic<int> woken{0};
+        auto waiter = [&](unsigned long limit)
         {
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-            event.Signal();
-        });
-    EXPECT_TRUE(event.Wait(Event::NoTimeout));
-    signaller.join();
+            if (event.Wait(limit)) ++woken;
+        };
+        std::thread a(waiter, 5000ul), b(waiter, Event::NoTimeout);
+        std::this_thread::sleep_for(std::chrono::milliseconds(100)); // both are inside Wait by now
+        event.Signal();
+        if (!backToBack)
+        {
+            EXPECT_TRUE(WaitUntil([&] { return woken.load() >= 1; }));
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            EXPECT_EQ(woken.load(), 1);
+        }
+        event.Signal();
+        a.join();
+        b.join();
+        EXPECT_EQ(woken.load(), 2);
+        EXPECT_FALSE(event.Wait(0));
+    }
 }
 
-// Keeps the old argument order, so the queue cases read as before.
-struct CountedNode : orvexTest::DestroyCounted<QueueNode, std::atomic<int>>
-{
-    CountedNode(unsigned long kind, std::atomic<int> &destroyed) : DestroyCounted(&destroyed, kind) {}
-};
+using CountedNode = orvexTest::DestroyCounted<QueueNode, std::atomic<int>>;
 
-TEST(EventQueue, TwoPutsOneWaitThenBothGetsInOrder)
+TEST(EventQueue, GetsInPutOrderAndADrainedSignalGivesAnEmptyWake)
 {
     std::atomic<int> destroyed{0};
     EventQueue queue;
-    QueueNode *first = new CountedNode(1, destroyed);
-    QueueNode *second = new CountedNode(2, destroyed);
+    QueueNode *first = new CountedNode(&destroyed, 1ul), *second = new CountedNode(&destroyed, 2ul);
     queue.Put(first);
     queue.Put(second);
     EXPECT_TRUE(queue.Wait(0));
-    EXPECT_EQ(queue.Get(), first);
-    EXPECT_EQ(queue.Get(), second);
+    EXPECT_TRUE(queue.Get() == first && queue.Get() == second && queue.Get() == nullptr);
     EXPECT_FALSE(queue.Wait(0));
-    EXPECT_EQ(queue.Get(), nullptr);
     EXPECT_EQ(first->m_Kind, 1u);
-
-    // Reply of the base class destroys the node, through the most derived destructor.
-    first->Reply();
+    first->Reply(); // the base class's Reply destroys the node, through the most derived destructor
     second->Reply();
     EXPECT_EQ(destroyed.load(), 2);
-}
 
-TEST(EventQueue, PutAfterDrainLeavesSignalForAnEmptyWake)
-{
-    EventQueue queue;
     queue.Put(new QueueNode(7));
     QueueNode *node = queue.Get(); // taken before any Wait: the signal stays set
     ASSERT_NE(node, nullptr);
@@ -280,9 +235,8 @@ TEST(EventQueue, ManyProducersOneConsumerLoseNothing)
             [&, p]
             {
                 for (int i = 0; i < perProducer; ++i)
-                    queue.Put(new CountedNode(static_cast<unsigned long>(p * perProducer + i), destroyed));
+                    queue.Put(new CountedNode(&destroyed, static_cast<unsigned long>(p * perProducer + i)));
             });
-
     std::vector<int> lastSeen(producers, -1);
     bool ordered = true;
     int received = 0;
@@ -290,13 +244,11 @@ TEST(EventQueue, ManyProducersOneConsumerLoseNothing)
     while (received < producers * perProducer && Clock::now() < deadline)
     {
         (void)queue.Wait(100); // the loop checks the count and the deadline itself
-        while (QueueNode *node = queue.Get())
+        for (QueueNode *node; (node = queue.Get()); ++received, node->Reply())
         {
             const int kind = static_cast<int>(node->m_Kind);
             ordered = ordered && kind > lastSeen[kind / perProducer]; // each producer's order is kept
             lastSeen[kind / perProducer] = kind;
-            ++received;
-            node->Reply();
         }
     }
     for (auto &thread : threads)

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
 #include <vector>
 
 #include "testsupport/TestSupport.h"
@@ -75,8 +76,7 @@ TEST(RefObjectCount, InitialCountIsProcessWideAndCopiesStartThere)
     auto *object = new Counted(&destroyed);
     RefObject copyOfOther(*object);
     SetInitUseCount(1);
-    EXPECT_EQ(object->GetUseCount(), 0);
-    EXPECT_EQ(copyOfOther.GetUseCount(), 0);
+    EXPECT_TRUE(object->GetUseCount() == 0 && copyOfOther.GetUseCount() == 0);
     object->Use();
     object->Recycle();
     EXPECT_EQ(destroyed, 1);
@@ -88,39 +88,32 @@ TEST(RefObjectCount, InitialCountIsProcessWideAndCopiesStartThere)
     _RemoveScriptObject(&copy, nullptr);
 }
 
-TEST(ScriptObjectInfo, NilQueryListsTheNameAndAnswersFalse)
+// A nil query lists the name and answers false; "*", the name itself or a table entry select it.
+TEST(ScriptObjectInfo, QueriesSelectNamesAndOnlyANilQueryWritesTheListing)
 {
     RefObject object;
+    ScriptVal table(SV_Table, nullptr);
+    table["UseCount"] = true;
+    table["Off"] = false;
+    const std::tuple<ScriptVal, const char *, bool> cases[] = {
+        {ScriptVal("*"), "UseCount", true}, {ScriptVal("UseCount"), "UseCount", true},
+        {ScriptVal("Other"), "UseCount", false}, {ScriptVal(3.0), "UseCount", false},
+        {table, "UseCount", true},          {table, "Off", false},
+        {table, "Missing", false},
+    };
+    for (const auto &[query, name, expected] : cases)
+    {
+        ScriptVal result;
+        EXPECT_EQ(object.DoInfo(query, result, KeID(name)), expected) << name;
+        EXPECT_TRUE(result.IsNil());
+    }
     ScriptVal result;
     EXPECT_FALSE(object.DoInfo(nil, result, KeID("Colour")));
-    EXPECT_TRUE(result.IsTable());
     EXPECT_TRUE(result["Colour"].ToBoolean(false));
-
     ScriptVal listing;
     object.GetObjectInfo(nil, listing);
     EXPECT_TRUE(listing["UseCount"].ToBoolean(false)); // listed, not valued
     EXPECT_FALSE(listing["UseCount"].IsNumber());
-}
-
-TEST(ScriptObjectInfo, StringTableAndOtherQueries)
-{
-    RefObject object;
-    ScriptVal result;
-    const KeID name("UseCount");
-    EXPECT_TRUE(object.DoInfo(ScriptVal("*"), result, name));
-    EXPECT_TRUE(object.DoInfo(ScriptVal("UseCount"), result, name));
-    EXPECT_FALSE(object.DoInfo(ScriptVal("Other"), result, name));
-    EXPECT_FALSE(object.DoInfo(ScriptVal(3.0), result, name));
-
-    ScriptVal table;
-    table = SV_Table;
-    table["UseCount"] = true;
-    table["Off"] = false;
-    EXPECT_TRUE(object.DoInfo(table, result, name));
-    EXPECT_FALSE(object.DoInfo(table, result, KeID("Off")));
-    EXPECT_FALSE(object.DoInfo(table, result, KeID("Missing")));
-    EXPECT_TRUE(result.IsNil()); // only a nil query writes into result
-
     object.Use();
     result = SV_Table;
     object.GetObjectInfo(ScriptVal("*"), result);
@@ -146,11 +139,9 @@ TEST(ScriptObjectDump, DumpsEachObjectOnceAndHonoursTheSkipFlag)
     EXPECT_EQ(g_Included[0].second, sizeof(ScriptObject));
     EXPECT_TRUE(object.m_SOFlags & ScriptObject::SOF_Dumped);
 
-    RefObject skipped;
+    RefObject skipped, unhooked;
     skipped.DumpMem(1);
-    EXPECT_EQ(g_Included.size(), 1u);
     SetIncludeMemoryHook(nullptr);
-    RefObject unhooked;
     unhooked.DumpMem(0);
     EXPECT_EQ(g_Included.size(), 1u);
 }
@@ -158,51 +149,41 @@ TEST(ScriptObjectDump, DumpsEachObjectOnceAndHonoursTheSkipFlag)
 TEST(RefObjectAttrs, SetAttrsPacksVarArgsAndReadersGiveThemOrTheirDefaults)
 {
     Attributed object;
-    EXPECT_DOUBLE_EQ(object.GetAttrD(TD_Scale, 1.5), 1.5);
-    EXPECT_EQ(object.GetAttr(TI_Size), 0u);
-    EXPECT_EQ(object.GetAttrPtr(TP_Data, &object), &object);
-    EXPECT_TRUE(object.GetAttrB(TI_Size, true));
-    EXPECT_FALSE(object.GetAttrID(TID_Name).IsValid());
-    EXPECT_TRUE(object.GetAttrID(TID_Name, KeID("dflt")) == "dflt");
+    EXPECT_TRUE(object.GetAttrD(TD_Scale, 1.5) == 1.5 && object.GetAttr(TI_Size) == 0u);
+    EXPECT_TRUE(object.GetAttrPtr(TP_Data, &object) == &object && object.GetAttrB(TI_Size, true));
+    EXPECT_TRUE(!object.GetAttrID(TID_Name).IsValid() && object.GetAttrID(TID_Name, KeID("dflt")) == "dflt");
 
     int data = 0;
     KeID name("Widget");
     ASSERT_TRUE(object.SetAttrs(TI_Size, 12, TD_Scale, 0.5, TP_Data, &data, TID_Name, name.Raw(), TAG_DONE));
-    EXPECT_EQ(object.GetAttr(TI_Size), 12u);
-    EXPECT_DOUBLE_EQ(object.GetAttrD(TD_Scale), 0.5);
-    EXPECT_EQ(object.GetAttrPtr(TP_Data), &data);
-    EXPECT_TRUE(object.GetAttrID(TID_Name) == "Widget");
+    EXPECT_TRUE(object.GetAttr(TI_Size) == 12u && object.GetAttrD(TD_Scale) == 0.5);
+    EXPECT_TRUE(object.GetAttrPtr(TP_Data) == &data && object.GetAttrID(TID_Name) == "Widget");
     object.m_Attrs.Set(TI_Size, 0);
     EXPECT_FALSE(object.GetAttrB(TI_Size, true));
 }
 
-TEST(RefObjectAttrs, TwoWordTagsNeverReachCopyAttr)
+TEST(RefObjectAttrs, TwoWordTagsNeverReachCopyAttrAndDoPacksVarArgs)
 {
     Attributed object;
     char bytes[] = {1, 2};
     object.m_Attrs.Set(TM_Block, MemBlock(bytes, 2));
     object.m_CopyCalls = 0;
-    EXPECT_EQ(object.GetAttr(TM_Block, 3), 3u);
-    EXPECT_EQ(object.GetAttrPtr(TM_Block, nullptr), nullptr);
-    EXPECT_DOUBLE_EQ(object.GetAttrD(TM_Block, 2.0), 2.0);
-    EXPECT_FALSE(object.GetAttrB(TM_Block));
+    EXPECT_TRUE(object.GetAttr(TM_Block, 3) == 3u && object.GetAttrPtr(TM_Block, nullptr) == nullptr);
+    EXPECT_TRUE(object.GetAttrD(TM_Block, 2.0) == 2.0 && !object.GetAttrB(TM_Block));
     EXPECT_EQ(object.m_CopyCalls, 0);
 
     // One-word tags of another kind do reach it: the readers compare widths only.
     object.m_Attrs.Set(TS_Label, "text");
     EXPECT_EQ(object.GetAttrPtr(TS_Label), object.m_Attrs.GetString(TS_Label));
     EXPECT_EQ(object.m_CopyCalls, 1);
-}
 
-TEST(RefObjectAttrs, DoPacksVarArgsForDoTagList)
-{
-    Attributed object;
+    // Do packs its arguments for DoTagList; the base's Do refuses, its SetAttrs accepts and ignores.
     EXPECT_TRUE(object.Do(42, TI_Size, 1, TAG_DONE));
     EXPECT_EQ(object.m_LastCmd, 42u);
     EXPECT_FALSE(object.Do(43, TAG_DONE));
     RefObject plain;
     EXPECT_FALSE(plain.Do(1, TI_Size, 1, TAG_DONE));
-    EXPECT_TRUE(plain.SetAttrs(TI_Size, 1, TAG_DONE)); // the base accepts and ignores
+    EXPECT_TRUE(plain.SetAttrs(TI_Size, 1, TAG_DONE));
 }
 
 } // namespace
