@@ -20,6 +20,14 @@ using namespace orvexScript;
 static std::atomic<bool> g_CountAllocations{false};
 static std::atomic<long> g_Allocations{0};
 
+// TSan's runtime defines these operators itself and can't share them, so under TSan nothing is counted.
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define ORVEX_NO_COUNTING 1
+#endif
+#endif
+#ifndef ORVEX_NO_COUNTING
+
 #if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic ignored "-Wmismatched-new-delete" // the replacements below pair malloc and free
 #endif
@@ -73,6 +81,8 @@ void operator delete[](void *block, const std::nothrow_t &) noexcept
 {
     std::free(block);
 }
+
+#endif // ORVEX_NO_COUNTING
 
 TEST(SmartCollation, NumbersAfterASharedCharacterCompareByValueTheRestByCollation)
 {
@@ -130,6 +140,9 @@ TEST(SmartCollation, NarrowFormGivesTheWideResultOfTheDecodedTexts)
 
 TEST(SmartCollation, SortingAllocatesNothingPerComparison)
 {
+#ifdef ORVEX_NO_COUNTING
+    GTEST_SKIP() << "allocations are not counted under TSan";
+#endif
     std::vector<std::string> names;
     for (int i = 0; i < 300; ++i)
         names.push_back((i % 2 ? "Render_" : "render_") + std::to_string((i * 7919) % 1000) +
