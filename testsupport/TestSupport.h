@@ -3,8 +3,10 @@
 // object base that counts its destructions.
 #pragma once
 
+#include <chrono>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -78,5 +80,17 @@ public:
 private:
     Counter *m_Destroyed;
 };
+
+// Polls `done` every millisecond for at most `limitMs`; gives its last answer.
+template <class F> bool WaitUntil(F done, int limitMs = 5000)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
+    while (!done())
+    {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
 
 } // namespace orvexTest

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <thread>
 
+#include "testsupport/TestSupport.h"
 #include "values/base/Platform.h"
 #include "values/model/Thread.h"
 #include "values/sync/Lock.h"
@@ -19,17 +20,7 @@ namespace
 
 using Clock = std::chrono::steady_clock;
 
-// Polls `done` every millisecond for at most `limitMs`; gives its last answer.
-template <class F> bool WaitUntil(F done, int limitMs = 5000)
-{
-    const auto deadline = Clock::now() + std::chrono::milliseconds(limitMs);
-    while (!done())
-    {
-        if (Clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
+using orvexTest::WaitUntil;
 
 class QuickThread : public Thread
 {

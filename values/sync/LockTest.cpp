@@ -25,17 +25,7 @@ namespace
 
 using Clock = std::chrono::steady_clock;
 
-// Polls `done` every millisecond for at most `limitMs`; gives its last answer.
-template <class F> bool WaitUntil(F done, int limitMs = 5000)
-{
-    const auto deadline = Clock::now() + std::chrono::milliseconds(limitMs);
-    while (!done())
-    {
-        if (Clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
+using orvexTest::WaitUntil;
 
 // Holds `lock` twice on this thread and checks that another thread gets it only after both releases.
 template <class L> void ExpectRecursiveExclusion(L &lock)
