@@ -494,6 +494,8 @@ private:
             return -0.0;
         case 2:
             return Pick(300) + 0.5;
+        case 3: // integers far apart, some past the range that small tables keep in a direct array
+            return double(900 + Pick(6) * 700 + Pick(4));
         default:
             return double(int(Pick(500)) - 40);
         }

@@ -22,6 +22,12 @@ constexpr size_t kDefaultThreshold = 24;
 constexpr size_t kMinCapacity = 16;
 constexpr size_t kBlockCap = 128;  // number items per block; a full block splits in two
 constexpr size_t kFirstBlockCap = 8; // a block starts small and doubles, so small tables stay small
+constexpr size_t kPageItems = 256;   // integer keys per page
+constexpr size_t kPageWords = kPageItems / 64;
+// An integer key gets a page while it is below this or below a few times the entry count, so that a
+// table of scattered large keys doesn't allocate a page per key.
+constexpr size_t kPagedFloor = 1024;
+constexpr double kPagedCeiling = 1u << 30;
 
 
 // Numbers hash by their bits, with -0 folded onto 0 since the two are the same key.
@@ -231,8 +237,25 @@ TableIndex::Block *TableIndex::Widen(size_t b)
     return block;
 }
 
+// Records with integer keys in one range of kPageItems: a bit for each key that has one (for the
+// successor scan), and the record's entry (null if none) and predecessor side by side, since
+// placing a key reads both.
+struct TableIndex::Page
+{
+    struct Item
+    {
+        TableEntry *entry;
+        TableEntry *prev;
+    };
+    uint64_t bits[kPageWords];
+    Item items[kPageItems];
+};
+
 TableIndex::~TableIndex()
 {
+    for (size_t i = 0; i < m_NumPages; ++i)
+        std::free(m_Pages[i]);
+    std::free(m_Pages);
     std::free(m_Slots);
     for (size_t i = 0; i < m_NumBlocks; ++i)
         std::free(m_Blocks[i]);
@@ -269,7 +292,7 @@ bool TableIndex::Build(TableEntry *head)
         if (!key.IsNumber() || std::isnan(key.m_Value.m_Number))
             continue;
         double k = key.m_Value.m_Number;
-        if ((m_NumBlocks == 0 || k > m_BlockMax[m_NumBlocks - 1]) && !PushNumber(k, e, prev))
+        if ((!m_HasRecord || k > m_MaxRecord) && !AddRecord(k, e, prev))
             return false;
     }
     return true;
@@ -337,6 +360,15 @@ TableEntry *TableIndex::FindNumber(double key) const
 {
     if (std::isnan(key))
         return nullptr;
+    // A record is the first entry with its key: nothing in front of it is as large.
+    if (key >= 0 && key < double(m_NumPages * kPageItems))
+    {
+        size_t k = static_cast<size_t>(key);
+        const Page *page = m_Pages[k / kPageItems];
+        size_t i = k % kPageItems;
+        if (double(k) == key && page && page->items[i].entry)
+            return page->items[i].entry;
+    }
     uint32_t hash = NumberHash(key);
     for (size_t i = (hash * 0x9E3779B97F4A7C15ull) >> m_Shift; m_Slots[i].entry; i = (i + 1) & m_Mask)
     {
@@ -371,7 +403,7 @@ bool TableIndex::Appended(TableEntry *entry)
     if (key.IsNumber() && !std::isnan(key.m_Value.m_Number))
     {
         double k = key.m_Value.m_Number;
-        if ((m_NumBlocks == 0 || k > m_BlockMax[m_NumBlocks - 1]) && !PushNumber(k, entry, prev))
+        if ((!m_HasRecord || k > m_MaxRecord) && !AddRecord(k, entry, prev))
             return false;
     }
     return AddHash(entry);
@@ -379,14 +411,102 @@ bool TableIndex::Appended(TableEntry *entry)
 
 bool TableIndex::InsertedBefore(TableEntry *entry, double key)
 {
-    TableEntry *&nextPrev = m_Blocks[m_FoundBlock]->Prevs()[m_FoundPos];
-    TableEntry *prev = nextPrev;
-    nextPrev = entry;
+    TableEntry **nextPrev = m_FoundPaged ? &m_Pages[m_FoundKey / kPageItems]->items[m_FoundKey % kPageItems].prev
+                                         : &m_Blocks[m_FoundBlock]->Prevs()[m_FoundPos];
+    TableEntry *prev = *nextPrev;
+    *nextPrev = entry;
     if (!prev)
         m_Head = entry;
-    if (!InsertNumber(m_FoundBlock, m_FoundPos, key, entry, prev))
+    bool placed = PageEligible(key) ? SetPaged(static_cast<size_t>(key), entry, prev)
+                  : m_FoundBlock == m_NumBlocks ? PushNumber(key, entry, prev)
+                                                : InsertNumber(m_FoundBlock, m_FoundPos, key, entry, prev);
+    if (!placed)
         return false;
     return AddHash(entry);
+}
+
+// ---- integer pages -----------------------------------------------------------------------------
+
+bool TableIndex::PageEligible(double key) const
+{
+    if (!(key >= 0 && key < kPagedCeiling) || double(static_cast<size_t>(key)) != key)
+        return false;
+    size_t k = static_cast<size_t>(key);
+    return k < m_NumPages * kPageItems || k < kPagedFloor || k / 4 < m_Used;
+}
+
+bool TableIndex::SetPaged(size_t key, TableEntry *entry, TableEntry *prev)
+{
+    size_t p = key / kPageItems;
+    if (p >= m_NumPages)
+    {
+        size_t count = m_NumPages ? m_NumPages : 4;
+        while (count <= p)
+            count *= 2;
+        auto *pages = static_cast<Page **>(std::realloc(m_Pages, count * sizeof(Page *)));
+        if (!pages)
+            return false;
+        std::memset(pages + m_NumPages, 0, (count - m_NumPages) * sizeof(Page *));
+        m_Pages = pages;
+        m_NumPages = count;
+    }
+    Page *page = m_Pages[p];
+    if (!page)
+    {
+        page = static_cast<Page *>(std::calloc(1, sizeof(Page)));
+        if (!page)
+            return false;
+        m_Pages[p] = page;
+    }
+    size_t i = key % kPageItems;
+    page->bits[i / 64] |= uint64_t(1) << (i % 64);
+    page->items[i] = Page::Item{entry, prev};
+    return true;
+}
+
+// The smallest paged record key at or above `from`, or the end of the pages' range.
+size_t TableIndex::NextPaged(size_t from) const
+{
+    size_t end = m_NumPages * kPageItems;
+    for (size_t p = from / kPageItems; p < m_NumPages; ++p)
+    {
+        const Page *page = m_Pages[p];
+        if (!page)
+            continue;
+        size_t first = p == from / kPageItems ? from % kPageItems : 0;
+        for (size_t w = first / 64; w < kPageWords; ++w)
+        {
+            uint64_t bits = page->bits[w];
+            if (w == first / 64)
+                bits &= ~uint64_t(0) << (first % 64);
+            if (bits)
+                return p * kPageItems + w * 64 + static_cast<size_t>(__builtin_ctzll(bits));
+        }
+    }
+    return end;
+}
+
+TableEntry *TableIndex::NextPagedEntry(size_t &cursor) const
+{
+    size_t key = NextPaged(cursor);
+    if (key >= m_NumPages * kPageItems)
+    {
+        cursor = key;
+        return nullptr;
+    }
+    cursor = key + 1;
+    return m_Pages[key / kPageItems]->items[key % kPageItems].entry;
+}
+
+// A number entry greater than every number key in front of it, appended or inserted at the end of
+// the records.
+bool TableIndex::AddRecord(double key, TableEntry *entry, TableEntry *prev)
+{
+    if (!(PageEligible(key) ? SetPaged(static_cast<size_t>(key), entry, prev) : PushNumber(key, entry, prev)))
+        return false;
+    m_HasRecord = true;
+    m_MaxRecord = key;
+    return true;
 }
 
 // ---- number order ------------------------------------------------------------------------------
@@ -413,22 +533,38 @@ size_t UpperBound(const double *keys, size_t n, double key)
 
 bool TableIndex::Successor(double key, TableEntry *&next, TableEntry *&prev)
 {
-    if (std::isnan(key))
+    if (std::isnan(key) || !m_HasRecord || !(key < m_MaxRecord))
         return false;
+    size_t end = m_NumPages * kPageItems;
+    size_t paged = end;
+    if (m_NumPages && key < double(end))
+        paged = NextPaged(key < 0 ? 0 : static_cast<size_t>(std::floor(key)) + 1);
     size_t b = UpperBound(m_BlockMax, m_NumBlocks, key);
-    if (b == m_NumBlocks)
-        return false;
-    Block *block = m_Blocks[b];
-    // Within a block a counting pass is cheaper than a search: it streams one kilobyte of keys with
-    // no dependent loads, and the compiler vectorises it.
     size_t pos = 0;
-    const double *keys = block->Keys();
-    for (size_t i = 0; i < block->n; ++i)
-        pos += keys[i] <= key ? 1 : 0;
+    if (b < m_NumBlocks)
+    {
+        // Within a block a counting pass is cheaper than a search: it streams one kilobyte of keys
+        // with no dependent loads, and the compiler vectorises it.
+        Block *block = m_Blocks[b];
+        const double *keys = block->Keys();
+        for (size_t i = 0; i < block->n; ++i)
+            pos += keys[i] <= key ? 1 : 0;
+    }
     m_FoundBlock = b;
     m_FoundPos = pos;
-    next = block->Entries()[pos];
-    prev = block->Prevs()[pos];
+    m_FoundPaged = paged < end && (b == m_NumBlocks || double(paged) < m_Blocks[b]->Keys()[pos]);
+    if (m_FoundPaged)
+    {
+        m_FoundKey = paged;
+        const Page::Item &item = m_Pages[paged / kPageItems]->items[paged % kPageItems];
+        next = item.entry;
+        prev = item.prev;
+        return true;
+    }
+    if (b == m_NumBlocks)
+        return false; // cannot happen while a record above `key` exists
+    next = m_Blocks[b]->Entries()[pos];
+    prev = m_Blocks[b]->Prevs()[pos];
     return true;
 }
 
