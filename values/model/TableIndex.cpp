@@ -273,26 +273,23 @@ TableIndex::~TableIndex()
 // appended below the maximum joins nothing. So tables whose number keys don't ascend need no other path.
 bool TableIndex::Build(TableEntry *head)
 {
-    size_t count = 0;
-    for (TableEntry *e = head; e; e = e->m_Next)
-        ++count;
-    size_t capacity = kMinCapacity;
-    while (capacity < count * 2)
-        capacity *= 2;
     m_Head = head;
-    if (!NewSlots(capacity))
+    if (!NewSlots(kMinCapacity)) // grown as keys come: paged number keys take no slot
         return false;
     TableEntry *prev = nullptr;
     for (TableEntry *e = head; e; prev = e, e = e->m_Next)
     {
         m_Tail = e;
+        ++m_Count;
         const ScriptVal &key = e->m_Key;
-        if (Indexable(key))
-            Place(e, KeyHash(key));
-        if (!key.IsNumber() || std::isnan(key.m_Value.m_Number))
-            continue;
-        double k = key.m_Value.m_Number;
-        if ((!m_HasRecord || k > m_MaxRecord) && !AddRecord(k, e, prev))
+        bool paged = false;
+        if (key.IsNumber() && !std::isnan(key.m_Value.m_Number))
+        {
+            double k = key.m_Value.m_Number;
+            if ((!m_HasRecord || k > m_MaxRecord) && !AddRecord(k, e, prev, paged))
+                return false;
+        }
+        if (!paged && !AddHash(e))
             return false;
     }
     return true;
@@ -360,7 +357,8 @@ TableEntry *TableIndex::FindNumber(double key) const
 {
     if (std::isnan(key))
         return nullptr;
-    // A record is the first entry with its key: nothing in front of it is as large.
+    // A record is the first entry with its key: nothing in front of it is as large. Paged records
+    // stay out of the hash, which holds every other number entry.
     if (key >= 0 && key < double(m_NumPages * kPageItems))
     {
         size_t k = static_cast<size_t>(key);
@@ -399,14 +397,16 @@ bool TableIndex::Appended(TableEntry *entry)
     m_Tail = entry;
     if (!m_Head)
         m_Head = entry;
+    ++m_Count;
     const ScriptVal &key = entry->m_Key;
+    bool paged = false;
     if (key.IsNumber() && !std::isnan(key.m_Value.m_Number))
     {
         double k = key.m_Value.m_Number;
-        if ((!m_HasRecord || k > m_MaxRecord) && !AddRecord(k, entry, prev))
+        if ((!m_HasRecord || k > m_MaxRecord) && !AddRecord(k, entry, prev, paged))
             return false;
     }
-    return AddHash(entry);
+    return paged || AddHash(entry);
 }
 
 bool TableIndex::InsertedBefore(TableEntry *entry, double key)
@@ -417,12 +417,12 @@ bool TableIndex::InsertedBefore(TableEntry *entry, double key)
     *nextPrev = entry;
     if (!prev)
         m_Head = entry;
-    bool placed = PageEligible(key) ? SetPaged(static_cast<size_t>(key), entry, prev)
-                  : m_FoundBlock == m_NumBlocks ? PushNumber(key, entry, prev)
-                                                : InsertNumber(m_FoundBlock, m_FoundPos, key, entry, prev);
-    if (!placed)
-        return false;
-    return AddHash(entry);
+    ++m_Count;
+    if (PageEligible(key))
+        return SetPaged(static_cast<size_t>(key), entry, prev);
+    bool placed = m_FoundBlock == m_NumBlocks ? PushNumber(key, entry, prev)
+                                              : InsertNumber(m_FoundBlock, m_FoundPos, key, entry, prev);
+    return placed && AddHash(entry);
 }
 
 // ---- integer pages -----------------------------------------------------------------------------
@@ -432,7 +432,7 @@ bool TableIndex::PageEligible(double key) const
     if (!(key >= 0 && key < kPagedCeiling) || double(static_cast<size_t>(key)) != key)
         return false;
     size_t k = static_cast<size_t>(key);
-    return k < m_NumPages * kPageItems || k < kPagedFloor || k / 4 < m_Used;
+    return k < m_NumPages * kPageItems || k < kPagedFloor || k / 4 < m_Count;
 }
 
 bool TableIndex::SetPaged(size_t key, TableEntry *entry, TableEntry *prev)
@@ -500,9 +500,10 @@ TableEntry *TableIndex::NextPagedEntry(size_t &cursor) const
 
 // A number entry greater than every number key in front of it, appended or inserted at the end of
 // the records.
-bool TableIndex::AddRecord(double key, TableEntry *entry, TableEntry *prev)
+bool TableIndex::AddRecord(double key, TableEntry *entry, TableEntry *prev, bool &paged)
 {
-    if (!(PageEligible(key) ? SetPaged(static_cast<size_t>(key), entry, prev) : PushNumber(key, entry, prev)))
+    paged = PageEligible(key);
+    if (!(paged ? SetPaged(static_cast<size_t>(key), entry, prev) : PushNumber(key, entry, prev)))
         return false;
     m_HasRecord = true;
     m_MaxRecord = key;

@@ -1,7 +1,8 @@
 // TableIndex: the look-up index that a large table grows beside its entry list. The list stays the
-// table; the index only finds entries (open-addressing hash of number and string keys) and where a
-// new number key goes: small non-negative integer keys in pages of a direct array with a bit per key,
-// other number keys in sorted blocks, each entry with its predecessor. What changes the list is in
+// table; the index only finds entries and where a new number key goes. Small non-negative integer
+// keys that ascend in list order sit in pages of a direct array, found and placed there; the other
+// number keys that ascend sit in sorted blocks, each with its predecessor for placing; an
+// open-addressing hash finds every string key and every number key that isn't paged. What changes the list is in
 // ScriptValTable.cpp.
 #pragma once
 
@@ -86,7 +87,7 @@ private:
     Block *Widen(size_t block);
     bool PushNumber(double key, TableEntry *entry, TableEntry *prev);
     bool InsertNumber(size_t block, size_t pos, double key, TableEntry *entry, TableEntry *prev);
-    bool AddRecord(double key, TableEntry *entry, TableEntry *prev);
+    bool AddRecord(double key, TableEntry *entry, TableEntry *prev, bool &paged);
     bool PageEligible(double key) const;
     bool SetPaged(size_t key, TableEntry *entry, TableEntry *prev);
     size_t NextPaged(size_t from) const;
@@ -94,7 +95,8 @@ private:
     Slot *m_Slots = nullptr;
     size_t m_Mask = 0; // capacity - 1
     unsigned m_Shift = 64; // 64 - log2(capacity)
-    size_t m_Used = 0;
+    size_t m_Used = 0; // slots in use: the strings and the number entries not paged
+    size_t m_Count = 0; // entries in the list
 
     Block **m_Blocks = nullptr;
     double *m_BlockMax = nullptr; // the last key of each block
