@@ -24,9 +24,11 @@ constexpr size_t kBlockCap = 128;  // number items per block; a full block split
 constexpr size_t kFirstBlockCap = 8; // a block starts small and doubles, so small tables stay small
 constexpr size_t kPageItems = 256;   // integer keys per page
 constexpr size_t kPageWords = kPageItems / 64;
-// An integer key gets a page while it is below this or below a few times the entry count, so that a
-// table of scattered large keys doesn't allocate a page per key.
+// An integer key gets a page while it is below kPagedFloor or below kPagedSpread times the entry
+// count. Pages exist only where records are, so a table of scattered keys costs at most
+// kPagedSpread items of 16 bytes per entry in pages, beside one page for the keys under the floor.
 constexpr size_t kPagedFloor = 1024;
+constexpr size_t kPagedSpread = 8;
 constexpr double kPagedCeiling = 1u << 30;
 
 
@@ -432,7 +434,7 @@ bool TableIndex::PageEligible(double key) const
     if (!(key >= 0 && key < kPagedCeiling) || double(static_cast<size_t>(key)) != key)
         return false;
     size_t k = static_cast<size_t>(key);
-    return k < m_NumPages * kPageItems || k < kPagedFloor || k / 4 < m_Count;
+    return k < m_NumPages * kPageItems || k < kPagedFloor || k / kPagedSpread < m_Count;
 }
 
 bool TableIndex::SetPaged(size_t key, TableEntry *entry, TableEntry *prev)
