@@ -545,14 +545,7 @@ bool TableIndex::Successor(double key, TableEntry *&next, TableEntry *&prev)
     size_t b = UpperBound(m_BlockMax, m_NumBlocks, key);
     size_t pos = 0;
     if (b < m_NumBlocks)
-    {
-        // Within a block a counting pass is cheaper than a search: it streams one kilobyte of keys
-        // with no dependent loads, and the compiler vectorises it.
-        Block *block = m_Blocks[b];
-        const double *keys = block->Keys();
-        for (size_t i = 0; i < block->n; ++i)
-            pos += keys[i] <= key ? 1 : 0;
-    }
+        pos = UpperBound(m_Blocks[b]->Keys(), m_Blocks[b]->n, key);
     m_FoundBlock = b;
     m_FoundPos = pos;
     m_FoundPaged = paged < end && (b == m_NumBlocks || double(paged) < m_Blocks[b]->Keys()[pos]);
