@@ -142,7 +142,7 @@ void ScriptVal::Append(TableEntry *entry)
 void ScriptVal::CleanTable()
 {
     uint32_t handle = m_Index ? std::atomic_ref<uint32_t>(m_Index).exchange(0, std::memory_order_acq_rel) : 0;
-    TableIndex *index = TableIndex::Get(handle);
+    TableIndex *index = handle ? TableIndex::Get(handle) : nullptr;
     if (index && index->m_Owner != this)
     {
         index = nullptr; // a handle that came along with a foreign payload: not ours
