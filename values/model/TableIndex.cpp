@@ -294,7 +294,7 @@ bool TableIndex::Build(TableEntry *head)
         if (!paged && !AddHash(e))
             return false;
     }
-    return true;
+    return Settle();
 }
 
 // An empty slot array of `capacity`, a power of two.
@@ -408,7 +408,7 @@ bool TableIndex::Appended(TableEntry *entry)
         if ((!m_HasRecord || k > m_MaxRecord) && !AddRecord(k, entry, prev, paged))
             return false;
     }
-    return paged || AddHash(entry);
+    return (paged || AddHash(entry)) && Settle();
 }
 
 bool TableIndex::InsertedBefore(TableEntry *entry, double key)
@@ -421,10 +421,44 @@ bool TableIndex::InsertedBefore(TableEntry *entry, double key)
         m_Head = entry;
     ++m_Count;
     if (PageEligible(key))
-        return SetPaged(static_cast<size_t>(key), entry, prev);
+        return SetPaged(static_cast<size_t>(key), entry, prev) && Settle();
     bool placed = m_FoundBlock == m_NumBlocks ? PushNumber(key, entry, prev)
                                               : InsertNumber(m_FoundBlock, m_FoundPos, key, entry, prev);
-    return placed && AddHash(entry);
+    return placed && AddHash(entry) && Settle();
+}
+
+// Each time the entry count doubles, block records whose keys now get pages move there: the early
+// keys of a shuffled fill don't stay in the blocks, where every placing would search them. A moved
+// record stays in the hash too, harmlessly, since the page is asked first.
+bool TableIndex::Settle()
+{
+    if (m_Count < m_SettleAt)
+        return true;
+    m_SettleAt = m_Count * 2;
+    if (!m_NumBlocks)
+        return true;
+    Block **blocks = m_Blocks;
+    size_t numBlocks = m_NumBlocks;
+    m_Blocks = nullptr;
+    std::free(m_BlockMax);
+    m_BlockMax = nullptr;
+    m_NumBlocks = 0;
+    m_BlockCap = 0;
+    bool ok = true;
+    for (size_t b = 0; b < numBlocks; ++b)
+    {
+        Block *block = blocks[b];
+        for (size_t i = 0; ok && i < block->n; ++i)
+        {
+            double key = block->Keys()[i];
+            TableEntry *entry = block->Entries()[i];
+            TableEntry *prev = block->Prevs()[i];
+            ok = PageEligible(key) ? SetPaged(static_cast<size_t>(key), entry, prev) : PushNumber(key, entry, prev);
+        }
+        std::free(block);
+    }
+    std::free(blocks);
+    return ok;
 }
 
 // ---- integer pages -----------------------------------------------------------------------------
@@ -526,7 +560,8 @@ size_t UpperBound(const double *keys, size_t n, double key)
     while (n > 1)
     {
         size_t half = n / 2;
-        base = base[half - 1] <= key ? base + half : base;
+        // Arithmetic rather than a choice, which the compiler turned into a branch.
+        base += half * static_cast<size_t>(base[half - 1] <= key);
         n -= half;
     }
     return static_cast<size_t>(base - keys) + (*base <= key ? 1 : 0);

@@ -91,12 +91,14 @@ private:
     bool PageEligible(double key) const;
     bool SetPaged(size_t key, TableEntry *entry, TableEntry *prev);
     size_t NextPaged(size_t from) const;
+    bool Settle();
 
     Slot *m_Slots = nullptr;
     size_t m_Mask = 0; // capacity - 1
     unsigned m_Shift = 64; // 64 - log2(capacity)
     size_t m_Used = 0; // slots in use: the strings and the number entries not paged
     size_t m_Count = 0; // entries in the list
+    size_t m_SettleAt = 64; // the entry count at which block records next move to pages
 
     Block **m_Blocks = nullptr;
     double *m_BlockMax = nullptr; // the last key of each block
