@@ -1,6 +1,7 @@
 // ScriptVal tables: the look-up family, key order on insertion, nested paths, iteration, remote
 // member access through the hooks, constructor names, and table copying with its fast paths.
 #include <atomic>
+#include <climits>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
@@ -339,7 +340,20 @@ ScriptVal *ScriptVal::FindText(const TextKey &key, bool add, bool noCase)
     if (!entry)
         return nullptr;
     if (key.block)
+    {
         entry->m_Key = key.block;
+    }
+    else if (!IsStringBlock(key.text) && key.len <= INT_MAX)
+    {
+        // The look-up hashed exactly these bytes, as the stored key would be hashed: no second pass.
+        if (char *block = StringBlockNew(key.text, key.len))
+        {
+            entry->m_Key.m_Type = SV_String;
+            entry->m_Key.m_Value.m_String.m_String = block;
+            entry->m_Key.m_Value.m_String.m_StringCopy = block;
+            entry->m_Key.m_Value.m_String.m_Hash = key.hash;
+        }
+    }
     else
     {
         const char *text = key.text;
