@@ -1,6 +1,6 @@
 // TableIndex: the hash of a large table's keys, the sorted blocks of its number entries, and the
 // process-wide registry that maps the 32-bit handle kept in a ScriptVal to its index.
-// Sections: key compares, registry, building and hashing, number order.
+// Sections: key compares, registry, building and hashing, integer pages, number order.
 #include "values/model/TableIndex.h"
 
 #include <atomic>
