@@ -1,6 +1,7 @@
 // ScriptVal tables: the look-up family, key order on insertion, nested paths, iteration, remote
 // member access through the hooks, constructor names, and table copying with its fast paths.
 #include <atomic>
+#include <climits>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
@@ -134,17 +135,58 @@ void ScriptVal::Append(TableEntry *entry)
     LinkTail(entry, LastEntry());
 }
 
+// A large list is walked in key order while its entries lie in allocation order, one cache miss per
+// entry. The index, detached first so that nothing reached from a value being released can use or
+// drop it, lists the paged entries in key order: prefetching the next few of them whose keys lie
+// above the entry being freed hides most of those misses. Prefetching never touches the memory, so
+// entries already freed don't matter.
 void ScriptVal::CleanTable()
 {
-    if (m_Index)
-        DropIndex();
+    uint32_t handle = m_Index ? std::atomic_ref<uint32_t>(m_Index).exchange(0, std::memory_order_acq_rel) : 0;
+    TableIndex *index = handle ? TableIndex::Get(handle) : nullptr;
+    if (index && index->m_Owner != this)
+    {
+        index = nullptr; // a handle that came along with a foreign payload: not ours
+        handle = 0;
+    }
+    // The keys of the entries prefetched and not yet passed, ascending, in a ring.
+    constexpr size_t kAhead = 16;
+    size_t ahead[kAhead];
+    size_t first = 0;
+    size_t queued = 0;
+    size_t cursor = 0;
+    auto refill = [&] {
+        while (queued < kAhead)
+        {
+            const TableEntry *e = index->NextPagedEntry(cursor);
+            if (!e)
+                return;
+            // An entry may straddle two cache lines: both are fetched.
+            __builtin_prefetch(e, 1);
+            __builtin_prefetch(reinterpret_cast<const char *>(e) + sizeof(TableEntry) - 1, 1);
+            ahead[(first + queued++) % kAhead] = cursor - 1;
+        }
+    };
+    if (index)
+        refill();
     while (TableEntry *e = m_Value.m_Table.m_Table)
     {
+        if (index && e->m_Key.IsNumber())
+        {
+            while (queued && !(double(ahead[first]) > e->m_Key.m_Value.m_Number))
+            {
+                first = (first + 1) % kAhead;
+                --queued;
+            }
+            refill();
+        }
         m_Value.m_Table.m_Table = e->m_Next;
         e->m_Value.CleanUp();
         e->m_Key.CleanUp();
         delete e;
     }
+    if (handle)
+        TableIndex::Release(handle);
     if (Type() == SV_Table)
         m_Value.m_Table.m_Last = nullptr;
 }
@@ -234,19 +276,24 @@ ScriptVal *ScriptVal::FindNumber(double key, bool add)
     return entry ? &entry->m_Value : nullptr;
 }
 
-// The same through the index: a hash probe finds the key, the index's number order places a new one.
+// The same through the index: its pages or hash find the key, its number order places a new one.
 ScriptVal *ScriptVal::FindNumberIndexed(TableIndex *index, double key, bool add)
 {
     if (TableEntry *e = index->FindNumber(key))
         return &e->m_Value;
     if (!add)
         return nullptr;
+    // The place first: the predecessor to be written is an old entry, likely not in cache, and its
+    // line can arrive while the new entry is made.
+    TableEntry *next = nullptr;
+    TableEntry *prev = nullptr;
+    bool before = index->Successor(key, next, prev);
+    if (before && prev)
+        __builtin_prefetch(prev, 1);
     TableEntry *entry = new TableEntry(key);
     if (!entry)
         return nullptr;
-    TableEntry *next = nullptr;
-    TableEntry *prev = nullptr;
-    if (index->Successor(key, next, prev))
+    if (before)
     {
         entry->m_Next = next;
         if (prev)
@@ -293,7 +340,20 @@ ScriptVal *ScriptVal::FindText(const TextKey &key, bool add, bool noCase)
     if (!entry)
         return nullptr;
     if (key.block)
+    {
         entry->m_Key = key.block;
+    }
+    else if (!IsStringBlock(key.text) && key.len <= INT_MAX)
+    {
+        // The look-up hashed exactly these bytes, as the stored key would be hashed: no second pass.
+        if (char *block = StringBlockNew(key.text, key.len))
+        {
+            entry->m_Key.m_Type = SV_String;
+            entry->m_Key.m_Value.m_String.m_String = block;
+            entry->m_Key.m_Value.m_String.m_StringCopy = block;
+            entry->m_Key.m_Value.m_String.m_Hash = key.hash;
+        }
+    }
     else
     {
         const char *text = key.text;

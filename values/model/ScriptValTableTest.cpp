@@ -400,8 +400,19 @@ private:
 
     double Number()
     {
-        const unsigned kind = Pick(40);
-        return kind == 0 ? NAN : kind == 1 ? -0.0 : kind == 2 ? Pick(300) + 0.5 : double(int(Pick(500)) - 40);
+        switch (Pick(40))
+        {
+        case 0:
+            return NAN;
+        case 1:
+            return -0.0;
+        case 2:
+            return Pick(300) + 0.5;
+        case 3: // integers far apart, some past the range that small tables keep in a direct array
+            return double(900 + Pick(6) * 700 + Pick(4));
+        default:
+            return double(int(Pick(500)) - 40);
+        }
     }
 
     ScriptVal Key() { return Pick(2) ? ScriptVal(Text().c_str()) : ScriptVal(Number()); }

@@ -1,6 +1,6 @@
 // TableIndex: the hash of a large table's keys, the sorted blocks of its number entries, and the
 // process-wide registry that maps the 32-bit handle kept in a ScriptVal to its index.
-// Sections: key compares, registry, building and hashing, number order.
+// Sections: key compares, registry, building and hashing, integer pages, number order.
 #include "values/model/TableIndex.h"
 
 #include <atomic>
@@ -22,6 +22,14 @@ constexpr size_t kDefaultThreshold = 24;
 constexpr size_t kMinCapacity = 16;
 constexpr size_t kBlockCap = 128;  // number items per block; a full block splits in two
 constexpr size_t kFirstBlockCap = 8; // a block starts small and doubles, so small tables stay small
+constexpr size_t kPageItems = 256;   // integer keys per page
+constexpr size_t kPageWords = kPageItems / 64;
+// An integer key gets a page while it is below kPagedFloor or below kPagedSpread times the entry
+// count. Pages exist only where records are, so a table of scattered keys costs at most
+// kPagedSpread items of 16 bytes per entry in pages, beside one page for the keys under the floor.
+constexpr size_t kPagedFloor = 1024;
+constexpr size_t kPagedSpread = 8;
+constexpr double kPagedCeiling = 1u << 30;
 
 
 // Numbers hash by their bits, with -0 folded onto 0 since the two are the same key.
@@ -231,8 +239,25 @@ TableIndex::Block *TableIndex::Widen(size_t b)
     return block;
 }
 
+// Records with integer keys in one range of kPageItems: a bit for each key that has one (for the
+// successor scan), and the record's entry (null if none) and predecessor side by side, since
+// placing a key reads both.
+struct TableIndex::Page
+{
+    struct Item
+    {
+        TableEntry *entry;
+        TableEntry *prev;
+    };
+    uint64_t bits[kPageWords];
+    Item items[kPageItems];
+};
+
 TableIndex::~TableIndex()
 {
+    for (size_t i = 0; i < m_NumPages; ++i)
+        std::free(m_Pages[i]);
+    std::free(m_Pages);
     std::free(m_Slots);
     for (size_t i = 0; i < m_NumBlocks; ++i)
         std::free(m_Blocks[i]);
@@ -250,29 +275,26 @@ TableIndex::~TableIndex()
 // appended below the maximum joins nothing. So tables whose number keys don't ascend need no other path.
 bool TableIndex::Build(TableEntry *head)
 {
-    size_t count = 0;
-    for (TableEntry *e = head; e; e = e->m_Next)
-        ++count;
-    size_t capacity = kMinCapacity;
-    while (capacity < count * 2)
-        capacity *= 2;
     m_Head = head;
-    if (!NewSlots(capacity))
+    if (!NewSlots(kMinCapacity)) // grown as keys come: paged number keys take no slot
         return false;
     TableEntry *prev = nullptr;
     for (TableEntry *e = head; e; prev = e, e = e->m_Next)
     {
         m_Tail = e;
+        ++m_Count;
         const ScriptVal &key = e->m_Key;
-        if (Indexable(key))
-            Place(e, KeyHash(key));
-        if (!key.IsNumber() || std::isnan(key.m_Value.m_Number))
-            continue;
-        double k = key.m_Value.m_Number;
-        if ((m_NumBlocks == 0 || k > m_BlockMax[m_NumBlocks - 1]) && !PushNumber(k, e, prev))
+        bool paged = false;
+        if (key.IsNumber() && !std::isnan(key.m_Value.m_Number))
+        {
+            double k = key.m_Value.m_Number;
+            if ((!m_HasRecord || k > m_MaxRecord) && !AddRecord(k, e, prev, paged))
+                return false;
+        }
+        if (!paged && !AddHash(e))
             return false;
     }
-    return true;
+    return Settle();
 }
 
 // An empty slot array of `capacity`, a power of two.
@@ -337,6 +359,16 @@ TableEntry *TableIndex::FindNumber(double key) const
 {
     if (std::isnan(key))
         return nullptr;
+    // A record is the first entry with its key: nothing in front of it is as large. Paged records
+    // stay out of the hash, which holds every other number entry.
+    if (key >= 0 && key < double(m_NumPages * kPageItems))
+    {
+        size_t k = static_cast<size_t>(key);
+        const Page *page = m_Pages[k / kPageItems];
+        size_t i = k % kPageItems;
+        if (double(k) == key && page && page->items[i].entry)
+            return page->items[i].entry;
+    }
     uint32_t hash = NumberHash(key);
     for (size_t i = (hash * 0x9E3779B97F4A7C15ull) >> m_Shift; m_Slots[i].entry; i = (i + 1) & m_Mask)
     {
@@ -367,26 +399,151 @@ bool TableIndex::Appended(TableEntry *entry)
     m_Tail = entry;
     if (!m_Head)
         m_Head = entry;
+    ++m_Count;
     const ScriptVal &key = entry->m_Key;
+    bool paged = false;
     if (key.IsNumber() && !std::isnan(key.m_Value.m_Number))
     {
         double k = key.m_Value.m_Number;
-        if ((m_NumBlocks == 0 || k > m_BlockMax[m_NumBlocks - 1]) && !PushNumber(k, entry, prev))
+        if ((!m_HasRecord || k > m_MaxRecord) && !AddRecord(k, entry, prev, paged))
             return false;
     }
-    return AddHash(entry);
+    return (paged || AddHash(entry)) && Settle();
 }
 
 bool TableIndex::InsertedBefore(TableEntry *entry, double key)
 {
-    TableEntry *&nextPrev = m_Blocks[m_FoundBlock]->Prevs()[m_FoundPos];
-    TableEntry *prev = nextPrev;
-    nextPrev = entry;
+    TableEntry **nextPrev = m_FoundPaged ? &m_Pages[m_FoundKey / kPageItems]->items[m_FoundKey % kPageItems].prev
+                                         : &m_Blocks[m_FoundBlock]->Prevs()[m_FoundPos];
+    TableEntry *prev = *nextPrev;
+    *nextPrev = entry;
     if (!prev)
         m_Head = entry;
-    if (!InsertNumber(m_FoundBlock, m_FoundPos, key, entry, prev))
+    ++m_Count;
+    if (PageEligible(key))
+        return SetPaged(static_cast<size_t>(key), entry, prev) && Settle();
+    bool placed = m_FoundBlock == m_NumBlocks ? PushNumber(key, entry, prev)
+                                              : InsertNumber(m_FoundBlock, m_FoundPos, key, entry, prev);
+    return placed && AddHash(entry) && Settle();
+}
+
+// Each time the entry count doubles, block records whose keys now get pages move there: the early
+// keys of a shuffled fill don't stay in the blocks, where every placing would search them. A moved
+// record stays in the hash too, harmlessly, since the page is asked first.
+bool TableIndex::Settle()
+{
+    if (m_Count < m_SettleAt)
+        return true;
+    m_SettleAt = m_Count * 2;
+    if (!m_NumBlocks)
+        return true;
+    Block **blocks = m_Blocks;
+    size_t numBlocks = m_NumBlocks;
+    m_Blocks = nullptr;
+    std::free(m_BlockMax);
+    m_BlockMax = nullptr;
+    m_NumBlocks = 0;
+    m_BlockCap = 0;
+    bool ok = true;
+    for (size_t b = 0; b < numBlocks; ++b)
+    {
+        Block *block = blocks[b];
+        for (size_t i = 0; ok && i < block->n; ++i)
+        {
+            double key = block->Keys()[i];
+            TableEntry *entry = block->Entries()[i];
+            TableEntry *prev = block->Prevs()[i];
+            ok = PageEligible(key) ? SetPaged(static_cast<size_t>(key), entry, prev) : PushNumber(key, entry, prev);
+        }
+        std::free(block);
+    }
+    std::free(blocks);
+    return ok;
+}
+
+// ---- integer pages -----------------------------------------------------------------------------
+
+bool TableIndex::PageEligible(double key) const
+{
+    if (!(key >= 0 && key < kPagedCeiling) || double(static_cast<size_t>(key)) != key)
         return false;
-    return AddHash(entry);
+    size_t k = static_cast<size_t>(key);
+    return k < m_NumPages * kPageItems || k < kPagedFloor || k / kPagedSpread < m_Count;
+}
+
+bool TableIndex::SetPaged(size_t key, TableEntry *entry, TableEntry *prev)
+{
+    size_t p = key / kPageItems;
+    if (p >= m_NumPages)
+    {
+        size_t count = m_NumPages ? m_NumPages : 4;
+        while (count <= p)
+            count *= 2;
+        auto *pages = static_cast<Page **>(std::realloc(m_Pages, count * sizeof(Page *)));
+        if (!pages)
+            return false;
+        std::memset(pages + m_NumPages, 0, (count - m_NumPages) * sizeof(Page *));
+        m_Pages = pages;
+        m_NumPages = count;
+    }
+    Page *page = m_Pages[p];
+    if (!page)
+    {
+        page = static_cast<Page *>(std::calloc(1, sizeof(Page)));
+        if (!page)
+            return false;
+        m_Pages[p] = page;
+    }
+    size_t i = key % kPageItems;
+    page->bits[i / 64] |= uint64_t(1) << (i % 64);
+    page->items[i] = Page::Item{entry, prev};
+    return true;
+}
+
+// The smallest paged record key at or above `from`, or the end of the pages' range.
+size_t TableIndex::NextPaged(size_t from) const
+{
+    size_t end = m_NumPages * kPageItems;
+    for (size_t p = from / kPageItems; p < m_NumPages; ++p)
+    {
+        const Page *page = m_Pages[p];
+        if (!page)
+            continue;
+        size_t first = p == from / kPageItems ? from % kPageItems : 0;
+        for (size_t w = first / 64; w < kPageWords; ++w)
+        {
+            uint64_t bits = page->bits[w];
+            if (w == first / 64)
+                bits &= ~uint64_t(0) << (first % 64);
+            if (bits)
+                return p * kPageItems + w * 64 + static_cast<size_t>(__builtin_ctzll(bits));
+        }
+    }
+    return end;
+}
+
+TableEntry *TableIndex::NextPagedEntry(size_t &cursor) const
+{
+    size_t key = NextPaged(cursor);
+    if (key >= m_NumPages * kPageItems)
+    {
+        cursor = key;
+        return nullptr;
+    }
+    cursor = key + 1;
+    return m_Pages[key / kPageItems]->items[key % kPageItems].entry;
+}
+
+// A number entry greater than every number key in front of it, appended or inserted at the end of
+// the records.
+bool TableIndex::AddRecord(double key, TableEntry *entry, TableEntry *prev, bool &paged)
+{
+    paged = PageEligible(key);
+    if (!(paged ? SetPaged(static_cast<size_t>(key), entry, prev) : PushNumber(key, entry, prev)))
+        return false;
+    m_HasRecord = true;
+    m_MaxRecord = key;
+    return true;
 }
 
 // ---- number order ------------------------------------------------------------------------------
@@ -403,7 +560,8 @@ size_t UpperBound(const double *keys, size_t n, double key)
     while (n > 1)
     {
         size_t half = n / 2;
-        base = base[half - 1] <= key ? base + half : base;
+        // Arithmetic rather than a choice, which the compiler turned into a branch.
+        base += half * static_cast<size_t>(base[half - 1] <= key);
         n -= half;
     }
     return static_cast<size_t>(base - keys) + (*base <= key ? 1 : 0);
@@ -413,22 +571,31 @@ size_t UpperBound(const double *keys, size_t n, double key)
 
 bool TableIndex::Successor(double key, TableEntry *&next, TableEntry *&prev)
 {
-    if (std::isnan(key))
+    if (std::isnan(key) || !m_HasRecord || !(key < m_MaxRecord))
         return false;
+    size_t end = m_NumPages * kPageItems;
+    size_t paged = end;
+    if (m_NumPages && key < double(end))
+        paged = NextPaged(key < 0 ? 0 : static_cast<size_t>(std::floor(key)) + 1);
     size_t b = UpperBound(m_BlockMax, m_NumBlocks, key);
-    if (b == m_NumBlocks)
-        return false;
-    Block *block = m_Blocks[b];
-    // Within a block a counting pass is cheaper than a search: it streams one kilobyte of keys with
-    // no dependent loads, and the compiler vectorises it.
     size_t pos = 0;
-    const double *keys = block->Keys();
-    for (size_t i = 0; i < block->n; ++i)
-        pos += keys[i] <= key ? 1 : 0;
+    if (b < m_NumBlocks)
+        pos = UpperBound(m_Blocks[b]->Keys(), m_Blocks[b]->n, key);
     m_FoundBlock = b;
     m_FoundPos = pos;
-    next = block->Entries()[pos];
-    prev = block->Prevs()[pos];
+    m_FoundPaged = paged < end && (b == m_NumBlocks || double(paged) < m_Blocks[b]->Keys()[pos]);
+    if (m_FoundPaged)
+    {
+        m_FoundKey = paged;
+        const Page::Item &item = m_Pages[paged / kPageItems]->items[paged % kPageItems];
+        next = item.entry;
+        prev = item.prev;
+        return true;
+    }
+    if (b == m_NumBlocks)
+        return false; // cannot happen while a record above `key` exists
+    next = m_Blocks[b]->Entries()[pos];
+    prev = m_Blocks[b]->Prevs()[pos];
     return true;
 }
 

@@ -1,7 +1,9 @@
 // TableIndex: the look-up index that a large table grows beside its entry list. The list stays the
-// table; the index only finds entries (open-addressing hash of number and string keys) and where a
-// new number key goes (sorted blocks of number entries with their predecessors). What changes the
-// list is in ScriptValTable.cpp.
+// table; the index only finds entries and where a new number key goes. Small non-negative integer
+// keys that ascend in list order sit in pages of a direct array, found and placed there; the other
+// number keys that ascend sit in sorted blocks, each with its predecessor for placing; an
+// open-addressing hash finds every string key and every number key that isn't paged. What changes the list is in
+// ScriptValTable.cpp.
 #pragma once
 
 #include <atomic>
@@ -53,13 +55,17 @@ public:
     // The first number entry in list order whose key is greater than `key`, and the entry in front of
     // it (null at the head); false if there is none. A new number key goes in front of `next`, or to
     // the tail if there is none. Only the entries greater than every number key in front of them can
-    // be `next`, so the index keeps those alone, in sorted blocks with their predecessors.
+    // be `next`, so the index keeps those alone ("records") with their predecessors.
     bool Successor(double key, TableEntry *&next, TableEntry *&prev);
 
     // Records `entry`, just linked at the tail. False if the index couldn't grow (drop it then).
     [[nodiscard]] bool Appended(TableEntry *entry);
     // Records `entry` (number key `key`), just linked in front of what the last Successor call gave.
     [[nodiscard]] bool InsertedBefore(TableEntry *entry, double key);
+
+    // The entry of the next paged record at or above key `cursor`, which moves past it; null at the
+    // end. Records ascend in list order, so this runs ahead of a walk that frees the list.
+    TableEntry *NextPagedEntry(size_t &cursor) const;
 
     ~TableIndex();
 
@@ -70,6 +76,7 @@ private:
         uint32_t hash;
     };
     struct Block;
+    struct Page;
 
     bool Build(TableEntry *head);
     bool NewSlots(size_t capacity);
@@ -80,17 +87,34 @@ private:
     Block *Widen(size_t block);
     bool PushNumber(double key, TableEntry *entry, TableEntry *prev);
     bool InsertNumber(size_t block, size_t pos, double key, TableEntry *entry, TableEntry *prev);
+    bool AddRecord(double key, TableEntry *entry, TableEntry *prev, bool &paged);
+    bool PageEligible(double key) const;
+    bool SetPaged(size_t key, TableEntry *entry, TableEntry *prev);
+    size_t NextPaged(size_t from) const;
+    bool Settle();
 
     Slot *m_Slots = nullptr;
     size_t m_Mask = 0; // capacity - 1
     unsigned m_Shift = 64; // 64 - log2(capacity)
-    size_t m_Used = 0;
+    size_t m_Used = 0; // slots in use: the strings and the number entries not paged
+    size_t m_Count = 0; // entries in the list
+    size_t m_SettleAt = 64; // the entry count at which block records next move to pages
 
     Block **m_Blocks = nullptr;
     double *m_BlockMax = nullptr; // the last key of each block
     size_t m_NumBlocks = 0;
     size_t m_BlockCap = 0;
-    // Where the last Successor call found its item.
+    // Records with small non-negative integer keys: page p holds keys [p * kPageItems, (p + 1) * kPageItems).
+    // A record stays where it was put; the blocks keep the others, so a successor is the nearer of two.
+    Page **m_Pages = nullptr;
+    size_t m_NumPages = 0;
+    bool m_HasRecord = false;
+    double m_MaxRecord = 0; // the largest record key, the list's largest number key
+
+    // Where the last Successor call found its item (a page key, or a block and position), and where
+    // its key would go among the blocks.
+    bool m_FoundPaged = false;
+    size_t m_FoundKey = 0;
     size_t m_FoundBlock = 0;
     size_t m_FoundPos = 0;
 };
