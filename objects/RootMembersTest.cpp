@@ -22,6 +22,7 @@ using testobjects::FunctionValue;
 using testobjects::NumReturns;
 using testobjects::RunSpecial;
 using testobjects::Scripted;
+using testobjects::ScriptedOf;
 
 // A class with a function of two results, a variable, a function literally named "Table", a
 // one-letter function for the shortest "Table" form, and an attribute table.
@@ -87,11 +88,7 @@ void StrangerCount(void *, ScriptArgs &, ScriptSymbol *, bool)
 ScriptInfoT<Scripted> s_StrangerInfo(1, "Stranger");
 ScriptSymbol s_StrangerPoke(1, "Poke", SST_Function, StrangerCount, s_StrangerInfo);
 ScriptSymbol s_StrangerCreate(1, nullptr, SST_Create, StrangerCount, s_StrangerInfo);
-class Stranger : public Scripted
-{
-public:
-    Stranger() { _SetScriptInfo(this, s_StrangerInfo); }
-};
+using Stranger = ScriptedOf<s_StrangerInfo>;
 
 // A class whose member reads answer every name with the stranger's function.
 void ForgerGetTable(void *, ScriptArgs &args, ScriptSymbol *, bool)
@@ -100,11 +97,7 @@ void ForgerGetTable(void *, ScriptArgs &args, ScriptSymbol *, bool)
 }
 ScriptInfoT<Scripted> s_ForgerInfo(1, "Forger");
 ScriptSymbol s_ForgerGetTable(1, nullptr, SST_GetTable, ForgerGetTable, s_ForgerInfo);
-class Forger : public Scripted
-{
-public:
-    Forger() { _SetScriptInfo(this, s_ForgerInfo); }
-};
+using Forger = ScriptedOf<s_ForgerInfo>;
 
 // A registered class with a constructor.
 ScriptInfoT<Scripted> s_GadgetInfo(1, "Gadget");

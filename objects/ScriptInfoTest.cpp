@@ -19,6 +19,7 @@ namespace
 
 using testobjects::NumReturns;
 using testobjects::Scripted;
+using testobjects::ScriptedOf;
 
 void Nop(void *, ScriptArgs &, ScriptSymbol *, bool) {}
 
@@ -31,39 +32,29 @@ bool InRegistry(const ScriptInfo *record)
 
 // ---- a chain built only by ChainTest -------------------------------------------------------------
 
-class ChainBase : public Scripted
-{
-public:
-    ChainBase() { _SetScriptInfo(this, s_Info); }
-    static ScriptInfoT<ChainBase> s_Info;
-};
-class ChainDerived : public ChainBase
-{
-public:
-    ChainDerived() { _SetScriptInfo(this, s_Info); }
-    static ScriptInfoT<ChainDerived> s_Info;
-};
-ScriptInfoT<ChainBase> ChainBase::s_Info(1, "ChainBase", "base of the chain test");
-ScriptInfoT<ChainDerived> ChainDerived::s_Info(1, "ChainDerived");
+ScriptInfoT<Scripted> s_ChainBaseInfo(1, "ChainBase", "base of the chain test");
+ScriptInfoT<Scripted> s_ChainDerivedInfo(1, "ChainDerived");
+using ChainBase = ScriptedOf<s_ChainBaseInfo>;
+using ChainDerived = ScriptedOf<s_ChainDerivedInfo, ChainBase>;
 
 TEST(ScriptInfoChain, LinksToTheBaseOfTheFirstObjectWithoutNamingIt)
 {
-    EXPECT_TRUE(InRegistry(&ChainBase::s_Info));
-    EXPECT_TRUE(InRegistry(&ChainDerived::s_Info));
-    EXPECT_FALSE(ChainDerived::s_Info.IsLinked());
-    EXPECT_FALSE(ChainBase::s_Info.IsLinked());
+    EXPECT_TRUE(InRegistry(&s_ChainBaseInfo));
+    EXPECT_TRUE(InRegistry(&s_ChainDerivedInfo));
+    EXPECT_FALSE(s_ChainDerivedInfo.IsLinked());
+    EXPECT_FALSE(s_ChainBaseInfo.IsLinked());
 
     ChainDerived first;
-    EXPECT_EQ(first.GetScriptInfo(), &ChainDerived::s_Info);
-    EXPECT_EQ(ChainDerived::s_Info.m_Parent, &ChainBase::s_Info);
-    EXPECT_EQ(ChainBase::s_Info.m_Parent, g_RootScriptInfo);
+    EXPECT_EQ(first.GetScriptInfo(), &s_ChainDerivedInfo);
+    EXPECT_EQ(s_ChainDerivedInfo.m_Parent, &s_ChainBaseInfo);
+    EXPECT_EQ(s_ChainBaseInfo.m_Parent, g_RootScriptInfo);
     EXPECT_EQ(g_RootScriptInfo->m_Parent, nullptr);
     EXPECT_STREQ(g_RootScriptInfo->m_Name, "");
 
     ChainBase plain;
     ChainDerived second;
-    EXPECT_EQ(plain.GetScriptInfo(), &ChainBase::s_Info);
-    EXPECT_EQ(ChainDerived::s_Info.m_Parent, &ChainBase::s_Info);
+    EXPECT_EQ(plain.GetScriptInfo(), &s_ChainBaseInfo);
+    EXPECT_EQ(s_ChainDerivedInfo.m_Parent, &s_ChainBaseInfo);
 }
 
 TEST(ScriptInfoChain, ExplicitLinkKeepsAnExistingLinkAndADestroyedRecordLeavesTheRegistry)
@@ -85,16 +76,11 @@ TEST(ScriptInfoChain, ExplicitLinkKeepsAnExistingLinkAndADestroyedRecordLeavesTh
 
 // ---- constants ------------------------------------------------------------------------------------
 
-class ConstHolder : public Scripted
-{
-public:
-    ConstHolder() { _SetScriptInfo(this, s_Info); }
-    static ScriptInfoT<ConstHolder> s_Info;
-};
-ScriptInfoT<ConstHolder> ConstHolder::s_Info(1, "ConstHolder");
-ScriptSymbol s_FirstConst(1, "CH_First", SST_Constant, Nop, ConstHolder::s_Info);
-ScriptSymbol s_HolderFunc(1, "CH_Func", SST_Function, Nop, ConstHolder::s_Info);
-ScriptSymbol s_SecondConst(1, "CH_Second", SST_Constant, Nop, ConstHolder::s_Info);
+ScriptInfoT<Scripted> s_ConstHolderInfo(1, "ConstHolder");
+using ConstHolder = ScriptedOf<s_ConstHolderInfo>;
+ScriptSymbol s_FirstConst(1, "CH_First", SST_Constant, Nop, s_ConstHolderInfo);
+ScriptSymbol s_HolderFunc(1, "CH_Func", SST_Function, Nop, s_ConstHolderInfo);
+ScriptSymbol s_SecondConst(1, "CH_Second", SST_Constant, Nop, s_ConstHolderInfo);
 
 TEST(ScriptInfoConstants, MoveToTheRootInOrderWhenTheClassIsLinked)
 {
@@ -104,9 +90,9 @@ TEST(ScriptInfoConstants, MoveToTheRootInOrderWhenTheClassIsLinked)
     // Newest first in the class, and still in that order at the front of the root's list.
     EXPECT_EQ(g_RootScriptInfo->m_Symbols, &s_SecondConst);
     EXPECT_EQ(s_SecondConst.m_Next, &s_FirstConst);
-    EXPECT_EQ(ConstHolder::s_Info.m_Symbols, &s_HolderFunc);
+    EXPECT_EQ(s_ConstHolderInfo.m_Symbols, &s_HolderFunc);
     EXPECT_EQ(s_HolderFunc.m_Next, nullptr);
-    EXPECT_EQ(s_FirstConst.m_Owner, &ConstHolder::s_Info);
+    EXPECT_EQ(s_FirstConst.m_Owner, &s_ConstHolderInfo);
 
     // Any object finds them now, the function stays with its class.
     ScriptInfoT<Scripted> unrelated(1, "Unrelated");
@@ -119,29 +105,18 @@ TEST(ScriptInfoConstants, MoveToTheRootInOrderWhenTheClassIsLinked)
 
 // ---- look-up ----------------------------------------------------------------------------------------
 
-class LookBase : public Scripted
-{
-public:
-    LookBase() { _SetScriptInfo(this, s_Info); }
-    static ScriptInfoT<LookBase> s_Info;
-};
-class LookDerived : public LookBase
-{
-public:
-    LookDerived() { _SetScriptInfo(this, s_Info); }
-    static ScriptInfoT<LookDerived> s_Info;
-};
-ScriptInfoT<LookBase> LookBase::s_Info(1, "LookBase");
-ScriptSymbol s_BaseValue(1, "Value", SST_Function, Nop, LookBase::s_Info);
-ScriptSymbol s_BaseDescribe(1, "Describe", SST_Function, Nop, LookBase::s_Info);
-ScriptSymbol s_BaseTrace(1, "Trace", SST_Function, Nop, LookBase::s_Info);
-ScriptSymbol s_BaseUnnamed(1, nullptr, SST_HelpTopic, Nop, LookBase::s_Info);
-ScriptSymbol s_BaseCall(1, nullptr, SST_Call, Nop, LookBase::s_Info);
-ScriptInfoT<LookDerived> LookDerived::s_Info(1, "LookDerived");
-ScriptSymbol s_DerivedValue(1, "Value", SST_Variable | SSF_Read, Nop, LookDerived::s_Info);
-ScriptSymbol s_DerivedDescribe(1, "Describe", SST_Function, Nop, LookDerived::s_Info);
-ScriptSymbol s_DerivedTrace(1, "Trace", SST_Function | SSF_DebugOnly, Nop, LookDerived::s_Info);
-ScriptSymbol s_DerivedHidden(1, "DebugOnly", SST_Function | SSF_DebugOnly, Nop, LookDerived::s_Info);
+ScriptInfoT<Scripted> s_LookBaseInfo(1, "LookBase");
+ScriptSymbol s_BaseValue(1, "Value", SST_Function, Nop, s_LookBaseInfo);
+ScriptSymbol s_BaseDescribe(1, "Describe", SST_Function, Nop, s_LookBaseInfo);
+ScriptSymbol s_BaseTrace(1, "Trace", SST_Function, Nop, s_LookBaseInfo);
+ScriptSymbol s_BaseUnnamed(1, nullptr, SST_HelpTopic, Nop, s_LookBaseInfo);
+ScriptSymbol s_BaseCall(1, nullptr, SST_Call, Nop, s_LookBaseInfo);
+ScriptInfoT<Scripted> s_LookDerivedInfo(1, "LookDerived");
+using LookDerived = ScriptedOf<s_LookDerivedInfo, ScriptedOf<s_LookBaseInfo>>;
+ScriptSymbol s_DerivedValue(1, "Value", SST_Variable | SSF_Read, Nop, s_LookDerivedInfo);
+ScriptSymbol s_DerivedDescribe(1, "Describe", SST_Function, Nop, s_LookDerivedInfo);
+ScriptSymbol s_DerivedTrace(1, "Trace", SST_Function | SSF_DebugOnly, Nop, s_LookDerivedInfo);
+ScriptSymbol s_DerivedHidden(1, "DebugOnly", SST_Function | SSF_DebugOnly, Nop, s_LookDerivedInfo);
 
 bool s_Debugging = false;
 bool Debugging()
@@ -169,7 +144,7 @@ TEST(ScriptInfoLookup, KindsNearestDeclarationsAndSpecialSlotsComeFromTheChain)
         {derived, "Value", SST_Constant, nullptr},
         // The nearest declaration wins; names are case-sensitive.
         {derived, "Describe", 0, &s_DerivedDescribe},
-        {&LookBase::s_Info, "Describe", 0, &s_BaseDescribe},
+        {&s_LookBaseInfo, "Describe", 0, &s_BaseDescribe},
         {derived, "describe", 0, nullptr},
         // Special numbers and unnamed kinds ignore the name.
         {derived, nullptr, SST_Call, &s_BaseCall},
