@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -111,18 +112,24 @@ TEST(TagListWrite, TypedValuesRoundTripThroughAddAndTheVarArgsConstructor)
 {
     char bytes[] = {9, 8, 7};
     KeID kind("Square");
+    const int32_t kindCount = StringBlockCount(kind.Raw());
     int user = 0;
-    TagList added;
-    added.Add(TI_Width, 0xFFFFFFFFu);
-    added.Add(TI_Height, true);
-    added.Add(TD_Weight, 2.5);
-    added.Add(TS_Name, "abc");
-    added.Add(TP_User, static_cast<const void *>(&user));
-    added.Add(TM_Data, MemBlock(bytes, sizeof(bytes)));
-    added.Add(TID_Kind, kind);
-    TagList decoded(TI_Width, 0xFFFFFFFFu, TI_Height, 1, TD_Weight, 2.5, TS_Name, "abc", TP_User, &user,
-                    TM_Data, bytes, 3u, TID_Kind, kind.Raw(), TAG_DONE);
-    for (const TagList *list : {&added, &decoded})
+    TagList inner(TI_Width, 5, TAG_DONE);
+    auto added = std::make_unique<TagList>();
+    added->Add(TI_Width, 0xFFFFFFFFu);
+    added->Add(TI_Height, true);
+    added->Add(TD_Weight, 2.5);
+    added->Add(TS_Name, "abc");
+    added->Add(TP_User, static_cast<const void *>(&user));
+    added->Add(TM_Data, MemBlock(bytes, sizeof(bytes)));
+    added->Add(TID_Kind, kind);
+    added->Add(TL_Nested, static_cast<const void *>(&inner));
+    auto decoded = std::make_unique<TagList>(TI_Width, 0xFFFFFFFFu, TI_Height, 1, TD_Weight, 2.5, TS_Name,
+                                             "abc", TP_User, &user, TM_Data, bytes, 3u, TID_Kind, kind.Raw(),
+                                             TL_Nested, &inner, TAG_DONE);
+    inner.Set(TI_Width, 6);                                 // nested lists are deep copies
+    EXPECT_EQ(StringBlockCount(kind.Raw()), kindCount + 2); // identifiers hold a count of their block
+    for (const TagList *list : {added.get(), decoded.get()})
     {
         EXPECT_TRUE(list->IsOwned());
         EXPECT_EQ(list->GetLong(TI_Width, 0), 0xFFFFFFFFu);
@@ -138,23 +145,36 @@ TEST(TagListWrite, TypedValuesRoundTripThroughAddAndTheVarArgsConstructor)
         EXPECT_NE(block.m_Ptr, static_cast<void *>(bytes));
         EXPECT_EQ(std::memcmp(block.m_Ptr, bytes, 3), 0);
         EXPECT_EQ(list->GetMemBlock(list->Find(TM_Data)).m_Ptr, block.m_Ptr); // a view, not a copy
-        EXPECT_TRUE(list->GetID(TID_Kind, NOID) == "Square");
+        EXPECT_EQ(list->GetID(TID_Kind, NOID).Raw(), kind.Raw());
+        EXPECT_TRUE(list->GetID(list->Find(TID_Kind)) == "Square");
+        ASSERT_NE(list->GetTagList(TL_Nested), nullptr);
+        EXPECT_EQ(list->GetTagList(TL_Nested)->GetLong(TI_Width, 0), 5u);
     }
-    EXPECT_FALSE(added.GetBool(TAG_INT | 77, false));
+    decoded.reset();
+    TagList &list = *added;
+    EXPECT_FALSE(list.GetBool(TAG_INT | 77, false));
 
     // An int tag is read as 32 bits: the rest of the out word stays as it was.
     uint64_t raw = 0xAAAAAAAAAAAAAAAAull;
-    ASSERT_TRUE(added.Get(TI_Width, static_cast<void *>(&raw)));
+    ASSERT_TRUE(list.Get(TI_Width, static_cast<void *>(&raw)));
     EXPECT_EQ(raw, 0xAAAAAAAAFFFFFFFFull);
 
-    added.Set(added.Find(TD_Weight), 4.0);
-    EXPECT_DOUBLE_EQ(added.GetDouble(TD_Weight, 0), 4.0);
+    list.Set(list.Find(TD_Weight), 4.0);
+    EXPECT_DOUBLE_EQ(list.GetDouble(TD_Weight, 0), 4.0);
 
-    added.Set(TM_Data, MemBlock()); // a null block stores nothing
-    EXPECT_EQ(added.GetMemBlock(TM_Data).m_Ptr, nullptr);
-    EXPECT_EQ(added.GetMemBlock(TM_Data).m_Size, 0u);
-    added.Add(TI_Item, 9); // behind the two-word block tag
-    EXPECT_EQ(Items(added), Words{9});
+    list.Set(TM_Data, MemBlock()); // a null block stores nothing
+    EXPECT_EQ(list.GetMemBlock(TM_Data).m_Ptr, nullptr);
+    EXPECT_EQ(list.GetMemBlock(TM_Data).m_Size, 0u);
+    list.Add(TI_Item, 9); // behind the two-word block tag
+    EXPECT_EQ(Items(list), Words{9});
+
+    EXPECT_TRUE(list.GetID(TAG_ID | 9, KeID("fallback")) == "fallback");
+    KeID out;
+    EXPECT_FALSE(list.Get(TS_Name, out)); // not an identifier tag
+    EXPECT_TRUE(list.Get(TID_Kind, out));
+    EXPECT_TRUE(out == "Square");
+    added.reset();
+    EXPECT_EQ(StringBlockCount(kind.Raw()), kindCount + 1); // the one `out` holds
 }
 
 TEST(TagListWrite, StringsAreOwnedCopiesAndNullReadsSafely)
@@ -196,38 +216,6 @@ TEST(TagListWrite, ObjectsHoldOneUseAndGetObjectAddsOne)
     EXPECT_EQ(probe->GetUseCount(), 1); // the destroyed list gave its use back
     probe->Recycle();
     EXPECT_EQ(destroyed, 1);
-}
-
-TEST(TagListWrite, IdentifiersHoldACountOfTheirBlock)
-{
-    KeID kind("Circle");
-    const int32_t before = StringBlockCount(kind.Raw());
-    {
-        TagList list;
-        list.Set(TID_Kind, kind);
-        EXPECT_EQ(StringBlockCount(kind.Raw()), before + 1);
-        EXPECT_EQ(list.GetID(TID_Kind, NOID).Raw(), kind.Raw());
-        EXPECT_TRUE(list.GetID(list.Find(TID_Kind)) == "Circle");
-        EXPECT_TRUE(list.GetID(TAG_ID | 9, KeID("fallback")) == "fallback");
-        KeID out;
-        EXPECT_FALSE(list.Get(TS_Name, out)); // not an identifier tag
-        EXPECT_TRUE(list.Get(TID_Kind, out));
-        EXPECT_TRUE(out == "Circle");
-    }
-    EXPECT_EQ(StringBlockCount(kind.Raw()), before);
-}
-
-TEST(TagListWrite, NestedListsAreDeepCopies)
-{
-    TagList inner;
-    inner.Set(TI_Width, 5);
-    TagList outer;
-    outer.Set(TL_Nested, static_cast<const void *>(&inner));
-    TagList *copy = outer.GetTagList(TL_Nested, nullptr);
-    ASSERT_NE(copy, nullptr);
-    EXPECT_NE(copy, &inner);
-    inner.Set(TI_Width, 6);
-    EXPECT_EQ(copy->GetLong(TI_Width, 0), 5u);
 }
 
 TEST(TagListWrap, WritesGoToAFlatPrivateCopyAndLeaveTheCallersArraysAlone)
