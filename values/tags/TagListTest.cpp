@@ -67,8 +67,10 @@ TEST(TagListWalk, FollowsMoreSkipsControlWordsAndStopsAtBadOnes)
 {
     Tag other[] = {TI_Height, 20, TAG_DONE};
     // TAG_SKIP 1 hides the double; TAG_MORE ends its array, so TI_Item behind it is never seen.
-    Tag tags[] = {TAG_IGNORE, 0, TI_Width, 10,         TAG_SKIP, 1,  TD_Weight, 0, TAG_REMOVED, 0,
-                  TS_Name,    0, TAG_MORE, Tag(other), TI_Item,  99, TAG_DONE};
+    Tag tags[] = {
+        TAG_IGNORE, 0,           TI_Width, 10,      TAG_SKIP, 1,        TD_Weight,
+        0,          TAG_REMOVED, 0,        TS_Name, 0,        TAG_MORE, reinterpret_cast<Tag>(other),
+        TI_Item,    99,          TAG_DONE};
     TagList list(tags, false);
     EXPECT_EQ(Walk(list), (Words{TI_Width, TS_Name, TI_Height}));
     EXPECT_EQ(list.Find(TD_Weight), nullptr);
@@ -194,7 +196,7 @@ TEST(TagListWrite, StringsAreOwnedCopiesAndNullReadsSafely)
     EXPECT_STREQ(list.GetSafeString(list.Find(TS_Name)), "");
 }
 
-TEST(TagListWrite, ObjectsHoldOneUseAndGetObjectAddsOne)
+TEST(TagListWrite, ObjectsHoldOneUseGetObjectAddsOneAndACopiedWrapDuplicatesValues)
 {
     int destroyed = 0;
     auto *probe = new Probe(&destroyed);
@@ -214,6 +216,23 @@ TEST(TagListWrite, ObjectsHoldOneUseAndGetObjectAddsOne)
         list.Set(TO_Owner, static_cast<const void *>(probe));
     }
     EXPECT_EQ(probe->GetUseCount(), 1); // the destroyed list gave its use back
+
+    // Wrapping with a copy duplicates the values; a plain wrap owns none of them.
+    char name[] = "wrapped";
+    Tag tags[] = {TS_Name, reinterpret_cast<Tag>(name), TO_Owner, reinterpret_cast<Tag>(probe), TAG_DONE};
+    {
+        TagList list(tags, true);
+        EXPECT_TRUE(list.IsOwned());
+        EXPECT_NE(list.GetString(TS_Name, nullptr), name);
+        EXPECT_STREQ(list.GetString(TS_Name, nullptr), "wrapped");
+        EXPECT_EQ(probe->GetUseCount(), 2);
+        list.Clear();
+        EXPECT_EQ(probe->GetUseCount(), 1);
+    }
+    TagList wrapped(tags, false);
+    wrapped.Clear(); // back to the shared empty word
+    EXPECT_TRUE(wrapped.IsEmpty());
+    EXPECT_EQ(tags[1], reinterpret_cast<Tag>(name));
     probe->Recycle();
     EXPECT_EQ(destroyed, 1);
 }
@@ -241,31 +260,7 @@ TEST(TagListWrap, WritesGoToAFlatPrivateCopyAndLeaveTheCallersArraysAlone)
     EXPECT_EQ(Words(flat, flat + 5), (Words{TI_Width, 1, TI_Height, 3, TAG_DONE}));
 }
 
-TEST(TagListWrap, CopyDuplicatesValuesOfAWrappedArray)
-{
-    char name[] = "wrapped";
-    int destroyed = 0;
-    auto *probe = new Probe(&destroyed);
-    Tag tags[] = {TS_Name, reinterpret_cast<Tag>(name), TO_Owner, reinterpret_cast<Tag>(probe), TAG_DONE};
-    {
-        TagList list(tags, true);
-        EXPECT_TRUE(list.IsOwned());
-        EXPECT_NE(list.GetString(TS_Name, nullptr), name);
-        EXPECT_STREQ(list.GetString(TS_Name, nullptr), "wrapped");
-        EXPECT_EQ(probe->GetUseCount(), 2);
-        list.Clear();
-        EXPECT_EQ(probe->GetUseCount(), 1);
-    }
-    probe->Recycle();
-    EXPECT_EQ(destroyed, 1);
-
-    TagList wrapped(tags, false);
-    wrapped.Clear(); // a wrapped list owns nothing and goes back to the shared empty word
-    EXPECT_TRUE(wrapped.IsEmpty());
-    EXPECT_EQ(tags[1], reinterpret_cast<Tag>(name));
-}
-
-TEST(TagListVarArgs, SetAttrsReachesTheListsOwnSetTags)
+TEST(TagListVarArgs, SetAttrsReachesTheListsOwnSetTagsAndGatherCutsAtAWholeTag)
 {
     TagList list;
     list.Set(TI_Width, 1);
@@ -273,10 +268,8 @@ TEST(TagListVarArgs, SetAttrsReachesTheListsOwnSetTags)
     EXPECT_EQ(list.GetLong(TI_Width, 0), 2u);
     EXPECT_STREQ(list.GetString(TS_Name, nullptr), "x");
     EXPECT_EQ(list.GetAttr(TI_Width), 2u); // the reader goes through CopyAttr
-}
 
-TEST(TagListVarArgs, GatherCutsAtAWholeTagWhenTheBufferIsFull)
-{
+    // Gathering cuts at a whole tag when the buffer is full.
     Tag buffer[6];
     auto gather = [&](Tag first, ...)
     {
