@@ -103,13 +103,8 @@ using Forger = ScriptedOf<s_ForgerInfo>;
 ScriptInfoT<Scripted> s_GadgetInfo(1, "Gadget");
 ScriptSymbol s_GadgetCreate(1, nullptr, SST_Create, WidgetName, s_GadgetInfo);
 
-// A class that can't look members up: its chain is not linked to the root.
+// The record of a class that can't look members up: its chain is not linked to the root.
 ScriptInfoT<Scripted> s_IslandInfo(1, "Island");
-class Island : public Scripted
-{
-public:
-    Island() { SetScriptInfo(&s_IslandInfo); }
-};
 
 // The error number a call left in `args`, SE_None if none.
 int Error(const ScriptArgs &args)
@@ -160,7 +155,7 @@ protected:
     ScriptArgs m_Args;
 };
 
-TEST_F(RootMembers, GetTableGivesFunctionsAsValuesAndCallsVariables)
+TEST_F(RootMembers, GetTableGivesFunctionsAsValuesAndCallsVariablesSetTableWritesVariablesOnly)
 {
     struct Case
     {
@@ -192,10 +187,8 @@ TEST_F(RootMembers, GetTableGivesFunctionsAsValuesAndCallsVariables)
     EXPECT_EQ(Error(number), SE_InvalidIndex);
     EXPECT_STREQ(number.FindKeyConst("ErrorString").ToString(), "Invalid index.");
     EXPECT_EQ(NumReturns(number), 0);
-}
 
-TEST_F(RootMembers, SetTableWritesVariablesOnly)
-{
+    // SetTable writes variables only.
     Run(SST_SetTable, "Size", 9);
     EXPECT_EQ(m_Widget.m_Size, 9.0);
     Run(SST_SetTable, "MinMax", 1);
@@ -233,7 +226,8 @@ TEST_F(RootMembers, CallScriptFuncReportsWhetherItCalled)
     ScriptArgs other;
     EXPECT_FALSE(CallScriptFunc(&m_Widget, "Size", other));
     EXPECT_FALSE(CallScriptFunc(&m_Widget, "Nothing", other));
-    Island island;
+    Scripted island;
+    island.SetScriptInfo(&s_IslandInfo);
     EXPECT_FALSE(CallScriptFunc(&island, "MinMax", other));
     EXPECT_FALSE(CallScriptFunc(nullptr, "MinMax", other));
 }

@@ -216,7 +216,7 @@ ScriptSymbolTags s_Scale(1, "Scale", SST_Function, Nop, s_HelpInfo,             
                          SYMB_Optional, true, SYMS_ArgType, "string", SYMS_ArgName, "mode", //
                          SYMS_LongHelp, "Keeps the aspect ratio.", TAG_DONE);
 
-TEST(ScriptSymbolTagsHelp, FunctionPrototypeWithOptionalArgumentAndDescription)
+TEST(ScriptSymbolTagsHelp, PrototypesWithTypesOptionalArgumentsAndDescriptions)
 {
     EXPECT_STREQ(s_Scale.m_ShortHelp.Text(), "Scales the picture");
     EXPECT_STREQ(s_Scale.m_LongHelp.Text(), "number Picture:Scale(number factor [, string mode])\n"
@@ -225,10 +225,8 @@ TEST(ScriptSymbolTagsHelp, FunctionPrototypeWithOptionalArgumentAndDescription)
     EXPECT_EQ(s_Scale.Number(), SST_Function);
     EXPECT_TRUE(s_Scale.m_Flags & SSF_Tags);
     EXPECT_EQ(s_HelpInfo.m_Symbols, &s_Scale);
-}
 
-TEST(ScriptSymbolTagsHelp, UntypedFunctionAndVariableForms)
-{
+    // Untyped function and variable forms; no prototype gives no help.
     const struct
     {
         TagList tags;
@@ -238,7 +236,7 @@ TEST(ScriptSymbolTagsHelp, UntypedFunctionAndVariableForms)
         {TagList(SYMS_Prototype, "", SYMS_ArgType, "table", TAG_DONE), SST_Function, "Pic:Fill(table)\n"},
         {TagList(SYMS_Prototype, "The width.", SYMS_ReturnType, "number", TAG_DONE), SST_Variable,
          "number = Pic.Fill\n  The width.\n\n"},
-        {TagList(SYMS_ShortHelp, "short", TAG_DONE), SST_Function, ""}, // no prototype, no help
+        {TagList(SYMS_ShortHelp, "short", TAG_DONE), SST_Function, ""},
     };
     for (const auto &c : cases)
         EXPECT_STREQ(ScriptSymbolTags::BuildHelp(c.tags, c.kind, "Pic", "Fill").Text(), c.help);
