@@ -358,9 +358,7 @@ TEST(TagListLock, ReadersRaceAppendsThatGrowTheArray)
                 {
                     if (list.GetLong(TI_Width, 0) != 7 || list.GetDouble(TD_Weight, 0) != 2.5) ++bad;
                     TagList::Hold hold(list);
-                    int count = 0;
-                    for (Tag *at = list.Find(TI_Item); at; at = list.FindNext(TI_Item, at))
-                        ++count;
+                    const int count = int(Items(list).size());
                     if (count < seen) ++bad;
                     seen = count;
                 }
