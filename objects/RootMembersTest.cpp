@@ -22,6 +22,7 @@ using testobjects::FunctionValue;
 using testobjects::NumReturns;
 using testobjects::RunSpecial;
 using testobjects::Scripted;
+using testobjects::ScriptedOf;
 
 // A class with a function of two results, a variable, a function literally named "Table", a
 // one-letter function for the shortest "Table" form, and an attribute table.
@@ -87,11 +88,7 @@ void StrangerCount(void *, ScriptArgs &, ScriptSymbol *, bool)
 ScriptInfoT<Scripted> s_StrangerInfo(1, "Stranger");
 ScriptSymbol s_StrangerPoke(1, "Poke", SST_Function, StrangerCount, s_StrangerInfo);
 ScriptSymbol s_StrangerCreate(1, nullptr, SST_Create, StrangerCount, s_StrangerInfo);
-class Stranger : public Scripted
-{
-public:
-    Stranger() { _SetScriptInfo(this, s_StrangerInfo); }
-};
+using Stranger = ScriptedOf<s_StrangerInfo>;
 
 // A class whose member reads answer every name with the stranger's function.
 void ForgerGetTable(void *, ScriptArgs &args, ScriptSymbol *, bool)
@@ -100,46 +97,65 @@ void ForgerGetTable(void *, ScriptArgs &args, ScriptSymbol *, bool)
 }
 ScriptInfoT<Scripted> s_ForgerInfo(1, "Forger");
 ScriptSymbol s_ForgerGetTable(1, nullptr, SST_GetTable, ForgerGetTable, s_ForgerInfo);
-class Forger : public Scripted
-{
-public:
-    Forger() { _SetScriptInfo(this, s_ForgerInfo); }
-};
+using Forger = ScriptedOf<s_ForgerInfo>;
 
 // A registered class with a constructor.
 ScriptInfoT<Scripted> s_GadgetInfo(1, "Gadget");
 ScriptSymbol s_GadgetCreate(1, nullptr, SST_Create, WidgetName, s_GadgetInfo);
 
-// A class that can't look members up: its chain is not linked to the root.
+// The record of a class that can't look members up: its chain is not linked to the root.
 ScriptInfoT<Scripted> s_IslandInfo(1, "Island");
-class Island : public Scripted
-{
-public:
-    Island() { SetScriptInfo(&s_IslandInfo); }
-};
 
-ScriptArgs Named(const char *name)
+// The error number a call left in `args`, SE_None if none.
+int Error(const ScriptArgs &args)
 {
-    ScriptArgs args;
-    args.FindKey(0) = name;
-    return args;
+    return static_cast<int>(args.FindKeyConst("Error").ToNumber(SE_None));
 }
 
 class RootMembers : public ::testing::Test
 {
 protected:
     void TearDown() override { SetRootObjectHook(nullptr); }
-    // Reads member `name` of the widget and gives the first result.
-    ScriptVal Get(const char *name)
+
+    // Runs special `number` of `self` (the widget if null) with key 0 `name` and key 1 `arg`, where
+    // they are not nil. The args stay in the fixture, since a copy would drop the result count.
+    ScriptArgs &Run(uint32_t number, const ScriptVal &name, const ScriptVal &arg = ScriptVal(),
+                    ScriptObject *self = nullptr)
     {
-        ScriptArgs args = Named(name);
-        RunSpecial(&m_Widget, SST_GetTable, args);
-        return args.FindKeyConst(-1);
+        m_Args = ScriptArgs();
+        if (!name.IsNil()) m_Args.FindKey(0) = name;
+        if (!arg.IsNil()) m_Args.FindKey(1) = arg;
+        RunSpecial(self ? self : &m_Widget, number, m_Args, number == SST_SetTable);
+        return m_Args;
     }
+    // Reads member `name` of the widget and gives the first result.
+    ScriptVal Get(const char *name) { return Run(SST_GetTable, name).FindKeyConst(-1); }
+
+    // Asks SST_ObjectFromAddress of the widget for the object at `low` + `high` * 2^32; gives the
+    // number of results.
+    int Ask(ScriptArgs &args, double low, double high)
+    {
+        args = ScriptArgs();
+        args.FindKey(1) = low;
+        args.FindKey(2) = high;
+        RunSpecial(&m_Widget, SST_ObjectFromAddress, args);
+        return NumReturns(args);
+    }
+    // The object found at `address`, or null; the args are local, so no result outlives its object.
+    ScriptObject *AtAddress(const void *address)
+    {
+        const uint64_t number = reinterpret_cast<uintptr_t>(address);
+        ScriptArgs args;
+        const int found =
+            Ask(args, static_cast<double>(number & 0xFFFFFFFFu), static_cast<double>(number >> 32));
+        return found == 1 ? args.FindKeyConst(-1).ToLocalObject() : nullptr;
+    }
+
     Widget m_Widget;
+    ScriptArgs m_Args;
 };
 
-TEST_F(RootMembers, GetTableGivesFunctionsAsValuesAndCallsVariables)
+TEST_F(RootMembers, GetTableGivesFunctionsAsValuesAndCallsVariablesSetTableWritesVariablesOnly)
 {
     struct Case
     {
@@ -148,80 +164,56 @@ TEST_F(RootMembers, GetTableGivesFunctionsAsValuesAndCallsVariables)
         bool packed;
     };
     const Case functions[] = {
-        {"MinMax", &s_MinMax, false},       {"MinMaxTable", &s_MinMax, true},
+        {"MinMax", &s_MinMax, false},
+        {"MinMaxTable", &s_MinMax, true},
         {"Table", &s_TableFunc, false},     // an ordinary name
         {"XTable", &s_X, true},             // the shortest packed form
         {"Gadget", &s_GadgetCreate, false}, // a registered class gives its constructor
     };
     for (const Case &c : functions)
     {
+        SCOPED_TRACE(c.name);
         ScriptVal value = Get(c.name);
-        ASSERT_TRUE(value.IsFunction()) << c.name;
-        EXPECT_EQ(value.ToFunction(), FunctionValue(*c.function)) << c.name;
-        EXPECT_EQ(value.GetFlags(SVF_PackResults) != 0, c.packed) << c.name;
+        ASSERT_TRUE(value.IsFunction());
+        EXPECT_EQ(value.ToFunction(), FunctionValue(*c.function));
+        EXPECT_EQ(value.GetFlags(SVF_PackResults) != 0, c.packed);
     }
     EXPECT_EQ(Get("Size").ToNumber(), 4.0);
     // Help topics, a variable with the suffix, a class without a constructor.
     for (const char *none : {"Topic", "NoSuchMember", "SizeTable", "Widget"})
         EXPECT_TRUE(Get(none).IsNil()) << none;
-}
 
-TEST_F(RootMembers, GetTableNeedsAStringName)
-{
-    ScriptArgs args;
-    args.FindKey(0) = 5;
-    RunSpecial(&m_Widget, SST_GetTable, args);
-    EXPECT_EQ(args.FindKeyConst("Error").ToNumber(), static_cast<double>(SE_InvalidIndex));
-    EXPECT_STREQ(args.FindKeyConst("ErrorString").ToString(), "Invalid index.");
-    EXPECT_EQ(NumReturns(args), 0);
-}
+    ScriptArgs &number = Run(SST_GetTable, 5);
+    EXPECT_EQ(Error(number), SE_InvalidIndex);
+    EXPECT_STREQ(number.FindKeyConst("ErrorString").ToString(), "Invalid index.");
+    EXPECT_EQ(NumReturns(number), 0);
 
-TEST_F(RootMembers, SetTableWritesVariablesOnly)
-{
-    ScriptArgs args = Named("Size");
-    args.FindKey(1) = 9;
-    RunSpecial(&m_Widget, SST_SetTable, args, true);
+    // SetTable writes variables only.
+    Run(SST_SetTable, "Size", 9);
     EXPECT_EQ(m_Widget.m_Size, 9.0);
-
-    ScriptArgs call = Named("MinMax");
-    call.FindKey(1) = 1;
-    RunSpecial(&m_Widget, SST_SetTable, call, true);
+    Run(SST_SetTable, "MinMax", 1);
     EXPECT_EQ(m_Widget.m_Calls, 0);
 }
 
-TEST_F(RootMembers, PackedFunctionValueGivesItsResultsInOneTable)
+TEST_F(RootMembers, FunctionValuesAndMemberCallsGiveResultsPackedOrNot)
 {
-    ScriptArgs args;
-    args.FindKey(0) = Get("MinMaxTable");
-    args.FindKey(1) = 10;
-    RunSpecial(&m_Widget, SST_CallFunction, args);
-    ASSERT_EQ(NumReturns(args), 1);
-    const ScriptVal &table = args.FindKeyConst(-1);
-    ASSERT_TRUE(table.IsTable());
-    EXPECT_EQ(table.FindKeyConst(1).ToNumber(), 9.0);
-    EXPECT_EQ(table.FindKeyConst(2).ToNumber(), 11.0);
-    EXPECT_TRUE(args.FindKeyConst(-2).IsNil());
-}
+    ScriptArgs &packedValue = Run(SST_CallFunction, Get("MinMaxTable"), 10);
+    ASSERT_EQ(NumReturns(packedValue), 1);
+    ASSERT_TRUE(packedValue.FindKeyConst(-1).IsTable());
+    EXPECT_EQ(packedValue.FindKeyConst(-1).FindKeyConst(1).ToNumber(), 9.0);
+    EXPECT_EQ(packedValue.FindKeyConst(-1).FindKeyConst(2).ToNumber(), 11.0);
 
-TEST_F(RootMembers, CallMemberFunctionRunsAMemberInOneCommand)
-{
-    ScriptArgs args = Named("MinMax");
-    args.FindKey(1) = 5;
-    RunSpecial(&m_Widget, SST_CallMemberFunction, args);
-    ASSERT_EQ(NumReturns(args), 2);
-    EXPECT_EQ(args.FindKeyConst(-1).ToNumber(), 4.0);
-    EXPECT_EQ(args.FindKeyConst(-2).ToNumber(), 6.0);
+    ScriptArgs &member = Run(SST_CallMemberFunction, "MinMax", 5);
+    ASSERT_EQ(NumReturns(member), 2);
+    EXPECT_EQ(member.FindKeyConst(-1).ToNumber(), 4.0);
+    EXPECT_EQ(member.FindKeyConst(-2).ToNumber(), 6.0);
 
-    ScriptArgs packed = Named("MinMaxTable");
-    packed.FindKey(1) = 5;
-    RunSpecial(&m_Widget, SST_CallMemberFunction, packed);
-    ASSERT_EQ(NumReturns(packed), 1);
-    EXPECT_EQ(packed.FindKeyConst(-1).FindKeyConst(2).ToNumber(), 6.0);
+    ScriptArgs &packedMember = Run(SST_CallMemberFunction, "MinMaxTable", 5);
+    ASSERT_EQ(NumReturns(packedMember), 1);
+    EXPECT_EQ(packedMember.FindKeyConst(-1).FindKeyConst(2).ToNumber(), 6.0);
 
-    ScriptArgs variable = Named("Size");
-    RunSpecial(&m_Widget, SST_CallMemberFunction, variable);
-    EXPECT_EQ(NumReturns(variable), 0);
-    EXPECT_EQ(m_Widget.m_Calls, 2);
+    EXPECT_EQ(NumReturns(Run(SST_CallMemberFunction, "Size")), 0);
+    EXPECT_EQ(m_Widget.m_Calls, 3);
 }
 
 TEST_F(RootMembers, CallScriptFuncReportsWhetherItCalled)
@@ -234,7 +226,8 @@ TEST_F(RootMembers, CallScriptFuncReportsWhetherItCalled)
     ScriptArgs other;
     EXPECT_FALSE(CallScriptFunc(&m_Widget, "Size", other));
     EXPECT_FALSE(CallScriptFunc(&m_Widget, "Nothing", other));
-    Island island;
+    Scripted island;
+    island.SetScriptInfo(&s_IslandInfo);
     EXPECT_FALSE(CallScriptFunc(&island, "MinMax", other));
     EXPECT_FALSE(CallScriptFunc(nullptr, "MinMax", other));
 }
@@ -255,104 +248,62 @@ TEST_F(RootMembers, CallFunctionCallsOnlyFunctionsOfTheObjectsOwnChain)
     };
     for (const auto &c : refused)
     {
-        ScriptArgs args;
+        SCOPED_TRACE(c.what);
         ScriptValue value{};
         value.m_Function = c.value;
-        args.FindKey(0) = ScriptVal(SV_Function, &value);
-        RunSpecial(&m_Widget, SST_CallFunction, args);
-        EXPECT_EQ(args.FindKeyConst("Error").ToNumber(), static_cast<double>(SE_UnknownSymbol)) << c.what;
-        EXPECT_EQ(NumReturns(args), 0) << c.what;
+        ScriptArgs &args = Run(SST_CallFunction, ScriptVal(SV_Function, &value));
+        EXPECT_EQ(Error(args), SE_UnknownSymbol);
+        EXPECT_EQ(NumReturns(args), 0);
     }
-    EXPECT_EQ(s_StrangerCalls, 0);
     EXPECT_EQ(m_Widget.m_Calls, 0);
+    EXPECT_EQ(Error(Run(SST_CallFunction, ScriptVal())), SE_None);
 
-    // A class's own constructor is a function of its chain.
-    Stranger stranger;
-    ScriptArgs create;
-    create.FindKey(0) = Get("Stranger");
-    RunSpecial(&stranger, SST_CallFunction, create);
-    EXPECT_EQ(s_StrangerCalls, 1);
-    EXPECT_TRUE(create.FindKeyConst("Error").IsNil());
-
-    ScriptArgs none;
-    RunSpecial(&m_Widget, SST_CallFunction, none);
-    EXPECT_TRUE(none.FindKeyConst("Error").IsNil());
-}
-
-TEST_F(RootMembers, MemberCallsRefuseAFunctionOfAnotherClass)
-{
-    s_StrangerCalls = 0;
+    // Both ways of calling a member by name refuse a function of another class.
     Forger forger;
     ScriptArgs native;
     EXPECT_FALSE(CallScriptFunc(&forger, "Poke", native));
-    EXPECT_EQ(native.FindKeyConst("Error").ToNumber(), static_cast<double>(SE_UnknownSymbol));
-
-    ScriptArgs remote = Named("Poke");
-    RunSpecial(&forger, SST_CallMemberFunction, remote);
-    EXPECT_EQ(remote.FindKeyConst("Error").ToNumber(), static_cast<double>(SE_UnknownSymbol));
+    EXPECT_EQ(Error(native), SE_UnknownSymbol);
+    EXPECT_EQ(Error(Run(SST_CallMemberFunction, "Poke", ScriptVal(), &forger)), SE_UnknownSymbol);
     EXPECT_EQ(s_StrangerCalls, 0);
+
+    // A class's own constructor is a function of its chain.
+    Stranger stranger;
+    EXPECT_EQ(Error(Run(SST_CallFunction, Get("Stranger"), ScriptVal(), &stranger)), SE_None);
+    EXPECT_EQ(s_StrangerCalls, 1);
 }
 
 TEST_F(RootMembers, EqualityAndTextForm)
 {
     Widget other;
-    ScriptArgs same;
-    same.FindKey(1) = static_cast<ScriptObject *>(&m_Widget);
-    RunSpecial(&m_Widget, SST_EQ, same);
-    EXPECT_TRUE(same.FindKeyConst(-1).ToBoolean());
-
-    ScriptArgs different;
-    different.FindKey(1) = static_cast<ScriptObject *>(&other);
-    RunSpecial(&m_Widget, SST_EQ, different);
-    ASSERT_TRUE(different.FindKeyConst(-1).IsBoolean());
-    EXPECT_FALSE(different.FindKeyConst(-1).ToBoolean());
-
-    ScriptArgs text; // the class name and the address
-    RunSpecial(&m_Widget, SST_ToString, text);
-    EXPECT_EQ(std::string(text.FindKeyConst(-1).ToString()).rfind("Widget (0x", 0), 0u);
+    EXPECT_TRUE(
+        Run(SST_EQ, ScriptVal(), static_cast<ScriptObject *>(&m_Widget)).FindKeyConst(-1).ToBoolean());
+    const ScriptVal &different =
+        Run(SST_EQ, ScriptVal(), static_cast<ScriptObject *>(&other)).FindKeyConst(-1);
+    ASSERT_TRUE(different.IsBoolean());
+    EXPECT_FALSE(different.ToBoolean());
+    // The class name and the address.
+    EXPECT_EQ(std::string(Run(SST_ToString, ScriptVal()).FindKeyConst(-1).ToString()).rfind("Widget (0x", 0),
+              0u);
 }
 
 TEST_F(RootMembers, ObjectFromAddressAnswersOnlyForRegisteredObjects)
 {
     const uint64_t address = reinterpret_cast<uintptr_t>(&m_Widget);
-    // Gives the number of results; `args` keeps them (a copy of args would drop the count).
-    ScriptArgs args;
-    auto ask = [&](double low, double high)
-    {
-        args = ScriptArgs();
-        args.FindKey(1) = low;
-        args.FindKey(2) = high;
-        RunSpecial(&m_Widget, SST_ObjectFromAddress, args);
-        return NumReturns(args);
-    };
     const double low = static_cast<double>(address & 0xFFFFFFFFu);
     const double high = static_cast<double>(address >> 32);
 
     // A live object that nobody registered is as unknown as any other number.
-    EXPECT_EQ(ask(low, high), 0);
-    EXPECT_EQ(args.FindKeyConst("Error").ToNumber(), static_cast<double>(SE_InvalidObject));
-    EXPECT_STREQ(args.FindKeyConst("ErrorString").ToString(), "Invalid object.");
+    EXPECT_EQ(Ask(m_Args, low, high), 0);
+    EXPECT_EQ(Error(m_Args), SE_InvalidObject);
+    EXPECT_STREQ(m_Args.FindKeyConst("ErrorString").ToString(), "Invalid object.");
 
     RegisterObjectAddress(&m_Widget);
-    EXPECT_EQ(ask(low, high), 1);
-    EXPECT_EQ(args.FindKeyConst(-1).ToLocalObject(), &m_Widget);
-    EXPECT_EQ(ask(low + 8, high), 0);
-    EXPECT_EQ(ask(-1, high), 0);
-    EXPECT_EQ(ask(low, 4294967296.0), 0);
+    EXPECT_EQ(AtAddress(&m_Widget), &m_Widget);
+    EXPECT_EQ(Ask(m_Args, low + 8, high), 0);
+    EXPECT_EQ(Ask(m_Args, -1, high), 0);
+    EXPECT_EQ(Ask(m_Args, low, 4294967296.0), 0);
     UnregisterObjectAddress(&m_Widget);
-
-    EXPECT_EQ(ask(low, high), 0);
-}
-
-// Asks SST_ObjectFromAddress of `asker` for the object at `address`; gives the object found or null.
-ScriptObject *AtAddress(ScriptObject *asker, const void *address)
-{
-    const uint64_t number = reinterpret_cast<uintptr_t>(address);
-    ScriptArgs args;
-    args.FindKey(1) = static_cast<double>(number & 0xFFFFFFFFu);
-    args.FindKey(2) = static_cast<double>(number >> 32);
-    RunSpecial(asker, SST_ObjectFromAddress, args);
-    return NumReturns(args) == 1 ? args.FindKeyConst(-1).ToLocalObject() : nullptr;
+    EXPECT_EQ(AtAddress(&m_Widget), nullptr);
 }
 
 // A plain object whose assignment reaches ScriptObject's (RefObject's keeps its own state).
@@ -366,14 +317,14 @@ TEST_F(RootMembers, ObjectFromAddressForgetsAnObjectWhenItIsDestroyed)
     alignas(Widget) unsigned char storage[sizeof(Widget)];
     Widget *gone = new (storage) Widget;
     RegisterObjectAddress(gone);
-    ASSERT_EQ(AtAddress(&m_Widget, storage), gone);
+    ASSERT_EQ(AtAddress(storage), gone);
     {
         Widget copy(*gone); // a copy is not registered, and its end takes nothing out
     }
-    EXPECT_EQ(AtAddress(&m_Widget, storage), gone);
+    EXPECT_EQ(AtAddress(storage), gone);
     gone->~Widget();
     Widget *fresh = new (storage) Widget;
-    EXPECT_EQ(AtAddress(&m_Widget, storage), nullptr);
+    EXPECT_EQ(AtAddress(storage), nullptr);
     fresh->~Widget();
 
     // Assignment keeps the target registered, so that its end still takes it out.
@@ -383,7 +334,7 @@ TEST_F(RootMembers, ObjectFromAddressForgetsAnObjectWhenItIsDestroyed)
     *target = Plain();
     target->~Plain();
     Plain *reused = new (plainStorage) Plain;
-    EXPECT_EQ(AtAddress(&m_Widget, plainStorage), nullptr);
+    EXPECT_EQ(AtAddress(plainStorage), nullptr);
     reused->~Plain();
 }
 
@@ -412,44 +363,29 @@ TEST_F(RootMembers, ObjectFromAddressMayReleaseARegisteredObjectWhileStoringItsR
     UnregisterObjectAddress(&m_Widget);
 }
 
-TEST_F(RootMembers, GetAttrsAndSetAttrsGoThroughTheAttributeMember)
-{
-    ScriptArgs all = Named("GetAttrs");
-    RunSpecial(&m_Widget, SST_CallMemberFunction, all);
-    ASSERT_TRUE(all.FindKeyConst(-1).IsTable());
-    EXPECT_EQ(all.FindKeyConst(-1).FindKeyConst("Size").ToNumber(), 4.0);
-
-    ScriptArgs one = Named("GetAttrs");
-    one.FindKey(1) = "Size";
-    RunSpecial(&m_Widget, SST_CallMemberFunction, one);
-    EXPECT_EQ(one.FindKeyConst(-1).ToNumber(), 4.0);
-
-    ScriptArgs set = Named("SetAttrs");
-    set.FindKey(1) = ScriptVal(SV_Table, nullptr);
-    set.FindKey(1).FindKey("Size") = 12;
-    RunSpecial(&m_Widget, SST_CallMemberFunction, set);
-    EXPECT_EQ(m_Widget.m_Size, 12.0);
-}
-
 Widget *s_App = nullptr;
 ScriptObject *App()
 {
     return s_App;
 }
 
-TEST_F(RootMembers, GetAppGivesTheConfiguredRootObject)
+TEST_F(RootMembers, AttributesAndTheAppGoThroughTheirMembers)
 {
-    ScriptArgs none = Named("GetApp");
-    RunSpecial(&m_Widget, SST_CallMemberFunction, none);
-    EXPECT_EQ(NumReturns(none), 1);
-    EXPECT_TRUE(none.FindKeyConst(-1).IsNil());
+    ASSERT_TRUE(Run(SST_CallMemberFunction, "GetAttrs").FindKeyConst(-1).IsTable());
+    EXPECT_EQ(m_Args.FindKeyConst(-1).FindKeyConst("Size").ToNumber(), 4.0);
+    EXPECT_EQ(Run(SST_CallMemberFunction, "GetAttrs", "Size").FindKeyConst(-1).ToNumber(), 4.0);
+    ScriptVal attrs(SV_Table, nullptr);
+    attrs.FindKey("Size") = 12;
+    Run(SST_CallMemberFunction, "SetAttrs", attrs);
+    EXPECT_EQ(m_Widget.m_Size, 12.0);
 
+    EXPECT_EQ(NumReturns(Run(SST_CallMemberFunction, "GetApp")), 1);
+    EXPECT_TRUE(m_Args.FindKeyConst(-1).IsNil());
     Widget app;
     s_App = &app;
     SetRootObjectHook(App);
-    ScriptArgs args = Named("GetApp");
-    RunSpecial(&m_Widget, SST_CallMemberFunction, args);
-    EXPECT_EQ(args.FindKeyConst(-1).ToLocalObject(), &app);
+    EXPECT_EQ(Run(SST_CallMemberFunction, "GetApp").FindKeyConst(-1).ToLocalObject(), &app);
+    m_Args = ScriptArgs(); // lets go of the app before it goes
     s_App = nullptr;
 }
 

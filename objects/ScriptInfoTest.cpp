@@ -17,7 +17,9 @@ namespace orvexScript
 namespace
 {
 
+using testobjects::NumReturns;
 using testobjects::Scripted;
+using testobjects::ScriptedOf;
 
 void Nop(void *, ScriptArgs &, ScriptSymbol *, bool) {}
 
@@ -30,55 +32,41 @@ bool InRegistry(const ScriptInfo *record)
 
 // ---- a chain built only by ChainTest -------------------------------------------------------------
 
-class ChainBase : public Scripted
-{
-public:
-    ChainBase() { _SetScriptInfo(this, s_Info); }
-    static ScriptInfoT<ChainBase> s_Info;
-};
-class ChainDerived : public ChainBase
-{
-public:
-    ChainDerived() { _SetScriptInfo(this, s_Info); }
-    static ScriptInfoT<ChainDerived> s_Info;
-};
-ScriptInfoT<ChainBase> ChainBase::s_Info(1, "ChainBase", "base of the chain test");
-ScriptInfoT<ChainDerived> ChainDerived::s_Info(1, "ChainDerived");
+ScriptInfoT<Scripted> s_ChainBaseInfo(1, "ChainBase", "base of the chain test");
+ScriptInfoT<Scripted> s_ChainDerivedInfo(1, "ChainDerived");
+using ChainBase = ScriptedOf<s_ChainBaseInfo>;
+using ChainDerived = ScriptedOf<s_ChainDerivedInfo, ChainBase>;
 
 TEST(ScriptInfoChain, LinksToTheBaseOfTheFirstObjectWithoutNamingIt)
 {
-    EXPECT_TRUE(InRegistry(&ChainBase::s_Info));
-    EXPECT_TRUE(InRegistry(&ChainDerived::s_Info));
-    EXPECT_FALSE(ChainDerived::s_Info.IsLinked());
-    EXPECT_FALSE(ChainBase::s_Info.IsLinked());
+    EXPECT_TRUE(InRegistry(&s_ChainBaseInfo));
+    EXPECT_TRUE(InRegistry(&s_ChainDerivedInfo));
+    EXPECT_FALSE(s_ChainDerivedInfo.IsLinked());
+    EXPECT_FALSE(s_ChainBaseInfo.IsLinked());
 
     ChainDerived first;
-    EXPECT_EQ(first.GetScriptInfo(), &ChainDerived::s_Info);
-    EXPECT_EQ(ChainDerived::s_Info.m_Parent, &ChainBase::s_Info);
-    EXPECT_EQ(ChainBase::s_Info.m_Parent, g_RootScriptInfo);
+    EXPECT_EQ(first.GetScriptInfo(), &s_ChainDerivedInfo);
+    EXPECT_EQ(s_ChainDerivedInfo.m_Parent, &s_ChainBaseInfo);
+    EXPECT_EQ(s_ChainBaseInfo.m_Parent, g_RootScriptInfo);
     EXPECT_EQ(g_RootScriptInfo->m_Parent, nullptr);
     EXPECT_STREQ(g_RootScriptInfo->m_Name, "");
 
     ChainBase plain;
     ChainDerived second;
-    EXPECT_EQ(plain.GetScriptInfo(), &ChainBase::s_Info);
-    EXPECT_EQ(ChainDerived::s_Info.m_Parent, &ChainBase::s_Info);
+    EXPECT_EQ(plain.GetScriptInfo(), &s_ChainBaseInfo);
+    EXPECT_EQ(s_ChainDerivedInfo.m_Parent, &s_ChainBaseInfo);
 }
 
-TEST(ScriptInfoChain, ExplicitLinkKeepsAnExistingLink)
+TEST(ScriptInfoChain, ExplicitLinkKeepsAnExistingLinkAndADestroyedRecordLeavesTheRegistry)
 {
     ScriptInfoT<Scripted> parent(1, "ExplicitParent");
     ScriptInfoT<Scripted> child(1, "ExplicitChild");
     _InitScriptInfo(child, &parent);
-    EXPECT_EQ(child.m_Parent, &parent);
     _InitScriptInfo(child, nullptr);
     EXPECT_EQ(child.m_Parent, &parent);
     _InitScriptInfo(parent, nullptr);
     EXPECT_EQ(parent.m_Parent, g_RootScriptInfo);
-}
 
-TEST(ScriptInfoChain, DestroyedRecordLeavesTheRegistry)
-{
     auto record = std::make_unique<ScriptInfoT<Scripted>>(1, "Passing");
     const ScriptInfo *address = record.get();
     EXPECT_EQ(g_ScriptInfoList, address);
@@ -88,23 +76,11 @@ TEST(ScriptInfoChain, DestroyedRecordLeavesTheRegistry)
 
 // ---- constants ------------------------------------------------------------------------------------
 
-class ConstHolder : public Scripted
-{
-public:
-    ConstHolder() { _SetScriptInfo(this, s_Info); }
-    static ScriptInfoT<ConstHolder> s_Info;
-};
-ScriptInfoT<ConstHolder> ConstHolder::s_Info(1, "ConstHolder");
-class Unrelated : public Scripted
-{
-public:
-    Unrelated() { _SetScriptInfo(this, s_Info); }
-    static ScriptInfoT<Unrelated> s_Info;
-};
-ScriptInfoT<Unrelated> Unrelated::s_Info(1, "Unrelated");
-ScriptSymbol s_FirstConst(1, "CH_First", SST_Constant, Nop, ConstHolder::s_Info);
-ScriptSymbol s_HolderFunc(1, "CH_Func", SST_Function, Nop, ConstHolder::s_Info);
-ScriptSymbol s_SecondConst(1, "CH_Second", SST_Constant, Nop, ConstHolder::s_Info);
+ScriptInfoT<Scripted> s_ConstHolderInfo(1, "ConstHolder");
+using ConstHolder = ScriptedOf<s_ConstHolderInfo>;
+ScriptSymbol s_FirstConst(1, "CH_First", SST_Constant, Nop, s_ConstHolderInfo);
+ScriptSymbol s_HolderFunc(1, "CH_Func", SST_Function, Nop, s_ConstHolderInfo);
+ScriptSymbol s_SecondConst(1, "CH_Second", SST_Constant, Nop, s_ConstHolderInfo);
 
 TEST(ScriptInfoConstants, MoveToTheRootInOrderWhenTheClassIsLinked)
 {
@@ -114,43 +90,33 @@ TEST(ScriptInfoConstants, MoveToTheRootInOrderWhenTheClassIsLinked)
     // Newest first in the class, and still in that order at the front of the root's list.
     EXPECT_EQ(g_RootScriptInfo->m_Symbols, &s_SecondConst);
     EXPECT_EQ(s_SecondConst.m_Next, &s_FirstConst);
-    EXPECT_EQ(ConstHolder::s_Info.m_Symbols, &s_HolderFunc);
+    EXPECT_EQ(s_ConstHolderInfo.m_Symbols, &s_HolderFunc);
     EXPECT_EQ(s_HolderFunc.m_Next, nullptr);
-    EXPECT_EQ(s_FirstConst.m_Owner, &ConstHolder::s_Info);
+    EXPECT_EQ(s_FirstConst.m_Owner, &s_ConstHolderInfo);
 
     // Any object finds them now, the function stays with its class.
-    Unrelated unrelated;
-    EXPECT_EQ(FindSymbol(unrelated.GetScriptInfo(), "CH_First", 0), &s_FirstConst);
-    EXPECT_EQ(FindSymbol(unrelated.GetScriptInfo(), "CH_Second", SST_Constant), &s_SecondConst);
-    EXPECT_EQ(FindSymbol(unrelated.GetScriptInfo(), "CH_Func", 0), nullptr);
+    ScriptInfoT<Scripted> unrelated(1, "Unrelated");
+    _InitScriptInfo(unrelated, nullptr);
+    EXPECT_EQ(FindSymbol(&unrelated, "CH_First", 0), &s_FirstConst);
+    EXPECT_EQ(FindSymbol(&unrelated, "CH_Second", SST_Constant), &s_SecondConst);
+    EXPECT_EQ(FindSymbol(&unrelated, "CH_Func", 0), nullptr);
     EXPECT_EQ(FindSymbol(holder.GetScriptInfo(), "CH_Func", 0), &s_HolderFunc);
 }
 
 // ---- look-up ----------------------------------------------------------------------------------------
 
-class LookBase : public Scripted
-{
-public:
-    LookBase() { _SetScriptInfo(this, s_Info); }
-    static ScriptInfoT<LookBase> s_Info;
-};
-class LookDerived : public LookBase
-{
-public:
-    LookDerived() { _SetScriptInfo(this, s_Info); }
-    static ScriptInfoT<LookDerived> s_Info;
-};
-ScriptInfoT<LookBase> LookBase::s_Info(1, "LookBase");
-ScriptSymbol s_BaseValue(1, "Value", SST_Function, Nop, LookBase::s_Info);
-ScriptSymbol s_BaseDescribe(1, "Describe", SST_Function, Nop, LookBase::s_Info);
-ScriptSymbol s_BaseTrace(1, "Trace", SST_Function, Nop, LookBase::s_Info);
-ScriptSymbol s_BaseUnnamed(1, nullptr, SST_HelpTopic, Nop, LookBase::s_Info);
-ScriptSymbol s_BaseCall(1, nullptr, SST_Call, Nop, LookBase::s_Info);
-ScriptInfoT<LookDerived> LookDerived::s_Info(1, "LookDerived");
-ScriptSymbol s_DerivedValue(1, "Value", SST_Variable | SSF_Read, Nop, LookDerived::s_Info);
-ScriptSymbol s_DerivedDescribe(1, "Describe", SST_Function, Nop, LookDerived::s_Info);
-ScriptSymbol s_DerivedTrace(1, "Trace", SST_Function | SSF_DebugOnly, Nop, LookDerived::s_Info);
-ScriptSymbol s_DerivedHidden(1, "DebugOnly", SST_Function | SSF_DebugOnly, Nop, LookDerived::s_Info);
+ScriptInfoT<Scripted> s_LookBaseInfo(1, "LookBase");
+ScriptSymbol s_BaseValue(1, "Value", SST_Function, Nop, s_LookBaseInfo);
+ScriptSymbol s_BaseDescribe(1, "Describe", SST_Function, Nop, s_LookBaseInfo);
+ScriptSymbol s_BaseTrace(1, "Trace", SST_Function, Nop, s_LookBaseInfo);
+ScriptSymbol s_BaseUnnamed(1, nullptr, SST_HelpTopic, Nop, s_LookBaseInfo);
+ScriptSymbol s_BaseCall(1, nullptr, SST_Call, Nop, s_LookBaseInfo);
+ScriptInfoT<Scripted> s_LookDerivedInfo(1, "LookDerived");
+using LookDerived = ScriptedOf<s_LookDerivedInfo, ScriptedOf<s_LookBaseInfo>>;
+ScriptSymbol s_DerivedValue(1, "Value", SST_Variable | SSF_Read, Nop, s_LookDerivedInfo);
+ScriptSymbol s_DerivedDescribe(1, "Describe", SST_Function, Nop, s_LookDerivedInfo);
+ScriptSymbol s_DerivedTrace(1, "Trace", SST_Function | SSF_DebugOnly, Nop, s_LookDerivedInfo);
+ScriptSymbol s_DerivedHidden(1, "DebugOnly", SST_Function | SSF_DebugOnly, Nop, s_LookDerivedInfo);
 
 bool s_Debugging = false;
 bool Debugging()
@@ -158,62 +124,56 @@ bool Debugging()
     return s_Debugging;
 }
 
-class ScriptInfoLookup : public ::testing::Test
+TEST(ScriptInfoLookup, KindsNearestDeclarationsAndSpecialSlotsComeFromTheChain)
 {
-protected:
-    void TearDown() override { SetIsDebugHook(nullptr); }
-    LookDerived m_Object;
-    const ScriptInfo *Info() const { return m_Object.GetScriptInfo(); }
-};
-
-TEST_F(ScriptInfoLookup, NumberZeroTakesAnyKindAndTheKindNumberSkipsOthers)
-{
-    EXPECT_EQ(FindSymbol(Info(), "Value", 0), &s_DerivedValue);
-    EXPECT_EQ(FindSymbol(Info(), "Value", SST_Variable), &s_DerivedValue);
-    EXPECT_EQ(FindSymbol(Info(), "Value", SST_Function), &s_BaseValue);
-    EXPECT_EQ(FindSymbol(Info(), "Value", SST_Constant), nullptr);
-}
-
-TEST_F(ScriptInfoLookup, NearestDeclarationWinsAndNamesAreCaseSensitive)
-{
-    EXPECT_EQ(FindSymbol(Info(), "Describe", 0), &s_DerivedDescribe);
-    EXPECT_EQ(FindSymbol(&LookBase::s_Info, "Describe", 0), &s_BaseDescribe);
-    EXPECT_EQ(FindSymbol(Info(), "describe", 0), nullptr);
-    EXPECT_EQ(Info()->FindSymbol("Describe", SST_Function), &s_DerivedDescribe);
-}
-
-TEST_F(ScriptInfoLookup, SpecialNumbersAndUnnamedKindsComeFromTheChain)
-{
-    EXPECT_EQ(FindSymbol(Info(), nullptr, SST_Call), &s_BaseCall);
-    EXPECT_EQ(FindSymbol(Info(), "ignored", SST_Call), &s_BaseCall);
-    EXPECT_EQ(FindSymbol(Info(), nullptr, SST_Create), nullptr);
-    EXPECT_NE(FindSymbol(Info(), nullptr, SST_GetTable), nullptr); // the root's
-    EXPECT_EQ(FindSymbol(Info(), nullptr, SST_HelpTopic), &s_BaseUnnamed);
-    EXPECT_EQ(FindSymbol(Info(), nullptr, 256), nullptr);
-    EXPECT_EQ(FindSymbol(nullptr, "Value", 0), nullptr);
-    EXPECT_EQ(FindSymbol(nullptr, nullptr, SST_GetTable), nullptr);
-}
-
-TEST_F(ScriptInfoLookup, DebugOnlyMembersAppearOnlyWhileDebuggingAndShadowNothing)
-{
-    EXPECT_EQ(FindSymbol(Info(), "DebugOnly", 0), nullptr);
-    EXPECT_EQ(FindSymbol(Info(), "Trace", 0), &s_BaseTrace);
+    LookDerived object;
+    const ScriptInfo *derived = object.GetScriptInfo();
+    ScriptInfoT<Scripted> lone(1, "Lone"); // never linked: the walk stops at it
+    ScriptSymbol own(1, "LoneMember", SST_Function, Nop, lone);
+    const struct
+    {
+        const ScriptInfo *info;
+        const char *name;
+        uint32_t number;
+        const ScriptSymbol *found;
+    } cases[] = {
+        // Number zero takes any kind, a kind number skips the others.
+        {derived, "Value", 0, &s_DerivedValue},
+        {derived, "Value", SST_Variable, &s_DerivedValue},
+        {derived, "Value", SST_Function, &s_BaseValue},
+        {derived, "Value", SST_Constant, nullptr},
+        // The nearest declaration wins; names are case-sensitive.
+        {derived, "Describe", 0, &s_DerivedDescribe},
+        {&s_LookBaseInfo, "Describe", 0, &s_BaseDescribe},
+        {derived, "describe", 0, nullptr},
+        // Special numbers and unnamed kinds ignore the name.
+        {derived, nullptr, SST_Call, &s_BaseCall},
+        {derived, "ignored", SST_Call, &s_BaseCall},
+        {derived, nullptr, SST_Create, nullptr},
+        {derived, nullptr, SST_GetTable, FindSymbol(g_RootScriptInfo, nullptr, SST_GetTable)},
+        {derived, nullptr, SST_HelpTopic, &s_BaseUnnamed},
+        {derived, nullptr, 256, nullptr},
+        {nullptr, "Value", 0, nullptr},
+        {nullptr, nullptr, SST_GetTable, nullptr},
+        {&lone, "LoneMember", 0, &own},
+        {&lone, nullptr, SST_GetTable, nullptr},
+        // Debug-only members are hidden while not debugging and shadow nothing.
+        {derived, "DebugOnly", 0, nullptr},
+        {derived, "Trace", 0, &s_BaseTrace},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(FindSymbol(c.info, c.name, c.number), c.found)
+            << (c.name ? c.name : "(no name)") << " number " << c.number;
+    EXPECT_EQ(derived->FindSymbol("Describe", SST_Function), &s_DerivedDescribe);
 
     s_Debugging = false;
     SetIsDebugHook(Debugging);
-    EXPECT_EQ(FindSymbol(Info(), "Trace", 0), &s_BaseTrace);
+    EXPECT_EQ(FindSymbol(derived, "Trace", 0), &s_BaseTrace);
     s_Debugging = true;
     EXPECT_TRUE(IsScriptDebug());
-    EXPECT_EQ(FindSymbol(Info(), "Trace", 0), &s_DerivedTrace);
-    EXPECT_EQ(FindSymbol(Info(), "DebugOnly", SST_Function), &s_DerivedHidden);
-}
-
-TEST(ScriptInfoLookupWalk, StopsAtAParentThatIsNotLinked)
-{
-    ScriptInfoT<Scripted> lone(1, "Lone");
-    ScriptSymbol own(1, "LoneMember", SST_Function, Nop, lone);
-    EXPECT_EQ(FindSymbol(&lone, "LoneMember", 0), &own);
-    EXPECT_EQ(FindSymbol(&lone, nullptr, SST_GetTable), nullptr);
+    EXPECT_EQ(FindSymbol(derived, "Trace", 0), &s_DerivedTrace);
+    EXPECT_EQ(FindSymbol(derived, "DebugOnly", SST_Function), &s_DerivedHidden);
+    SetIsDebugHook(nullptr);
 }
 
 TEST(ScriptSymbolRecord, AddsItselfToItsOwnerAndLeavesWhenDestroyed)
@@ -256,7 +216,7 @@ ScriptSymbolTags s_Scale(1, "Scale", SST_Function, Nop, s_HelpInfo,             
                          SYMB_Optional, true, SYMS_ArgType, "string", SYMS_ArgName, "mode", //
                          SYMS_LongHelp, "Keeps the aspect ratio.", TAG_DONE);
 
-TEST(ScriptSymbolTagsHelp, FunctionPrototypeWithOptionalArgumentAndDescription)
+TEST(ScriptSymbolTagsHelp, PrototypesWithTypesOptionalArgumentsAndDescriptions)
 {
     EXPECT_STREQ(s_Scale.m_ShortHelp.Text(), "Scales the picture");
     EXPECT_STREQ(s_Scale.m_LongHelp.Text(), "number Picture:Scale(number factor [, string mode])\n"
@@ -265,60 +225,53 @@ TEST(ScriptSymbolTagsHelp, FunctionPrototypeWithOptionalArgumentAndDescription)
     EXPECT_EQ(s_Scale.Number(), SST_Function);
     EXPECT_TRUE(s_Scale.m_Flags & SSF_Tags);
     EXPECT_EQ(s_HelpInfo.m_Symbols, &s_Scale);
-}
 
-TEST(ScriptSymbolTagsHelp, UntypedFunctionAndVariableForms)
-{
-    TagList untyped(SYMS_Prototype, "", SYMS_ArgType, "table", TAG_DONE);
-    EXPECT_STREQ(ScriptSymbolTags::BuildHelp(untyped, SST_Function, "Pic", "Fill").Text(),
-                 "Pic:Fill(table)\n");
-
-    TagList variable(SYMS_Prototype, "The width.", SYMS_ReturnType, "number", TAG_DONE);
-    EXPECT_STREQ(ScriptSymbolTags::BuildHelp(variable, SST_Variable, "Pic", "Width").Text(),
-                 "number = Pic.Width\n  The width.\n\n");
-
-    TagList none(SYMS_ShortHelp, "short", TAG_DONE);
-    EXPECT_TRUE(ScriptSymbolTags::BuildHelp(none, SST_Function, "Pic", "X").IsEmpty());
+    // Untyped function and variable forms; no prototype gives no help.
+    const struct
+    {
+        TagList tags;
+        uint32_t kind;
+        const char *help;
+    } cases[] = {
+        {TagList(SYMS_Prototype, "", SYMS_ArgType, "table", TAG_DONE), SST_Function, "Pic:Fill(table)\n"},
+        {TagList(SYMS_Prototype, "The width.", SYMS_ReturnType, "number", TAG_DONE), SST_Variable,
+         "number = Pic.Fill\n  The width.\n\n"},
+        {TagList(SYMS_ShortHelp, "short", TAG_DONE), SST_Function, ""},
+    };
+    for (const auto &c : cases)
+        EXPECT_STREQ(ScriptSymbolTags::BuildHelp(c.tags, c.kind, "Pic", "Fill").Text(), c.help);
 }
 
 // ---- custom data ------------------------------------------------------------------------------------
 
-TEST(ReturnCustomData, NamedPathGivesOneResultNilForAMissingLastKeyNoneForNoTable)
+TEST(ReturnCustomData, NamedPathGivesOneResultNilForAMissingLastKeyNoneForNoTableAndNoNameTheKeys)
 {
     ScriptVal data(SV_Table, nullptr);
     data.FindKey("Owner") = ScriptVal(SV_Table, nullptr);
     data.FindKey("Owner").FindKey("Name") = "Ada";
     data.FindKey("Count") = 3;
+    data.FindKey(7) = 4;
 
     ScriptArgs args;
     ReturnCustomData(args, "Owner.Name", data);
-    EXPECT_EQ(testobjects::NumReturns(args), 1);
+    EXPECT_EQ(NumReturns(args), 1);
     EXPECT_STREQ(args.FindKeyConst(-1).ToString(), "Ada");
 
     ReturnCustomData(args, "Owner.Missing", data);
-    EXPECT_EQ(testobjects::NumReturns(args), 2);
+    EXPECT_EQ(NumReturns(args), 2);
     EXPECT_TRUE(args.FindKeyConst(-2).IsNil());
 
     ReturnCustomData(args, "Count.Deeper", data); // runs through a number
     ReturnCustomData(args, "Count", ScriptVal("not a table"));
-    EXPECT_EQ(testobjects::NumReturns(args), 2);
-}
+    EXPECT_EQ(NumReturns(args), 2);
 
-TEST(ReturnCustomData, NoNameListsTheKeysInOrder)
-{
-    ScriptVal data(SV_Table, nullptr);
-    data.FindKey("Zeta") = 1;
-    data.FindKey("Alpha") = 2;
-    data.FindKey(7) = 3;
-
-    ScriptArgs args;
-    ReturnCustomData(args, nullptr, data);
-    ASSERT_EQ(testobjects::NumReturns(args), 1);
-    const ScriptVal &keys = args.FindKeyConst(-1);
+    ReturnCustomData(args, nullptr, data); // the keys in order
+    ASSERT_EQ(NumReturns(args), 3);
+    const ScriptVal &keys = args.FindKeyConst(-3);
     ASSERT_TRUE(keys.IsTable());
     EXPECT_EQ(keys.NumKeys(), 3);
-    EXPECT_STREQ(keys.FindKeyConst(1).ToString(), "Zeta");
-    EXPECT_STREQ(keys.FindKeyConst(2).ToString(), "Alpha");
+    EXPECT_STREQ(keys.FindKeyConst(1).ToString(), "Owner");
+    EXPECT_STREQ(keys.FindKeyConst(2).ToString(), "Count");
     EXPECT_EQ(keys.FindKeyConst(3).ToNumber(), 7.0);
 }
 

@@ -1,5 +1,6 @@
 // Shared by the object tests (header only: they link the object layer): an object that keeps the
-// record its constructors give it, and small helpers to run a special member and read results.
+// record its constructors give it, one of a given class, and small helpers to run a special member and read
+// results.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -17,6 +18,14 @@ public:
 
 private:
     ScriptInfo *m_Info = nullptr;
+};
+
+// An object of the class whose record is `Info` (a ScriptInfoT<Scripted>) and whose base class is
+// `Base`: its constructor links the record on first use, as a class's own constructor does.
+template <auto &Info, class Base = Scripted> class ScriptedOf : public Base
+{
+public:
+    ScriptedOf() { _SetScriptInfo(this, Info); }
 };
 
 inline int NumReturns(const ScriptArgs &args)

@@ -21,17 +21,25 @@ std::vector<double> NumberKeys(const ScriptVal &table)
     return keys;
 }
 
-TEST(ScriptValReturn, ResultsCountDownFromMinusOneAheadOfTheArguments)
+TEST(ScriptValReturn, ResultsCountDownFromMinusOneAheadOfTheArgumentsOverProtectedSlots)
 {
+    char symbol[8] = {};
     ScriptArgs args;
     args.FindKey(0) = "Member";
     args.FindKey(1) = 7;
+    args.FindKey(-2) = 5;
+    args.FindKey(-2).SetFlags(SVF_Const);
     args.ReturnNumber(1);
     args.ReturnString("two");
-    EXPECT_EQ(args.m_Value.m_Args.m_NumReturns, 2);
+    args.ReturnFunction(reinterpret_cast<ScriptSymbol *>(symbol));
+    args.ReturnFunction(nullptr);
+    EXPECT_EQ(args.m_Value.m_Args.m_NumReturns, 4);
     EXPECT_EQ(args.FindKeyConst(-1).ToNumber(), 1.0);
     EXPECT_STREQ(args.FindKeyConst(-2).ToString(), "two");
-    EXPECT_EQ(NumberKeys(args), (std::vector<double>{-2, -1, 0, 1}));
+    EXPECT_EQ(args.FindKeyConst(-2).GetFlags(SVF_Const), 0u);
+    EXPECT_EQ(args.FindKeyConst(-3).ToFunction(), reinterpret_cast<uintptr_t>(symbol));
+    EXPECT_TRUE(args.FindKeyConst(-4).IsNil());
+    EXPECT_EQ(NumberKeys(args), (std::vector<double>{-4, -3, -2, -1, 0, 1}));
 }
 
 TEST(ScriptValReturn, CountStopsAt255AndNeverReachesKeyZero)
@@ -46,55 +54,25 @@ TEST(ScriptValReturn, CountStopsAt255AndNeverReachesKeyZero)
     EXPECT_TRUE(args.FindKeyConst(-256).IsNil());
 }
 
-TEST(ScriptValReturn, OverwritesAProtectedSlot)
+TEST(ScriptValReturn, TablesCountTheirResultsAsArgsDoOtherKindsStoreNothing)
 {
     ScriptArgs args;
-    args.FindKey(-1) = 5;
-    args.FindKey(-1).SetFlags(SVF_Const);
-    args.ReturnString("fresh");
-    EXPECT_STREQ(args.FindKeyConst(-1).ToString(), "fresh");
-    EXPECT_EQ(args.FindKeyConst(-1).GetFlags(SVF_Const), 0u);
-}
-
-TEST(ScriptValReturn, TablesCountTheirResultsOtherKindsStoreNothing)
-{
     ScriptVal table(SV_Table, nullptr);
     table.FindKey(1) = "argument";
-    table.ReturnBoolean(true);
-    table.ReturnNumber(2);
-    EXPECT_TRUE(table.FindKeyConst(-1).ToBoolean());
-    EXPECT_EQ(table.FindKeyConst(-2).ToNumber(), 2.0);
+    for (ScriptVal *target : {static_cast<ScriptVal *>(&args), &table})
+    {
+        target->ReturnNil(); // counts, so the number after it goes to -2
+        target->ReturnNumber(5);
+        EXPECT_TRUE(target->Exists(ScriptVal(-1)));
+        EXPECT_TRUE(target->FindKeyConst(-1).IsNil());
+        EXPECT_EQ(target->FindKeyConst(-2).ToNumber(), 5.0);
+    }
     EXPECT_STREQ(table.FindKeyConst(1).ToString(), "argument");
     EXPECT_EQ(table.GetConstructor(), nullptr);
 
     ScriptVal text("unchanged");
     text.ReturnNumber(1);
     EXPECT_STREQ(text.ToString(), "unchanged");
-}
-
-TEST(ScriptValReturn, ANilResultCountsOnTablesAsOnArgs)
-{
-    ScriptArgs args;
-    ScriptVal table(SV_Table, nullptr);
-    for (ScriptVal *target : {static_cast<ScriptVal *>(&args), &table})
-    {
-        target->ReturnNil();
-        target->ReturnNumber(5);
-        EXPECT_TRUE(target->Exists(ScriptVal(-1)));
-        EXPECT_TRUE(target->FindKeyConst(-1).IsNil());
-        EXPECT_EQ(target->FindKeyConst(-2).ToNumber(), 5.0);
-    }
-}
-
-TEST(ScriptValReturn, FunctionValueHoldsTheSymbolAddress)
-{
-    char symbol[8] = {};
-    ScriptArgs args;
-    args.ReturnFunction(reinterpret_cast<ScriptSymbol *>(symbol));
-    args.ReturnFunction(nullptr);
-    EXPECT_EQ(args.FindKeyConst(-1).ToFunction(), reinterpret_cast<uintptr_t>(symbol));
-    EXPECT_TRUE(args.FindKeyConst(-2).IsNil());
-    EXPECT_EQ(args.m_Value.m_Args.m_NumReturns, 2);
 }
 
 } // namespace
