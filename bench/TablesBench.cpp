@@ -5,9 +5,9 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
-#include <ctime>
 #include <cstdint>
 #include <cstdio>
+#include <ctime>
 #include <map>
 #include <random>
 #include <string>
@@ -163,7 +163,8 @@ void BM_ScriptVal(benchmark::State &state)
     int n = int(state.range(0));
     bool numbers = state.range(1) != 0;
     const Keys &keys = KeysOf(n);
-    TimedLoop(state, Name("ScriptVal", numbers, n), [&] { benchmark::DoNotOptimize(FillScriptVal(keys, numbers)); });
+    TimedLoop(state, Name("ScriptVal", numbers, n),
+              [&] { benchmark::DoNotOptimize(FillScriptVal(keys, numbers)); });
 }
 
 void BM_ScriptValLinear(benchmark::State &state)
@@ -172,7 +173,8 @@ void BM_ScriptValLinear(benchmark::State &state)
     bool numbers = state.range(1) != 0;
     const Keys &keys = KeysOf(n);
     SetTableIndexThreshold(SIZE_MAX);
-    TimedLoop(state, Name("linear", numbers, n), [&] { benchmark::DoNotOptimize(FillScriptVal(keys, numbers)); });
+    TimedLoop(state, Name("linear", numbers, n),
+              [&] { benchmark::DoNotOptimize(FillScriptVal(keys, numbers)); });
     SetTableIndexThreshold(0);
 }
 
@@ -191,7 +193,8 @@ void BM_LuaJIT(benchmark::State &state)
     bool numbers = state.range(1) != 0;
     const Keys &keys = KeysOf(n);
     lua_State *L = luaL_newstate();
-    TimedLoop(state, Name("LuaJIT", numbers, n), [&] { benchmark::DoNotOptimize(FillLua(L, keys, numbers)); });
+    TimedLoop(state, Name("LuaJIT", numbers, n),
+              [&] { benchmark::DoNotOptimize(FillLua(L, keys, numbers)); });
     lua_close(L);
 }
 
@@ -215,8 +218,13 @@ BENCHMARK(BM_ScriptVal)->Apply(LargeSizes);
 BENCHMARK(BM_UnorderedMap)->Apply(LargeSizes);
 BENCHMARK(BM_LuaJIT)->Apply(LargeSizes);
 // The list walk alone is quadratic: only the two smaller sizes are worth waiting for.
-BENCHMARK(BM_ScriptValLinear)->Args({1000, 0})->Args({16000, 0})->Args({1000, 1})->Args({16000, 1})
-    ->Unit(benchmark::kMillisecond)->MinTime(0.3);
+BENCHMARK(BM_ScriptValLinear)
+    ->Args({1000, 0})
+    ->Args({16000, 0})
+    ->Args({1000, 1})
+    ->Args({16000, 1})
+    ->Unit(benchmark::kMillisecond)
+    ->MinTime(0.3);
 BENCHMARK(BM_ScriptVal)->Apply(SmallSizes);
 BENCHMARK(BM_ScriptValLinear)->Apply(SmallSizes);
 
@@ -233,18 +241,19 @@ void PrintSummary()
             double map = get(Name("unordered_map", numbers, n));
             double lua = get(Name("LuaJIT", numbers, n));
             double linear = get(Name("linear", numbers, n));
-            std::printf("  %-7s %6d keys: ScriptVal %9.3f ms, unordered_map %8.3f ms (x%.2f), LuaJIT %8.3f ms "
-                        "(x%.2f)",
-                        numbers ? "numbers" : "strings", n, mine / 1e6, map / 1e6, ratio(mine, map), lua / 1e6,
-                        ratio(mine, lua));
-            if (linear > 0)
-                std::printf(", list walk %9.3f ms", linear / 1e6);
+            std::printf(
+                "  %-7s %6d keys: ScriptVal %9.3f ms, unordered_map %8.3f ms (x%.2f), LuaJIT %8.3f ms "
+                "(x%.2f)",
+                numbers ? "numbers" : "strings", n, mine / 1e6, map / 1e6, ratio(mine, map), lua / 1e6,
+                ratio(mine, lua));
+            if (linear > 0) std::printf(", list walk %9.3f ms", linear / 1e6);
             std::printf("\n");
         }
-        std::printf("  %s growth 16000 -> 256000 keys: ScriptVal x%.1f, unordered_map x%.1f (x16 is linear)\n",
-                    numbers ? "numbers" : "strings",
-                    ratio(get(Name("ScriptVal", numbers, 256000)), get(Name("ScriptVal", numbers, 16000))),
-                    ratio(get(Name("unordered_map", numbers, 256000)), get(Name("unordered_map", numbers, 16000))));
+        std::printf(
+            "  %s growth 16000 -> 256000 keys: ScriptVal x%.1f, unordered_map x%.1f (x16 is linear)\n",
+            numbers ? "numbers" : "strings",
+            ratio(get(Name("ScriptVal", numbers, 256000)), get(Name("ScriptVal", numbers, 16000))),
+            ratio(get(Name("unordered_map", numbers, 256000)), get(Name("unordered_map", numbers, 16000))));
     }
     for (bool numbers : {false, true})
         for (int n : {4, 8, 16, 32, 64})
@@ -261,8 +270,7 @@ void PrintSummary()
 int main(int argc, char **argv)
 {
     benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     PrintSummary();

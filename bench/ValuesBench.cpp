@@ -4,11 +4,11 @@
 // benchmark table.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <algorithm>
 #include <map>
 #include <new>
 #include <string>
@@ -16,9 +16,9 @@
 #include <vector>
 
 #include "values/base/Collate.h"
+#include "values/base/TextLocale.h"
 #include "values/model/KeID.h"
 #include "values/model/ScriptVal.h"
-#include "values/base/TextLocale.h"
 
 using namespace orvexScript;
 
@@ -38,8 +38,7 @@ extern "C" void *malloc(size_t size)
 void *operator new(size_t size)
 {
     g_Allocations.fetch_add(1, std::memory_order_relaxed);
-    if (void *p = __libc_malloc(size ? size : 1))
-        return p;
+    if (void *p = __libc_malloc(size ? size : 1)) return p;
     throw std::bad_alloc();
 }
 
@@ -83,20 +82,24 @@ template <typename F> void TimedLoop(benchmark::State &state, const std::string 
 void BM_CopyStringVal(benchmark::State &state)
 {
     ScriptVal source("a string that is copied around");
-    TimedLoop(state, "copy ScriptVal string", [&] {
-        ScriptVal copy(source);
-        benchmark::DoNotOptimize(copy);
-    });
+    TimedLoop(state, "copy ScriptVal string",
+              [&]
+              {
+                  ScriptVal copy(source);
+                  benchmark::DoNotOptimize(copy);
+              });
 }
 BENCHMARK(BM_CopyStringVal);
 
 void BM_CopyKeID(benchmark::State &state)
 {
     KeID source("Group.Identifier");
-    TimedLoop(state, "copy KeID", [&] {
-        KeID copy(source);
-        benchmark::DoNotOptimize(copy);
-    });
+    TimedLoop(state, "copy KeID",
+              [&]
+              {
+                  KeID copy(source);
+                  benchmark::DoNotOptimize(copy);
+              });
 }
 BENCHMARK(BM_CopyKeID);
 
@@ -104,10 +107,12 @@ BENCHMARK(BM_CopyKeID);
 void BM_AtomicPairBaseline(benchmark::State &state)
 {
     static std::atomic<int32_t> count{1};
-    TimedLoop(state, "atomic pair", [&] {
-        count.fetch_add(1);
-        benchmark::DoNotOptimize(count.fetch_sub(1));
-    });
+    TimedLoop(state, "atomic pair",
+              [&]
+              {
+                  count.fetch_add(1);
+                  benchmark::DoNotOptimize(count.fetch_sub(1));
+              });
 }
 BENCHMARK(BM_AtomicPairBaseline);
 
@@ -117,28 +122,31 @@ ScriptVal NumberTable(int n, bool gap)
 {
     ScriptVal t(SV_Table, nullptr);
     for (int i = 1; i <= n + (gap ? 1 : 0); ++i)
-        if (!gap || i != n / 2)
-            t[i] = double(i);
+        if (!gap || i != n / 2) t[i] = double(i);
     return t;
 }
 
 void BM_CopyArrayPath(benchmark::State &state)
 {
     ScriptVal source = NumberTable(100000, false);
-    TimedLoop(state, "copy 100000 dense", [&] {
-        ScriptVal copy(source);
-        benchmark::DoNotOptimize(copy);
-    });
+    TimedLoop(state, "copy 100000 dense",
+              [&]
+              {
+                  ScriptVal copy(source);
+                  benchmark::DoNotOptimize(copy);
+              });
 }
 BENCHMARK(BM_CopyArrayPath)->Unit(benchmark::kMillisecond);
 
 void BM_CopyGeneralPath(benchmark::State &state)
 {
     ScriptVal source = NumberTable(100000, true);
-    TimedLoop(state, "copy 100000 with gap", [&] {
-        ScriptVal copy(source);
-        benchmark::DoNotOptimize(copy);
-    });
+    TimedLoop(state, "copy 100000 with gap",
+              [&]
+              {
+                  ScriptVal copy(source);
+                  benchmark::DoNotOptimize(copy);
+              });
 }
 BENCHMARK(BM_CopyGeneralPath)->Unit(benchmark::kMillisecond);
 
@@ -160,10 +168,12 @@ void BM_FindKey(benchmark::State &state)
     for (int i = 0; i < n; ++i)
         t[names[i].c_str()] = double(i);
     size_t i = 0;
-    TimedLoop(state, "FindKey " + std::to_string(n), [&] {
-        benchmark::DoNotOptimize(t.FindKeyConst(names[i].c_str()).ToNumber());
-        i = (i + 1) % names.size();
-    });
+    TimedLoop(state, "FindKey " + std::to_string(n),
+              [&]
+              {
+                  benchmark::DoNotOptimize(t.FindKeyConst(names[i].c_str()).ToNumber());
+                  i = (i + 1) % names.size();
+              });
 }
 BENCHMARK(BM_FindKey)->Arg(4)->Arg(16)->Arg(64);
 
@@ -175,10 +185,12 @@ void BM_UnorderedMap(benchmark::State &state)
     for (int i = 0; i < n; ++i)
         map[names[i]] = double(i);
     size_t i = 0;
-    TimedLoop(state, "unordered_map " + std::to_string(n), [&] {
-        benchmark::DoNotOptimize(map.find(names[i])->second);
-        i = (i + 1) % names.size();
-    });
+    TimedLoop(state, "unordered_map " + std::to_string(n),
+              [&]
+              {
+                  benchmark::DoNotOptimize(map.find(names[i])->second);
+                  i = (i + 1) % names.size();
+              });
 }
 BENCHMARK(BM_UnorderedMap)->Arg(4)->Arg(16)->Arg(64);
 
@@ -197,12 +209,14 @@ template <typename Less> void SortNames(benchmark::State &state, const std::stri
 {
     std::vector<std::string> names = FileNames();
     std::vector<const char *> order(names.size());
-    TimedLoop(state, name, [&] {
-        for (size_t i = 0; i < names.size(); ++i)
-            order[i] = names[i].c_str();
-        std::sort(order.begin(), order.end(), less);
-        benchmark::DoNotOptimize(order.data());
-    });
+    TimedLoop(state, name,
+              [&]
+              {
+                  for (size_t i = 0; i < names.size(); ++i)
+                      order[i] = names[i].c_str();
+                  std::sort(order.begin(), order.end(), less);
+                  benchmark::DoNotOptimize(order.data());
+              });
 }
 
 void BM_SortSmart(benchmark::State &state)
@@ -214,10 +228,12 @@ BENCHMARK(BM_SortSmart)->Unit(benchmark::kMicrosecond);
 // The earlier way: both texts decoded to wide strings for every comparison.
 void BM_SortSmartWidened(benchmark::State &state)
 {
-    SortNames(state, "sort smart widened", [](const char *a, const char *b) {
-        std::wstring wideA = TextLocale::WidenUtf8(a), wideB = TextLocale::WidenUtf8(b);
-        return wcsicoll_smart(wideA.c_str(), wideB.c_str()) < 0;
-    });
+    SortNames(state, "sort smart widened",
+              [](const char *a, const char *b)
+              {
+                  std::wstring wideA = TextLocale::WidenUtf8(a), wideB = TextLocale::WidenUtf8(b);
+                  return wcsicoll_smart(wideA.c_str(), wideB.c_str()) < 0;
+              });
 }
 BENCHMARK(BM_SortSmartWidened)->Unit(benchmark::kMicrosecond);
 
@@ -255,8 +271,7 @@ void PrintSummary()
 int main(int argc, char **argv)
 {
     benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     PrintSummary();

@@ -4,8 +4,8 @@
 // address lives beside the object chain (values/ObjectAddress.h) and is included here for its users.
 #pragma once
 
-#include "values/model/ObjectAddress.h" // objects named by address, which peers reach through the root
 #include "values/base/Export.h"
+#include "values/model/ObjectAddress.h" // objects named by address, which peers reach through the root
 #include <cstdint>
 
 namespace orvexScript

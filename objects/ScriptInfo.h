@@ -6,12 +6,12 @@
 
 #include <cstdint>
 
-#include "values/model/SymbolNumbers.h"
 #include "values/base/Export.h"
 #include "values/model/KeID.h"
 #include "values/model/ScriptArgs.h"
 #include "values/model/ScriptObject.h"
 #include "values/model/ScriptVal.h"
+#include "values/model/SymbolNumbers.h"
 #include "values/tags/TagList.h"
 
 namespace orvexScript

@@ -36,14 +36,14 @@ struct LuaMemberTable
 // The record of a descriptor. Descriptors are statics made when the library loads.
 struct ORVEX_API _LuaType
 {
-    _LuaType *m_Next;             // the list that g_LuaTypeList heads
-    LuaType *m_Parent;            // the base class's descriptor; null in the root
-    const char *m_Name;           // Lua type name: the metatable's and the constructor's key
-    uint32_t m_Flags2;            // the constructor's last argument; reserved
-    uint32_t m_Flags1;            // the constructor's fifth argument; reserved
-    LuaFuncTable *m_Functions;    // may be null
-    LuaMemberTable *m_Members;    // may be null
-    ScriptVal *m_Table;           // an empty table, owned
+    _LuaType *m_Next;          // the list that g_LuaTypeList heads
+    LuaType *m_Parent;         // the base class's descriptor; null in the root
+    const char *m_Name;        // Lua type name: the metatable's and the constructor's key
+    uint32_t m_Flags2;         // the constructor's last argument; reserved
+    uint32_t m_Flags1;         // the constructor's fifth argument; reserved
+    LuaFuncTable *m_Functions; // may be null
+    LuaMemberTable *m_Members; // may be null
+    ScriptVal *m_Table;        // an empty table, owned
 
     // Makes the empty table, puts the descriptor at the head of g_LuaTypeList and fills the hash of
     // every row of both tables.

@@ -24,8 +24,7 @@ std::atomic_ref<int32_t> CountOf(const char *block)
 char *AllocBlock(size_t len)
 {
     char *raw = static_cast<char *>(std::malloc(len + kCountSize + 2));
-    if (!raw)
-        return nullptr;
+    if (!raw) return nullptr;
     *reinterpret_cast<int32_t *>(raw) = 1;
     char *block = raw + kCountSize;
     block[0] = static_cast<char>(kStringBlockMarker);
@@ -36,10 +35,8 @@ char *AllocBlock(size_t len)
 inline uint32_t HashStep(uint32_t h, char ch, size_t i)
 {
     uint32_t c = static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(ch)));
-    if (ch >= 'A' && ch <= 'Z')
-        c += 32;
-    if ((i & 1) == 0)
-        return h ^ (h << 7) ^ c ^ (h >> 3);
+    if (ch >= 'A' && ch <= 'Z') c += 32;
+    if ((i & 1) == 0) return h ^ (h << 7) ^ c ^ (h >> 3);
     return h ^ ~((h << 11) ^ c ^ (h >> 5));
 }
 
@@ -48,16 +45,13 @@ inline uint32_t HashStep(uint32_t h, char ch, size_t i)
 char *StringBlockNew(const char *text, size_t len)
 {
     char *block = AllocBlock(len);
-    if (!block)
-        return nullptr;
+    if (!block) return nullptr;
     size_t n = 0;
     if (text)
         while (n < len && text[n])
             ++n;
-    if (n)
-        std::memcpy(block + 1, text, n);
-    if (n < len)
-        std::memset(block + 1 + n, 0, len - n);
+    if (n) std::memcpy(block + 1, text, n);
+    if (n < len) std::memset(block + 1 + n, 0, len - n);
     return block;
 }
 
@@ -69,19 +63,15 @@ char *StringBlockNew(const char *text)
 char *StringBlockJoin(const char *a, size_t lenA, const char *b, size_t lenB)
 {
     char *block = AllocBlock(lenA + lenB);
-    if (!block)
-        return nullptr;
-    if (lenA)
-        std::memcpy(block + 1, a, lenA);
-    if (lenB)
-        std::memcpy(block + 1 + lenA, b, lenB);
+    if (!block) return nullptr;
+    if (lenA) std::memcpy(block + 1, a, lenA);
+    if (lenB) std::memcpy(block + 1 + lenA, b, lenB);
     return block;
 }
 
 char *StringBlockShareOrCopy(const char *text)
 {
-    if (!text)
-        return nullptr;
+    if (!text) return nullptr;
     if (IsStringBlock(text))
     {
         char *block = const_cast<char *>(text);
@@ -93,14 +83,12 @@ char *StringBlockShareOrCopy(const char *text)
 
 void StringBlockRetain(char *block)
 {
-    if (block)
-        CountOf(block).fetch_add(1, std::memory_order_seq_cst);
+    if (block) CountOf(block).fetch_add(1, std::memory_order_seq_cst);
 }
 
 void StringBlockRelease(char *block)
 {
-    if (block && CountOf(block).fetch_sub(1, std::memory_order_seq_cst) == 1)
-        std::free(block - kCountSize);
+    if (block && CountOf(block).fetch_sub(1, std::memory_order_seq_cst) == 1) std::free(block - kCountSize);
 }
 
 int32_t StringBlockCount(const char *block)

@@ -15,11 +15,11 @@ namespace orvexScript
 
 constinit const KeID NOID;
 constinit const KeID ROID_XYZ{KeID::LiteralTag{}, "XYZ"}, ROID_XZY{KeID::LiteralTag{}, "XZY"},
-    ROID_YXZ{KeID::LiteralTag{}, "YXZ"}, ROID_YZX{KeID::LiteralTag{}, "YZX"}, ROID_ZXY{KeID::LiteralTag{}, "ZXY"},
-    ROID_ZYX{KeID::LiteralTag{}, "ZYX"};
+    ROID_YXZ{KeID::LiteralTag{}, "YXZ"}, ROID_YZX{KeID::LiteralTag{}, "YZX"},
+    ROID_ZXY{KeID::LiteralTag{}, "ZXY"}, ROID_ZYX{KeID::LiteralTag{}, "ZYX"};
 constinit const KeID ROID_UVW{KeID::LiteralTag{}, "UVW"}, ROID_UWV{KeID::LiteralTag{}, "UWV"},
-    ROID_VUW{KeID::LiteralTag{}, "VUW"}, ROID_VWU{KeID::LiteralTag{}, "VWU"}, ROID_WUV{KeID::LiteralTag{}, "WUV"},
-    ROID_WVU{KeID::LiteralTag{}, "WVU"};
+    ROID_VUW{KeID::LiteralTag{}, "VUW"}, ROID_VWU{KeID::LiteralTag{}, "VWU"},
+    ROID_WUV{KeID::LiteralTag{}, "WUV"}, ROID_WVU{KeID::LiteralTag{}, "WVU"};
 
 namespace
 {
@@ -32,8 +32,7 @@ const char *TextOf(const char *p)
 // A block for `text` by the constructor's rules: share a block, copy, or keep the plain pointer.
 char *Acquire(const char *text, bool copy)
 {
-    if (!text)
-        return nullptr;
+    if (!text) return nullptr;
     if (IsStringBlock(text))
     {
         StringBlockRetain(const_cast<char *>(text));
@@ -44,10 +43,8 @@ char *Acquire(const char *text, bool copy)
 
 char *Join(const char *a, const char *b)
 {
-    if (!a)
-        return nullptr;
-    if (!b)
-        return Acquire(a, true);
+    if (!a) return nullptr;
+    if (!b) return Acquire(a, true);
     a = TextOf(a);
     b = TextOf(b);
     return StringBlockJoin(a, std::strlen(a), b, std::strlen(b));
@@ -55,8 +52,7 @@ char *Join(const char *a, const char *b)
 
 char *CutCopy(const char *text, size_t len)
 {
-    if (!text)
-        return nullptr;
+    if (!text) return nullptr;
     return StringBlockNew(TextOf(text), len);
 }
 
@@ -67,11 +63,9 @@ char *FormatV(const char *format, va_list args)
     va_copy(measure, args);
     int len = std::vsnprintf(nullptr, 0, format, measure);
     va_end(measure);
-    if (len < 0)
-        return nullptr;
+    if (len < 0) return nullptr;
     char *buffer = static_cast<char *>(std::malloc(static_cast<size_t>(len) + 1));
-    if (buffer)
-        std::vsnprintf(buffer, static_cast<size_t>(len) + 1, format, args);
+    if (buffer) std::vsnprintf(buffer, static_cast<size_t>(len) + 1, format, args);
     return buffer;
 }
 
@@ -87,22 +81,15 @@ bool IsAsciiDigit(char c)
 
 } // namespace
 
-KeID::KeID(const char *text, bool copy) : m_Text(Acquire(text, copy))
-{
-}
+KeID::KeID(const char *text, bool copy) : m_Text(Acquire(text, copy)) {}
 
-KeID::KeID(const char *a, const char *b) : m_Text(Join(a, b))
-{
-}
+KeID::KeID(const char *a, const char *b) : m_Text(Join(a, b)) {}
 
-KeID::KeID(const char *text, size_t len) : m_Text(CutCopy(text, len))
-{
-}
+KeID::KeID(const char *text, size_t len) : m_Text(CutCopy(text, len)) {}
 
 KeID::KeID(const KeID &other) : m_Text(other.m_Text)
 {
-    if (IsStringBlock(m_Text))
-        StringBlockRetain(m_Text);
+    if (IsStringBlock(m_Text)) StringBlockRetain(m_Text);
 }
 
 KeID &KeID::operator=(KeID &&other) noexcept
@@ -118,8 +105,7 @@ KeID &KeID::operator=(KeID &&other) noexcept
 
 void KeID::Cleanup()
 {
-    if (IsStringBlock(m_Text))
-        StringBlockRelease(m_Text);
+    if (IsStringBlock(m_Text)) StringBlockRelease(m_Text);
     m_Text = nullptr;
 }
 
@@ -150,11 +136,9 @@ KeID &KeID::Set(const char *text, size_t len)
 
 KeID &KeID::Set(const KeID &other)
 {
-    if (this == &other || m_Text == other.m_Text)
-        return *this;
+    if (this == &other || m_Text == other.m_Text) return *this;
     char *fresh = other.m_Text;
-    if (IsStringBlock(fresh))
-        StringBlockRetain(fresh);
+    if (IsStringBlock(fresh)) StringBlockRetain(fresh);
     Cleanup();
     m_Text = fresh;
     return *this;
@@ -193,8 +177,7 @@ int KeID::GetLength() const
 int KeID::Find(char c, int start) const
 {
     int len = GetLength();
-    if (start < 0 || start >= len)
-        return -1;
+    if (start < 0 || start >= len) return -1;
     const char *t = Text();
     const char *hit = static_cast<const char *>(std::memchr(t + start, c, static_cast<size_t>(len - start)));
     return hit ? static_cast<int>(hit - t) : -1;
@@ -203,15 +186,12 @@ int KeID::Find(char c, int start) const
 int KeID::ReverseFind(char c, int start) const
 {
     int len = GetLength();
-    if (start == -1)
-        start = len - 1;
+    if (start == -1) start = len - 1;
     const char *t = Text();
     // Index `len` is the terminator, which is still inside the text; only past it is out of bounds.
-    if (!t || start < 0 || start > len)
-        return -1;
+    if (!t || start < 0 || start > len) return -1;
     for (int i = start; i >= 0; --i)
-        if (t[i] == c)
-            return i;
+        if (t[i] == c) return i;
     return -1;
 }
 
@@ -231,12 +211,10 @@ bool KeID::IsInGroup() const
 bool KeID::IsInGroup(const char *group) const
 {
     const char *t = Text();
-    if (!t || !group)
-        return false;
+    if (!t || !group) return false;
     group = TextOf(group);
     size_t n = std::strlen(group);
-    if (std::strncmp(t, group, n) != 0)
-        return false;
+    if (std::strncmp(t, group, n) != 0) return false;
     return t[n] == '\0' || t[n] == '.' || (n > 0 && group[n - 1] == '.');
 }
 
@@ -247,22 +225,18 @@ bool KeID::IsSameGroup(const char *other) const
     a = a ? a : "";
     const char *dotA = std::strrchr(a, '.');
     const char *dotB = std::strrchr(b, '.');
-    if (!dotA || !dotB)
-        return !dotA && !dotB;
+    if (!dotA || !dotB) return !dotA && !dotB;
     return dotA - a == dotB - b && std::strncmp(a, b, static_cast<size_t>(dotA - a)) == 0;
 }
 
 bool KeID::IsValidSymbol() const
 {
     const char *t = Text();
-    if (!t || !(IsAsciiLetter(t[0]) || t[0] == '_'))
-        return false;
+    if (!t || !(IsAsciiLetter(t[0]) || t[0] == '_')) return false;
     for (const char *p = t + 1; *p; ++p)
     {
-        if (IsAsciiLetter(*p) || IsAsciiDigit(*p) || *p == '_')
-            continue;
-        if (*p == '.' && (IsAsciiLetter(p[1]) || p[1] == '_'))
-            continue;
+        if (IsAsciiLetter(*p) || IsAsciiDigit(*p) || *p == '_') continue;
+        if (*p == '.' && (IsAsciiLetter(p[1]) || p[1] == '_')) continue;
         return false;
     }
     return true;
@@ -296,23 +270,18 @@ KeID &KeID::operator+=(const char *text)
 KeID KeID::Mid(int start, int count) const
 {
     int len = GetLength();
-    if (start < 0)
-        start = 0;
-    if (len == 0 || start >= len)
-        return KeID();
+    if (start < 0) start = 0;
+    if (len == 0 || start >= len) return KeID();
     int n = len - start;
-    if (count >= 0 && count < n)
-        n = count;
+    if (count >= 0 && count < n) n = count;
     return KeID(Text() + start, static_cast<size_t>(n));
 }
 
 KeID KeID::Left(int count) const
 {
     int len = GetLength();
-    if (len == 0)
-        return KeID();
-    if (count < 0 || count > len)
-        count = len;
+    if (len == 0) return KeID();
+    if (count < 0 || count > len) count = len;
     return KeID(Text(), static_cast<size_t>(count));
 }
 
@@ -349,19 +318,16 @@ KeID &KeID::CatF(const char *format, ...)
 KeID KeID::Strip() const
 {
     const char *t = Text();
-    if (!t || !*t)
-        return NOID;
+    if (!t || !*t) return NOID;
     // StripName keeps bytes of the input only, so the result is never longer than it.
     size_t len = std::strlen(t);
     char stackBuffer[256];
     char *out = len < sizeof(stackBuffer) ? stackBuffer : static_cast<char *>(std::malloc(len + 1));
-    if (!out)
-        return KeID();
+    if (!out) return KeID();
     StripName(out, t, nullptr);
     size_t kept = std::strlen(out);
     KeID result = kept ? KeID(out, kept) : KeID();
-    if (out != stackBuffer)
-        std::free(out);
+    if (out != stackBuffer) std::free(out);
     return result;
 }
 

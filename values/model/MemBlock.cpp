@@ -10,11 +10,9 @@ namespace orvexScript
 MemBlock::MemBlock(const char *filename)
 {
     FILE *file = filename ? std::fopen(filename, "rb") : nullptr;
-    if (!file)
-        return;
+    if (!file) return;
     long size = -1;
-    if (std::fseek(file, 0, SEEK_END) == 0)
-        size = std::ftell(file);
+    if (std::fseek(file, 0, SEEK_END) == 0) size = std::ftell(file);
     if (size < 0 || size > 0xFFFFFFFFL || std::fseek(file, 0, SEEK_SET) != 0)
     {
         std::fclose(file);
@@ -40,11 +38,9 @@ MemBlock::MemBlock(const char *filename)
 
 bool MemBlock::Save(const char *filename) const
 {
-    if (!m_Ptr || !filename)
-        return false;
+    if (!m_Ptr || !filename) return false;
     FILE *file = std::fopen(filename, "wb");
-    if (!file)
-        return false;
+    if (!file) return false;
     size_t written = m_Size ? std::fwrite(m_Ptr, 1, m_Size, file) : 0;
     bool closed = std::fclose(file) == 0;
     return closed && written == m_Size;

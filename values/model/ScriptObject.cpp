@@ -7,8 +7,8 @@
 #include <atomic>
 #include <cstring>
 
-#include "values/model/ObjectAddress.h"
 #include "values/model/KeID.h"
+#include "values/model/ObjectAddress.h"
 #include "values/model/ScriptVal.h"
 
 namespace orvexScript

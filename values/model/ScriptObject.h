@@ -83,12 +83,13 @@ public:
     virtual unsigned long SizeOf() const;
     [[nodiscard]] virtual bool SetAttrsTagList(const TagList &tags);
     [[nodiscard]] virtual bool CopyAttr(unsigned long long tag, void *out) const;
-    virtual unsigned long long AddNotify(ScriptObject *target, KeID name, unsigned long long id, ScriptVal *data,
-                                         TagList *tags);
-    [[nodiscard]] virtual bool RemoveNotify(ScriptObject *target, KeID name, unsigned long long id, TagList *tags);
+    virtual unsigned long long AddNotify(ScriptObject *target, KeID name, unsigned long long id,
+                                         ScriptVal *data, TagList *tags);
+    [[nodiscard]] virtual bool RemoveNotify(ScriptObject *target, KeID name, unsigned long long id,
+                                            TagList *tags);
     [[nodiscard]] virtual bool RemoveNotify(unsigned long long handle, TagList *tags);
-    [[nodiscard]] virtual bool Notify(unsigned long long handle, ScriptObject *source, KeID name, unsigned long long id,
-                        ScriptVal *data, TagList *tags);
+    [[nodiscard]] virtual bool Notify(unsigned long long handle, ScriptObject *source, KeID name,
+                                      unsigned long long id, ScriptVal *data, TagList *tags);
 
     // Entry of the memory dump: skips a null object or one already taken in this pass.
     void DumpMem(unsigned long flags);
@@ -144,13 +145,11 @@ protected:
 // Null-safe Use and Recycle, for pointers that may be null.
 inline void SafeUse(const RefObject *object)
 {
-    if (object)
-        object->Use();
+    if (object) object->Use();
 }
 inline void SafeRecycle(const RefObject *object)
 {
-    if (object)
-        object->Recycle();
+    if (object) object->Recycle();
 }
 
 ORVEX_API unsigned long GetInitUseCount();

@@ -50,17 +50,9 @@ namespace
 {
 
 const char *const s_ErrorTexts[] = {
-    nullptr,
-    "Unknown Error",
-    "Invalid arguments.",
-    "Unsupported operation.",
-    "Not logged in.",
-    "Unknown Packet type.",
-    "Invalid object.",
-    "Scripting not initialized.",
-    "Invalid index.",
-    "Unknown Symbol.",
-    "Invalid RemoteObject.",
+    nullptr,          "Unknown Error",        "Invalid arguments.",    "Unsupported operation.",
+    "Not logged in.", "Unknown Packet type.", "Invalid object.",       "Scripting not initialized.",
+    "Invalid index.", "Unknown Symbol.",      "Invalid RemoteObject.",
 };
 
 // Conversions accept a null receiver; hide the test from the optimiser, which may assume `this`
@@ -81,8 +73,7 @@ ScriptValue StringPayload(const char *text)
 void *CopyBytes(const void *src, uint32_t size)
 {
     void *buffer = std::malloc(size ? size : 1);
-    if (buffer && src && size)
-        std::memcpy(buffer, src, size);
+    if (buffer && src && size) std::memcpy(buffer, src, size);
     return buffer;
 }
 
@@ -90,8 +81,7 @@ void *CopyBytes(const void *src, uint32_t size)
 
 const char *ScriptErrorText(int code)
 {
-    if (code <= 0 || code >= static_cast<int>(sizeof(s_ErrorTexts) / sizeof(s_ErrorTexts[0])))
-        return nullptr;
+    if (code <= 0 || code >= static_cast<int>(sizeof(s_ErrorTexts) / sizeof(s_ErrorTexts[0]))) return nullptr;
     return s_ErrorTexts[code];
 }
 
@@ -123,13 +113,10 @@ ScriptVal::ScriptVal(const char *text) : ScriptVal()
 
 ScriptVal::ScriptVal(const char *text, int len) : ScriptVal()
 {
-    if (text)
-        Set(SV_String, &text, len);
+    if (text) Set(SV_String, &text, len);
 }
 
-ScriptVal::ScriptVal(const KeID &id) : ScriptVal(id.Raw())
-{
-}
+ScriptVal::ScriptVal(const KeID &id) : ScriptVal(id.Raw()) {}
 
 ScriptVal::ScriptVal(const MemBlock &block) : ScriptVal()
 {
@@ -185,17 +172,14 @@ ScriptVal::~ScriptVal()
 
 ScriptVal &ScriptVal::operator=(const ScriptVal &other)
 {
-    if (this == &other)
-        return *this;
+    if (this == &other) return *this;
     return Set(static_cast<ScriptValType>(other.m_Flags & ~SVF_Const), &other.m_Value);
 }
 
 ScriptVal &ScriptVal::operator=(ScriptVal &&other) noexcept
 {
-    if (this == &other || (m_Flags & SVF_Const))
-        return *this;
-    if (!other.CanSteal())
-        return *this = static_cast<const ScriptVal &>(other);
+    if (this == &other || (m_Flags & SVF_Const)) return *this;
+    if (!other.CanSteal()) return *this = static_cast<const ScriptVal &>(other);
     // Detach first: `other` may live inside this value's own table.
     ScriptVal taken;
     taken.Steal(other);
@@ -256,8 +240,7 @@ ScriptVal &ScriptVal::Set(ScriptValType typeWord, const void *data)
     if (Type() == SV_RemoteObject && (typeWord & SV_TypeMask) == SV_RemoteObject && data &&
         static_cast<const ScriptValue *>(data)->m_RemoteObject == m_Value.m_RemoteObject)
         return *this;
-    if (m_Flags & SVF_Const)
-        return *this;
+    if (m_Flags & SVF_Const) return *this;
     // Build the new value aside before releasing the old one: `data` may lie inside this value.
     ScriptVal fresh;
     fresh.Build(typeWord, data);
@@ -268,8 +251,7 @@ ScriptVal &ScriptVal::Set(ScriptValType typeWord, const void *data)
 
 ScriptVal &ScriptVal::Set(ScriptValType type, const char **text, int len)
 {
-    if (m_Flags & SVF_Const)
-        return *this;
+    if (m_Flags & SVF_Const) return *this;
     uint32_t kind = type & SV_TypeMask;
     if ((kind != SV_String && kind != SV_StringCopy) || !text || !*text)
     {
@@ -277,12 +259,10 @@ ScriptVal &ScriptVal::Set(ScriptValType type, const char **text, int len)
         return *this;
     }
     const char *src = *text;
-    if (IsStringBlock(src))
-        ++src;
+    if (IsStringBlock(src)) ++src;
     char *block = StringBlockNew(src, static_cast<size_t>(len < 0 ? 0 : len));
     CleanUp();
-    if (!block)
-        return *this;
+    if (!block) return *this;
     m_Type = SV_String | (type & ~SV_TypeMask);
     AdoptString(block);
     return *this;
@@ -326,11 +306,9 @@ void ScriptVal::TakeIndex(ScriptVal &other)
 void ScriptVal::Build(ScriptValType typeWord, const void *data)
 {
     uint32_t word = typeWord;
-    if ((word & SV_TypeMask) == SV_StringCopy)
-        word = (word & ~SV_TypeMask) | SV_String;
+    if ((word & SV_TypeMask) == SV_StringCopy) word = (word & ~SV_TypeMask) | SV_String;
     uint32_t kind = word & SV_TypeMask;
-    if (kind > SV_Args)
-        return;
+    if (kind > SV_Args) return;
     const ScriptValue *src = static_cast<const ScriptValue *>(data);
     m_Type = word;
     switch (kind)
@@ -388,8 +366,7 @@ void ScriptVal::BuildString(const ScriptValue *src)
 // Objects, code and byte blocks: everything that holds a count or an owned buffer.
 void ScriptVal::BuildOwned(uint32_t kind, const ScriptValue *src)
 {
-    if (kind == SV_Code && !src)
-        return; // empty code: null pointer, no bytes, no arguments
+    if (kind == SV_Code && !src) return; // empty code: null pointer, no bytes, no arguments
     if (!src)
     {
         m_Type = SV_Nil;
@@ -404,8 +381,7 @@ void ScriptVal::BuildOwned(uint32_t kind, const ScriptValue *src)
             return;
         }
         m_Value.m_RemoteObject = src->m_RemoteObject;
-        if (GetRemoteHooks().incRef)
-            GetRemoteHooks().incRef(m_Value.m_RemoteObject);
+        if (GetRemoteHooks().incRef) GetRemoteHooks().incRef(m_Value.m_RemoteObject);
         break;
     case SV_LocalObject:
         if (!src->m_LocalObject)
@@ -445,12 +421,10 @@ void ScriptVal::CleanUp()
             GetRemoteHooks().appRecycle(m_Value.m_Args.m_App);
         break;
     case SV_RemoteObject:
-        if (GetRemoteHooks().decRef)
-            GetRemoteHooks().decRef(m_Value.m_RemoteObject);
+        if (GetRemoteHooks().decRef) GetRemoteHooks().decRef(m_Value.m_RemoteObject);
         break;
     case SV_LocalObject:
-        if (m_Value.m_LocalObject)
-            m_Value.m_LocalObject->DecRef();
+        if (m_Value.m_LocalObject) m_Value.m_LocalObject->DecRef();
         break;
     case SV_Code:
         std::free(m_Value.m_Code.m_Ptr);
@@ -461,8 +435,7 @@ void ScriptVal::CleanUp()
     default:
         break;
     }
-    if (m_Index)
-        DropIndex();
+    if (m_Index) DropIndex();
     m_Type = SV_Nil;
     m_Value = ScriptValue{};
 }
@@ -471,8 +444,7 @@ void ScriptVal::CleanUp()
 
 bool ScriptVal::IsLocalObject(bool strict) const
 {
-    if (Type() == SV_LocalObject)
-        return true;
+    if (Type() == SV_LocalObject) return true;
     return !strict && Type() == SV_RemoteObject && RemoteLocal();
 }
 
@@ -491,8 +463,7 @@ long ScriptVal::ToInteger(long def) const
 {
     double d = !IsNullReceiver(this) && IsNumber() ? m_Value.m_Number : static_cast<double>(def);
     // Truncation to 32 bits; out of range and NaN give the processor's "integer indefinite".
-    if (!(d > -2147483649.0 && d < 2147483648.0))
-        return INT32_MIN;
+    if (!(d > -2147483649.0 && d < 2147483648.0)) return INT32_MIN;
     return static_cast<int32_t>(d);
 }
 
@@ -518,10 +489,8 @@ uint64_t ScriptVal::ToFunction(uint64_t def) const
 
 ScriptObject *ScriptVal::ToLocalObject(ScriptObject *def) const
 {
-    if (IsNullReceiver(this))
-        return def;
-    if (Type() == SV_LocalObject)
-        return m_Value.m_LocalObject;
+    if (IsNullReceiver(this)) return def;
+    if (Type() == SV_LocalObject) return m_Value.m_LocalObject;
     if (Type() == SV_RemoteObject)
     {
         ScriptObject *local = RemoteLocal();
@@ -532,8 +501,7 @@ ScriptObject *ScriptVal::ToLocalObject(ScriptObject *def) const
 
 MemBlock ScriptVal::ToMemBlock() const
 {
-    if (IsNullReceiver(this) || !IsMemBlock())
-        return MemBlock();
+    if (IsNullReceiver(this) || !IsMemBlock()) return MemBlock();
     return MemBlock(m_Value.m_MemBlock.m_Ptr, m_Value.m_MemBlock.m_Size);
 }
 
@@ -554,19 +522,16 @@ unsigned long ScriptVal::ToCodeArgs() const
 
 bool ScriptVal::Get(ScriptValType kind, void *out) const
 {
-    if (IsNullReceiver(this) || !out)
-        return false;
+    if (IsNullReceiver(this) || !out) return false;
     uint32_t want = kind & SV_TypeMask;
     if (want == SV_LocalObject && Type() == SV_RemoteObject)
     {
         ScriptObject *local = RemoteLocal();
-        if (!local)
-            return false;
+        if (!local) return false;
         std::memcpy(out, &local, sizeof(local));
         return true;
     }
-    if (want != Type())
-        return false;
+    if (want != Type()) return false;
     switch (want)
     {
     case SV_Nil:
@@ -577,7 +542,8 @@ bool ScriptVal::Get(ScriptValType kind, void *out) const
     case SV_LocalObject:
         std::memcpy(out, &m_Value, 8);
         return true;
-    case SV_String: {
+    case SV_String:
+    {
         const char *text = m_Value.m_String.m_String + 1;
         std::memcpy(out, &text, sizeof(text));
         return true;
@@ -585,7 +551,8 @@ bool ScriptVal::Get(ScriptValType kind, void *out) const
     case SV_Boolean:
         std::memcpy(out, &m_Value.m_Boolean, 1);
         return true;
-    case SV_MemBlock: {
+    case SV_MemBlock:
+    {
         MemBlock block(m_Value.m_MemBlock.m_Ptr, m_Value.m_MemBlock.m_Size);
         std::memcpy(out, &block, sizeof(block));
         return true;
@@ -597,8 +564,7 @@ bool ScriptVal::Get(ScriptValType kind, void *out) const
 
 RemoteApp *ScriptVal::GetApp() const
 {
-    if (Type() == SV_Args)
-        return m_Value.m_Args.m_App;
+    if (Type() == SV_Args) return m_Value.m_Args.m_App;
     if (Type() == SV_RemoteObject && GetRemoteHooks().getApp)
         return GetRemoteHooks().getApp(m_Value.m_RemoteObject);
     return nullptr;
@@ -606,22 +572,18 @@ RemoteApp *ScriptVal::GetApp() const
 
 void ScriptVal::SetApp(RemoteApp *app)
 {
-    if (Type() != SV_Args || m_Value.m_Args.m_App == app)
-        return;
+    if (Type() != SV_Args || m_Value.m_Args.m_App == app) return;
     const RemoteHooks &hooks = GetRemoteHooks();
-    if (m_Value.m_Args.m_App && hooks.appRecycle)
-        hooks.appRecycle(m_Value.m_Args.m_App);
+    if (m_Value.m_Args.m_App && hooks.appRecycle) hooks.appRecycle(m_Value.m_Args.m_App);
     m_Value.m_Args.m_App = app;
-    if (app && hooks.appUse)
-        hooks.appUse(app);
+    if (app && hooks.appUse) hooks.appUse(app);
 }
 
 // ---- comparison --------------------------------------------------------------------------------
 
 bool ScriptVal::operator==(const ScriptVal &other) const
 {
-    if (Type() != other.Type())
-        return false;
+    if (Type() != other.Type()) return false;
     const ScriptValue &a = m_Value;
     const ScriptValue &b = other.m_Value;
     switch (Type())
@@ -635,7 +597,8 @@ bool ScriptVal::operator==(const ScriptVal &other) const
                std::strcmp(a.m_String.m_String + 1, b.m_String.m_String + 1) == 0;
     case SV_Boolean:
         return a.m_Boolean == b.m_Boolean;
-    case SV_RemoteObject: {
+    case SV_RemoteObject:
+    {
         auto equal = GetRemoteHooks().equal;
         return equal ? equal(a.m_RemoteObject, b.m_RemoteObject) : a.m_RemoteObject == b.m_RemoteObject;
     }
@@ -670,19 +633,15 @@ bool ScriptVal::operator==(const KeID &id) const
 
 ScriptVal &ScriptVal::operator+=(const ScriptVal &other)
 {
-    if (m_Flags & SVF_Const)
-        return *this;
+    if (m_Flags & SVF_Const) return *this;
     if (this == &other && HoldsTable())
     {
         ScriptVal copy(other);
         return *this += copy;
     }
-    if (IsNil())
-        return *this = other;
-    if (Type() != other.Type())
-        return *this;
-    if (!HoldsTable())
-        return *this = other;
+    if (IsNil()) return *this = other;
+    if (Type() != other.Type()) return *this;
+    if (!HoldsTable()) return *this = other;
     for (TableEntry *e = other.FirstEntry(); e; e = e->m_Next)
     {
         if (ScriptVal *mine = FindKeyPtr(e->m_Key))
@@ -695,12 +654,10 @@ ScriptVal &ScriptVal::operator+=(const ScriptVal &other)
 
 ScriptVal &ScriptVal::operator-=(const ScriptVal &other)
 {
-    if (m_Flags & SVF_Const)
-        return *this;
+    if (m_Flags & SVF_Const) return *this;
     if (!HoldsTable())
     {
-        if (Type() == other.Type() && *this == other)
-            Set(SV_Nil, nullptr);
+        if (Type() == other.Type() && *this == other) Set(SV_Nil, nullptr);
         return *this;
     }
     bool empty = true;
@@ -713,11 +670,9 @@ ScriptVal &ScriptVal::operator-=(const ScriptVal &other)
             continue;
         }
         e->m_Value -= *theirs;
-        if (!e->m_Value.IsNil())
-            empty = false;
+        if (!e->m_Value.IsNil()) empty = false;
     }
-    if (empty)
-        Set(SV_Nil, nullptr);
+    if (empty) Set(SV_Nil, nullptr);
     return *this;
 }
 
@@ -725,8 +680,7 @@ ScriptVal &ScriptVal::operator-=(const ScriptVal &other)
 
 void ScriptVal::SetError(ScriptError code, const char *message)
 {
-    if (!HoldsTable())
-        return;
+    if (!HoldsTable()) return;
     char unknown[64];
     if (!message && code != SE_None)
     {
@@ -790,8 +744,7 @@ void ScriptVal::Dump(int indent, bool newline) const
         std::fputs("???", stdout);
         break;
     }
-    if (newline)
-        std::fputc('\n', stdout);
+    if (newline) std::fputc('\n', stdout);
 }
 
 void ScriptVal::DumpTable(int indent) const

@@ -58,10 +58,10 @@ TextKey MakeKey(const char *text, int len = -1, const char *block = nullptr)
 
 bool MatchText(const TableEntry *e, const TextKey &key, bool noCase)
 {
-    if (!e->m_Key.IsString() || e->m_Key.m_Value.m_String.m_Hash != key.hash)
-        return false;
+    if (!e->m_Key.IsString() || e->m_Key.m_Value.m_String.m_Hash != key.hash) return false;
     const char *stored = e->m_Key.m_Value.m_String.m_String + 1;
-    return noCase ? TableTextEqualNoCase(stored, key.text, key.len) : TableTextEqual(stored, key.text, key.len);
+    return noCase ? TableTextEqualNoCase(stored, key.text, key.len)
+                  : TableTextEqual(stored, key.text, key.len);
 }
 
 // Splits off the segment at `p`: its end, and whether it parses whole as a base-10 integer.
@@ -104,10 +104,8 @@ TableEntry *ScriptVal::FirstEntry() const
 
 TableEntry *ScriptVal::LastEntry() const
 {
-    if (Type() == SV_Table)
-        return m_Value.m_Table.m_Last;
-    if (TableIndex *index = Index())
-        return index->m_Tail;
+    if (Type() == SV_Table) return m_Value.m_Table.m_Last;
+    if (TableIndex *index = Index()) return index->m_Tail;
     TableEntry *e = FirstEntry();
     while (e && e->m_Next)
         e = e->m_Next;
@@ -123,10 +121,8 @@ void ScriptVal::LinkTail(TableEntry *entry, TableEntry *last)
         last->m_Next = entry;
     else
         m_Value.m_Table.m_Table = entry;
-    if (Type() == SV_Table)
-        m_Value.m_Table.m_Last = entry;
-    if (index && !index->Appended(entry))
-        DropIndex();
+    if (Type() == SV_Table) m_Value.m_Table.m_Last = entry;
+    if (index && !index->Appended(entry)) DropIndex();
 }
 
 // Links `entry` at the tail.
@@ -155,20 +151,19 @@ void ScriptVal::CleanTable()
     size_t first = 0;
     size_t queued = 0;
     size_t cursor = 0;
-    auto refill = [&] {
+    auto refill = [&]
+    {
         while (queued < kAhead)
         {
             const TableEntry *e = index->NextPagedEntry(cursor);
-            if (!e)
-                return;
+            if (!e) return;
             // An entry may straddle two cache lines: both are fetched.
             __builtin_prefetch(e, 1);
             __builtin_prefetch(reinterpret_cast<const char *>(e) + sizeof(TableEntry) - 1, 1);
             ahead[(first + queued++) % kAhead] = cursor - 1;
         }
     };
-    if (index)
-        refill();
+    if (index) refill();
     while (TableEntry *e = m_Value.m_Table.m_Table)
     {
         if (index && e->m_Key.IsNumber())
@@ -185,10 +180,8 @@ void ScriptVal::CleanTable()
         e->m_Key.CleanUp();
         delete e;
     }
-    if (handle)
-        TableIndex::Release(handle);
-    if (Type() == SV_Table)
-        m_Value.m_Table.m_Last = nullptr;
+    if (handle) TableIndex::Release(handle);
+    if (Type() == SV_Table) m_Value.m_Table.m_Last = nullptr;
 }
 
 // ---- the index of a large table ----------------------------------------------------------------
@@ -198,8 +191,7 @@ void ScriptVal::CleanTable()
 TableIndex *ScriptVal::CheckedIndex() const
 {
     uint32_t handle = std::atomic_ref<uint32_t>(m_Index).load(std::memory_order_acquire);
-    if (!handle)
-        return nullptr;
+    if (!handle) return nullptr;
     TableIndex *index = TableIndex::Get(handle);
     if (index && index->m_Owner == this && HoldsTable() && index->m_Head == m_Value.m_Table.m_Table &&
         index->m_Tail && !index->m_Tail->m_Next &&
@@ -213,8 +205,7 @@ void ScriptVal::DropIndex() const
 {
     uint32_t handle = std::atomic_ref<uint32_t>(m_Index).exchange(0, std::memory_order_acq_rel);
     TableIndex *index = TableIndex::Get(handle);
-    if (index && index->m_Owner == this)
-        TableIndex::Release(handle);
+    if (index && index->m_Owner == this) TableIndex::Release(handle);
 }
 
 // Builds the index after a look-up walked far. Const look-ups build it too, so two readers of one
@@ -224,7 +215,7 @@ void ScriptVal::GrowIndex() const
     uint32_t handle = TableIndex::Create(this, m_Value.m_Table.m_Table);
     uint32_t expected = 0;
     if (handle && !std::atomic_ref<uint32_t>(m_Index).compare_exchange_strong(expected, handle,
-                                                                                std::memory_order_acq_rel))
+                                                                              std::memory_order_acq_rel))
         TableIndex::Release(handle);
 }
 
@@ -233,8 +224,7 @@ void ScriptVal::GrowIndex() const
 // The number key walk: an equal key is the result; a new key goes in front of the first greater one.
 ScriptVal *ScriptVal::FindNumber(double key, bool add)
 {
-    if (TableIndex *index = Index())
-        return FindNumberIndexed(index, key, add);
+    if (TableIndex *index = Index()) return FindNumberIndexed(index, key, add);
     size_t walked = 0;
     TableEntry *prev = nullptr;
     TableEntry *insertAfter = nullptr;
@@ -243,8 +233,7 @@ ScriptVal *ScriptVal::FindNumber(double key, bool add)
     for (TableEntry *e = FirstEntry(); e; prev = e, e = e->m_Next)
     {
         ++walked;
-        if (!e->m_Key.IsNumber())
-            continue;
+        if (!e->m_Key.IsNumber()) continue;
         double k = e->m_Key.m_Value.m_Number;
         if (k == key)
         {
@@ -269,30 +258,24 @@ ScriptVal *ScriptVal::FindNumber(double key, bool add)
         entry->m_Next = *link;
         *link = entry;
     }
-    if (walked >= TableIndexThreshold())
-        GrowIndex();
-    if (found)
-        return &found->m_Value;
+    if (walked >= TableIndexThreshold()) GrowIndex();
+    if (found) return &found->m_Value;
     return entry ? &entry->m_Value : nullptr;
 }
 
 // The same through the index: its pages or hash find the key, its number order places a new one.
 ScriptVal *ScriptVal::FindNumberIndexed(TableIndex *index, double key, bool add)
 {
-    if (TableEntry *e = index->FindNumber(key))
-        return &e->m_Value;
-    if (!add)
-        return nullptr;
+    if (TableEntry *e = index->FindNumber(key)) return &e->m_Value;
+    if (!add) return nullptr;
     // The place first: the predecessor to be written is an old entry, likely not in cache, and its
     // line can arrive while the new entry is made.
     TableEntry *next = nullptr;
     TableEntry *prev = nullptr;
     bool before = index->Successor(key, next, prev);
-    if (before && prev)
-        __builtin_prefetch(prev, 1);
+    if (before && prev) __builtin_prefetch(prev, 1);
     TableEntry *entry = new TableEntry(key);
-    if (!entry)
-        return nullptr;
+    if (!entry) return nullptr;
     if (before)
     {
         entry->m_Next = next;
@@ -300,8 +283,7 @@ ScriptVal *ScriptVal::FindNumberIndexed(TableIndex *index, double key, bool add)
             prev->m_Next = entry;
         else
             m_Value.m_Table.m_Table = entry;
-        if (!index->InsertedBefore(entry, key))
-            DropIndex();
+        if (!index->InsertedBefore(entry, key)) DropIndex();
     }
     else
     {
@@ -329,16 +311,12 @@ ScriptVal *ScriptVal::FindText(const TextKey &key, bool add, bool noCase)
                 break;
             }
         }
-        if (walked >= TableIndexThreshold())
-            GrowIndex();
+        if (walked >= TableIndexThreshold()) GrowIndex();
     }
-    if (found)
-        return &found->m_Value;
-    if (!add)
-        return nullptr;
+    if (found) return &found->m_Value;
+    if (!add) return nullptr;
     TableEntry *entry = new TableEntry();
-    if (!entry)
-        return nullptr;
+    if (!entry) return nullptr;
     if (key.block)
     {
         entry->m_Key = key.block;
@@ -371,25 +349,19 @@ ScriptVal *ScriptVal::FindText(const TextKey &key, bool add, bool noCase)
 // Any key kind, by the rules of operator==; nothing is added.
 ScriptVal *ScriptVal::FindKeyPtr(const ScriptVal &key) const
 {
-    if (!HoldsTable())
-        return nullptr;
+    if (!HoldsTable()) return nullptr;
     ScriptVal *self = const_cast<ScriptVal *>(this);
-    if (key.IsNumber())
-        return self->FindNumber(key.m_Value.m_Number, false);
-    if (key.IsString())
-        return self->FindText(MakeKey(key.m_Value.m_String.m_String + 1), false, false);
+    if (key.IsNumber()) return self->FindNumber(key.m_Value.m_Number, false);
+    if (key.IsString()) return self->FindText(MakeKey(key.m_Value.m_String.m_String + 1), false, false);
     for (TableEntry *e = FirstEntry(); e; e = e->m_Next)
-        if (e->m_Key == key)
-            return &e->m_Value;
+        if (e->m_Key == key) return &e->m_Value;
     return nullptr;
 }
 
 ScriptVal &ScriptVal::FindKey(const ScriptVal &key)
 {
-    if (!HoldsTable())
-        return Scratch();
-    if (key.IsNumber())
-        return FindKey(key.m_Value.m_Number);
+    if (!HoldsTable()) return Scratch();
+    if (key.IsNumber()) return FindKey(key.m_Value.m_Number);
     if (key.IsString())
     {
         TextKey text{key.m_Value.m_String.m_String + 1, std::strlen(key.m_Value.m_String.m_String + 1),
@@ -397,11 +369,9 @@ ScriptVal &ScriptVal::FindKey(const ScriptVal &key)
         ScriptVal *found = FindText(text, true, false);
         return found ? *found : Scratch();
     }
-    if (ScriptVal *found = FindKeyPtr(key))
-        return *found;
+    if (ScriptVal *found = FindKeyPtr(key)) return *found;
     TableEntry *entry = new TableEntry(key);
-    if (!entry)
-        return Scratch();
+    if (!entry) return Scratch();
     Append(entry);
     return entry->m_Value;
 }
@@ -427,8 +397,7 @@ ScriptVal &ScriptVal::FindKey(const char *key, int len)
 ScriptVal &ScriptVal::FindKey(const KeID &key)
 {
     const char *text = key.Text();
-    if (!HoldsTable() || !text)
-        return Scratch();
+    if (!HoldsTable() || !text) return Scratch();
     // A key held in a block is shared by the new entry rather than copied.
     const char *block = IsStringBlock(key.Raw()) ? key.Raw() : nullptr;
     ScriptVal *found = FindText(MakeKey(text, -1, block), true, false);
@@ -437,34 +406,32 @@ ScriptVal &ScriptVal::FindKey(const KeID &key)
 
 const ScriptVal &ScriptVal::FindKeyConst(const ScriptVal &key) const
 {
-    if (!HoldsTable())
-        return Scratch();
+    if (!HoldsTable()) return Scratch();
     const ScriptVal *found = FindKeyPtr(key);
     return found ? *found : nil;
 }
 
 const ScriptVal &ScriptVal::FindKeyConst(double key) const
 {
-    if (!HoldsTable())
-        return Scratch();
+    if (!HoldsTable()) return Scratch();
     const ScriptVal *found = const_cast<ScriptVal *>(this)->FindNumber(key, false);
     return found ? *found : nil;
 }
 
 const ScriptVal &ScriptVal::FindKeyConst(const char *key) const
 {
-    if (!HoldsTable())
-        return Scratch();
-    const ScriptVal *found = key ? const_cast<ScriptVal *>(this)->FindText(MakeKey(key), false, false) : nullptr;
+    if (!HoldsTable()) return Scratch();
+    const ScriptVal *found =
+        key ? const_cast<ScriptVal *>(this)->FindText(MakeKey(key), false, false) : nullptr;
     return found ? *found : nil;
 }
 
 const ScriptVal &ScriptVal::FindKeyConst(const char *key, int len) const
 {
-    if (!HoldsTable())
-        return Scratch();
+    if (!HoldsTable()) return Scratch();
     const ScriptVal *found =
-        key ? const_cast<ScriptVal *>(this)->FindText(MakeKey(key, len < 0 ? 0 : len), false, false) : nullptr;
+        key ? const_cast<ScriptVal *>(this)->FindText(MakeKey(key, len < 0 ? 0 : len), false, false)
+            : nullptr;
     return found ? *found : nil;
 }
 
@@ -487,12 +454,9 @@ ScriptVal *ScriptVal::FindKeyNoCase(const char *key, int len)
 
 ScriptVal *ScriptVal::FindKeyNoCase(const ScriptVal &key)
 {
-    if (!HoldsTable())
-        return nullptr;
-    if (key.IsNumber())
-        return FindNumber(key.m_Value.m_Number, false);
-    if (key.IsString())
-        return FindText(MakeKey(key.m_Value.m_String.m_String + 1), false, true);
+    if (!HoldsTable()) return nullptr;
+    if (key.IsNumber()) return FindNumber(key.m_Value.m_Number, false);
+    if (key.IsString()) return FindText(MakeKey(key.m_Value.m_String.m_String + 1), false, true);
     return nullptr;
 }
 
@@ -503,8 +467,7 @@ const ScriptVal *ScriptVal::FindKeyNoCaseConst(const char *key) const
 
 const ScriptVal *ScriptVal::FindKeyNoCaseConst(const char *key, int len) const
 {
-    if (!HoldsTable() || !key)
-        return nullptr;
+    if (!HoldsTable() || !key) return nullptr;
     return const_cast<ScriptVal *>(this)->FindText(MakeKey(key, len < 0 ? 0 : len), false, true);
 }
 
@@ -519,15 +482,13 @@ ScriptVal *ScriptVal::FindKeyNest(const char *path, bool create)
 {
     // A receiver that isn't a table gives null: its look-ups land in the per-thread scratch value,
     // which the next look-up on a non-table cleans, so a pointer into it would soon alias freed entries.
-    if (!path || !HoldsTable())
-        return nullptr;
+    if (!path || !HoldsTable()) return nullptr;
     ScriptVal *cur = this;
     for (Segment seg = NextSegment(path);; seg = NextSegment(seg.text + seg.len + 1))
     {
         if (seg.last)
         {
-            if (!cur->IsTable())
-                return nullptr;
+            if (!cur->IsTable()) return nullptr;
             ScriptVal &v = seg.isNumber ? cur->FindKey(static_cast<double>(seg.number))
                                         : cur->FindKey(seg.text, seg.len);
             return IsScratch(&v) ? nullptr : &v;
@@ -538,45 +499,38 @@ ScriptVal *ScriptVal::FindKeyNest(const char *path, bool create)
                                         : cur->FindKey(seg.text, seg.len);
             if (IsScratch(&v))
                 return nullptr; // no entry could be allocated; never walk on through the scratch value
-            if (!v.IsTable())
-                v = SV_Table;
+            if (!v.IsTable()) v = SV_Table;
             cur = &v;
             continue;
         }
         const ScriptVal &v = seg.isNumber ? cur->FindKeyConst(static_cast<double>(seg.number))
                                           : cur->FindKeyConst(seg.text, seg.len);
-        if (!v.IsTable())
-            return nullptr;
+        if (!v.IsTable()) return nullptr;
         cur = const_cast<ScriptVal *>(&v);
     }
 }
 
 const ScriptVal *ScriptVal::FindKeyNestConst(const char *path) const
 {
-    if (!path || !HoldsTable())
-        return nullptr;
+    if (!path || !HoldsTable()) return nullptr;
     const ScriptVal *cur = this;
     for (Segment seg = NextSegment(path);; seg = NextSegment(seg.text + seg.len + 1))
     {
         const ScriptVal &v = seg.isNumber ? cur->FindKeyConst(static_cast<double>(seg.number))
                                           : cur->FindKeyConst(seg.text, seg.len);
-        if (seg.last)
-            return &v;
-        if (!v.IsTable())
-            return nullptr;
+        if (seg.last) return &v;
+        if (!v.IsTable()) return nullptr;
         cur = &v;
     }
 }
 
 ScriptVal *ScriptVal::FindKeyNoCaseNest(const char *path, bool create)
 {
-    if (!path)
-        return nullptr;
+    if (!path) return nullptr;
     ScriptVal *cur = this;
     for (Segment seg = NextSegment(path);; seg = NextSegment(seg.text + seg.len + 1))
     {
-        if (!cur->IsTable())
-            return nullptr;
+        if (!cur->IsTable()) return nullptr;
         ScriptVal *v;
         if (seg.isNumber)
             v = create && !seg.last ? &cur->FindKey(static_cast<double>(seg.number))
@@ -585,12 +539,10 @@ ScriptVal *ScriptVal::FindKeyNoCaseNest(const char *path, bool create)
             v = cur->FindKeyNoCase(seg.text, seg.len);
         else
             v = const_cast<ScriptVal *>(cur->FindKeyNoCaseConst(seg.text, seg.len));
-        if (!v || seg.last)
-            return v;
+        if (!v || seg.last) return v;
         if (!v->IsTable())
         {
-            if (!create)
-                return nullptr;
+            if (!create) return nullptr;
             *v = SV_Table;
         }
         cur = v;
@@ -599,17 +551,15 @@ ScriptVal *ScriptVal::FindKeyNoCaseNest(const char *path, bool create)
 
 const ScriptVal *ScriptVal::FindKeyNoCaseNestConst(const char *path) const
 {
-    if (!path)
-        return nullptr;
+    if (!path) return nullptr;
     const ScriptVal *cur = this;
     for (Segment seg = NextSegment(path);; seg = NextSegment(seg.text + seg.len + 1))
     {
-        if (!cur->IsTable())
-            return nullptr;
-        const ScriptVal *v = seg.isNumber ? cur->FindKeyNoCaseConst(ScriptVal(static_cast<double>(seg.number)))
-                                          : cur->FindKeyNoCaseConst(seg.text, seg.len);
-        if (!v || seg.last)
-            return v;
+        if (!cur->IsTable()) return nullptr;
+        const ScriptVal *v = seg.isNumber
+                                 ? cur->FindKeyNoCaseConst(ScriptVal(static_cast<double>(seg.number)))
+                                 : cur->FindKeyNoCaseConst(seg.text, seg.len);
+        if (!v || seg.last) return v;
         cur = v;
     }
 }
@@ -658,11 +608,9 @@ const ScriptVal *ScriptVal::FindKeyNoCaseNestConst(const ScriptVal &path) const
 
 ScriptVal &ScriptVal::AddKey(const ScriptVal &key)
 {
-    if (Type() != SV_Table || !key.IsString())
-        return FindKey(key);
+    if (Type() != SV_Table || !key.IsString()) return FindKey(key);
     TableEntry *entry = new TableEntry(key);
-    if (!entry)
-        return Scratch();
+    if (!entry) return Scratch();
     Append(entry);
     return entry->m_Value;
 }
@@ -676,23 +624,20 @@ int ScriptVal::NumKeys() const
 {
     int count = 0;
     for (TableEntry *e = FirstEntry(); e; e = e->m_Next)
-        if (!e->m_Key.IsNil() && !e->m_Value.IsNil())
-            ++count;
+        if (!e->m_Key.IsNil() && !e->m_Value.IsNil()) ++count;
     return count;
 }
 
 bool ScriptVal::IsEmpty() const
 {
     for (TableEntry *e = FirstEntry(); e; e = e->m_Next)
-        if (!e->m_Key.IsNil() && !e->m_Value.IsNil())
-            return false;
+        if (!e->m_Key.IsNil() && !e->m_Value.IsNil()) return false;
     return true;
 }
 
 bool ScriptVal::NextKey(TableEntry *&cursor) const
 {
-    if (!HoldsTable())
-        return false;
+    if (!HoldsTable()) return false;
     TableEntry *e = cursor ? cursor->m_Next : m_Value.m_Table.m_Table;
     while (e && (e->m_Key.IsNil() || e->m_Value.IsNil()))
         e = e->m_Next;
@@ -705,20 +650,17 @@ bool ScriptVal::NextKey(TableEntry *&cursor) const
 ScriptVal ScriptVal::RemoteGet(const ScriptVal &key)
 {
     auto doCommand = GetRemoteHooks().doCommand;
-    if (!doCommand)
-        return ScriptVal();
+    if (!doCommand) return ScriptVal();
     ScriptArgs args;
     args.FindKey(0.0) = key;
-    if (!doCommand(m_Value.m_RemoteObject, SST_GetTable, args) || !args.HoldsTable())
-        return ScriptVal();
+    if (!doCommand(m_Value.m_RemoteObject, SST_GetTable, args) || !args.HoldsTable()) return ScriptVal();
     return args.FindKeyConst(-1.0);
 }
 
 void ScriptVal::RemoteSet(const ScriptVal &key, const ScriptVal &value)
 {
     auto doCommand = GetRemoteHooks().doCommand;
-    if (!doCommand)
-        return;
+    if (!doCommand) return;
     ScriptArgs args;
     args.FindKey(0.0) = key;
     args.FindKey(1.0) = value;
@@ -727,15 +669,13 @@ void ScriptVal::RemoteSet(const ScriptVal &key, const ScriptVal &value)
 
 ScriptVal ScriptVal::GetKey(const char *key)
 {
-    if (HoldsTable())
-        return FindKey(key);
+    if (HoldsTable()) return FindKey(key);
     return IsRemoteObject() && key ? RemoteGet(ScriptVal(key)) : ScriptVal();
 }
 
 ScriptVal ScriptVal::GetKey(double key)
 {
-    if (HoldsTable())
-        return FindKey(key);
+    if (HoldsTable()) return FindKey(key);
     return IsRemoteObject() ? RemoteGet(ScriptVal(key)) : ScriptVal();
 }
 
@@ -769,15 +709,13 @@ void ScriptVal::SetKey(double key, const ScriptVal &value)
 
 const char *ScriptVal::GetConstructor() const
 {
-    if (Type() != SV_Table || !m_Value.m_Table.m_Constructor)
-        return nullptr;
+    if (Type() != SV_Table || !m_Value.m_Table.m_Constructor) return nullptr;
     return m_Value.m_Table.m_Constructor + 1;
 }
 
 void ScriptVal::SetConstructor(const char *name)
 {
-    if (Type() != SV_Table)
-        return;
+    if (Type() != SV_Table) return;
     char *block = StringBlockShareOrCopy(name);
     StringBlockRelease(m_Value.m_Table.m_ConstructorCopy);
     m_Value.m_Table.m_Constructor = block;
@@ -791,8 +729,7 @@ void ScriptVal::SetConstructor(const KeID &name)
 
 void ScriptVal::SetTable(TableEntry *head)
 {
-    if (Type() != SV_Table)
-        return;
+    if (Type() != SV_Table) return;
     CleanTable();
     m_Value.m_Table.m_Table = head;
     TableEntry *last = head;
@@ -807,8 +744,7 @@ void ScriptVal::SetTable(TableEntry *head)
 void ScriptVal::StoreTable(const ScriptValue *src)
 {
     m_Value = ScriptValue{};
-    if (!src)
-        return;
+    if (!src) return;
     if (Type() == SV_Args)
     {
         CopyEntries(src->m_Args.m_Table);
@@ -817,8 +753,7 @@ void ScriptVal::StoreTable(const ScriptValue *src)
     char *ctor = StringBlockShareOrCopy(src->m_Table.m_Constructor);
     m_Value.m_Table.m_Constructor = ctor;
     m_Value.m_Table.m_ConstructorCopy = ctor;
-    if (!CopyArray(src->m_Table.m_Table))
-        CopyEntries(src->m_Table.m_Table);
+    if (!CopyArray(src->m_Table.m_Table)) CopyEntries(src->m_Table.m_Table);
 }
 
 // Dense numeric arrays (keys 1..N, N above 64, number values) skip the sorted insertion. The copy
@@ -831,8 +766,7 @@ bool ScriptVal::CopyArray(const TableEntry *source)
     for (const TableEntry *e = source; e; e = e->m_Next, ++n)
         if (!e->m_Key.IsNumber() || !e->m_Value.IsNumber() || e->m_Key.m_Value.m_Number != double(n + 1))
             return false;
-    if (n < kArrayPathMin)
-        return false;
+    if (n < kArrayPathMin) return false;
     const uint32_t valueWord = SV_Number | source->m_Value.GetFlags(SVF_Single);
     StringBlockRelease(m_Value.m_Table.m_ConstructorCopy);
     m_Value = ScriptValue{};
@@ -876,8 +810,7 @@ void ScriptVal::CopyEntries(const TableEntry *source)
         if ((Type() == SV_Table && key.IsString()) || numberAtTail)
         {
             TableEntry *entry = new TableEntry(key);
-            if (!entry)
-                continue;
+            if (!entry) continue;
             LinkTail(entry, tail);
             tail = entry;
             value = &entry->m_Value;
@@ -887,7 +820,8 @@ void ScriptVal::CopyEntries(const TableEntry *source)
             value = &FindKey(key);
             tail = LastEntry();
         }
-        if (key.IsNumber() && !std::isnan(key.m_Value.m_Number) && (!haveMax || key.m_Value.m_Number > maxKey))
+        if (key.IsNumber() && !std::isnan(key.m_Value.m_Number) &&
+            (!haveMax || key.m_Value.m_Number > maxKey))
         {
             haveMax = true;
             maxKey = key.m_Value.m_Number;

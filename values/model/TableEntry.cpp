@@ -23,20 +23,20 @@ struct FreeSlot
 
 struct Chunk
 {
-    Chunk *nextAll = nullptr;   // every chunk
+    Chunk *nextAll = nullptr; // every chunk
     Chunk *prevAll = nullptr;
     Chunk *nextAvail = nullptr; // chunks with a free slot
     Chunk *prevAvail = nullptr;
     bool available = false;
     FreeSlot *freeList = nullptr;
-    size_t used = 0;     // slots handed out
-    size_t bumped = 0;   // slots ever carved from the chunk's tail
+    size_t used = 0;   // slots handed out
+    size_t bumped = 0; // slots ever carved from the chunk's tail
 };
 
-constexpr size_t kSlotSize = (sizeof(TableEntry) + alignof(std::max_align_t) - 1) &
-                             ~(alignof(std::max_align_t) - 1);
-constexpr size_t kHeaderSize = (sizeof(Chunk) + alignof(std::max_align_t) - 1) &
-                               ~(alignof(std::max_align_t) - 1);
+constexpr size_t kSlotSize =
+    (sizeof(TableEntry) + alignof(std::max_align_t) - 1) & ~(alignof(std::max_align_t) - 1);
+constexpr size_t kHeaderSize =
+    (sizeof(Chunk) + alignof(std::max_align_t) - 1) & ~(alignof(std::max_align_t) - 1);
 constexpr size_t kSlotsPerChunk = (kChunkSize - kHeaderSize) / kSlotSize;
 
 class EntryPool
@@ -74,12 +74,10 @@ Chunk *ChunkOf(void *slot)
 Chunk *EntryPool::NewChunk()
 {
     void *memory = std::aligned_alloc(kChunkSize, kChunkSize);
-    if (!memory)
-        return nullptr;
+    if (!memory) return nullptr;
     Chunk *chunk = new (memory) Chunk;
     chunk->nextAll = m_All;
-    if (m_All)
-        m_All->prevAll = chunk;
+    if (m_All) m_All->prevAll = chunk;
     m_All = chunk;
     LinkAvail(chunk);
     return chunk;
@@ -90,8 +88,7 @@ void EntryPool::LinkAvail(Chunk *chunk)
     chunk->available = true;
     chunk->prevAvail = nullptr;
     chunk->nextAvail = m_Avail;
-    if (m_Avail)
-        m_Avail->prevAvail = chunk;
+    if (m_Avail) m_Avail->prevAvail = chunk;
     m_Avail = chunk;
 }
 
@@ -101,8 +98,7 @@ void EntryPool::UnlinkAvail(Chunk *chunk)
         chunk->prevAvail->nextAvail = chunk->nextAvail;
     else
         m_Avail = chunk->nextAvail;
-    if (chunk->nextAvail)
-        chunk->nextAvail->prevAvail = chunk->prevAvail;
+    if (chunk->nextAvail) chunk->nextAvail->prevAvail = chunk->prevAvail;
     chunk->nextAvail = chunk->prevAvail = nullptr;
     chunk->available = false;
 }
@@ -111,8 +107,7 @@ void *EntryPool::Allocate()
 {
     std::lock_guard<std::mutex> guard(m_Lock);
     Chunk *chunk = m_Avail ? m_Avail : NewChunk();
-    if (!chunk)
-        return nullptr;
+    if (!chunk) return nullptr;
     void *slot;
     if (chunk->freeList)
     {
@@ -120,8 +115,7 @@ void *EntryPool::Allocate()
         chunk->freeList = chunk->freeList->next;
         // Slots come back in whatever order their table was freed, so the next one is likely far
         // from this and not in cache: its link is read on the next allocation.
-        if (chunk->freeList)
-            __builtin_prefetch(chunk->freeList, 1);
+        if (chunk->freeList) __builtin_prefetch(chunk->freeList, 1);
     }
     else
     {
@@ -129,8 +123,7 @@ void *EntryPool::Allocate()
         ++chunk->bumped;
     }
     ++chunk->used;
-    if (!chunk->freeList && chunk->bumped == kSlotsPerChunk)
-        UnlinkAvail(chunk);
+    if (!chunk->freeList && chunk->bumped == kSlotsPerChunk) UnlinkAvail(chunk);
     return slot;
 }
 
@@ -142,8 +135,7 @@ void EntryPool::Free(void *ptr)
     slot->next = chunk->freeList;
     chunk->freeList = slot;
     --chunk->used;
-    if (!chunk->available)
-        LinkAvail(chunk);
+    if (!chunk->available) LinkAvail(chunk);
 }
 
 void EntryPool::Compact()
@@ -154,14 +146,12 @@ void EntryPool::Compact()
         Chunk *next = chunk->nextAll;
         if (chunk->used == 0)
         {
-            if (chunk->available)
-                UnlinkAvail(chunk);
+            if (chunk->available) UnlinkAvail(chunk);
             if (chunk->prevAll)
                 chunk->prevAll->nextAll = chunk->nextAll;
             else
                 m_All = chunk->nextAll;
-            if (chunk->nextAll)
-                chunk->nextAll->prevAll = chunk->prevAll;
+            if (chunk->nextAll) chunk->nextAll->prevAll = chunk->prevAll;
             chunk->~Chunk();
             std::free(chunk);
         }
@@ -173,22 +163,19 @@ void EntryPool::Compact()
 
 void *TableEntry::operator new(size_t size) noexcept
 {
-    if (size > kSlotSize)
-        return nullptr;
+    if (size > kSlotSize) return nullptr;
     EntryPool *pool = Pool();
     return pool ? pool->Allocate() : nullptr;
 }
 
 void TableEntry::operator delete(void *ptr) noexcept
 {
-    if (ptr && s_Pool)
-        s_Pool->Free(ptr);
+    if (ptr && s_Pool) s_Pool->Free(ptr);
 }
 
 void TableEntry::HeapCompact()
 {
-    if (s_Pool)
-        s_Pool->Compact();
+    if (s_Pool) s_Pool->Compact();
 }
 
 } // namespace orvexScript

@@ -20,7 +20,7 @@ namespace
 
 constexpr size_t kDefaultThreshold = 24;
 constexpr size_t kMinCapacity = 16;
-constexpr size_t kBlockCap = 128;  // number items per block; a full block splits in two
+constexpr size_t kBlockCap = 128;    // number items per block; a full block splits in two
 constexpr size_t kFirstBlockCap = 8; // a block starts small and doubles, so small tables stay small
 constexpr size_t kPageItems = 256;   // integer keys per page
 constexpr size_t kPageWords = kPageItems / 64;
@@ -31,12 +31,10 @@ constexpr size_t kPagedFloor = 1024;
 constexpr size_t kPagedSpread = 8;
 constexpr double kPagedCeiling = 1u << 30;
 
-
 // Numbers hash by their bits, with -0 folded onto 0 since the two are the same key.
 uint32_t NumberHash(double key)
 {
-    if (key == 0.0)
-        key = 0.0;
+    if (key == 0.0) key = 0.0;
     uint64_t bits;
     std::memcpy(&bits, &key, sizeof(bits));
     bits ^= bits >> 33;
@@ -81,8 +79,7 @@ bool TableTextEqual(const char *stored, const char *key, size_t len)
 bool TableTextEqualNoCase(const char *stored, const char *key, size_t len)
 {
     for (size_t i = 0; i < len; ++i)
-        if (TableFoldAscii(stored[i]) != TableFoldAscii(key[i]) || !stored[i])
-            return false;
+        if (TableFoldAscii(stored[i]) != TableFoldAscii(key[i]) || !stored[i]) return false;
     return stored[len] == '\0';
 }
 
@@ -113,17 +110,14 @@ std::atomic<TableIndex *> *SlotOf(uint32_t handle)
 // A free handle with its slot in place, or 0. Called under the lock.
 uint32_t TakeHandle()
 {
-    if (s_NumFree)
-        return s_FreeHandles[--s_NumFree];
-    if (s_NextHandle == 0)
-        return 0; // every handle is in use
+    if (s_NumFree) return s_FreeHandles[--s_NumFree];
+    if (s_NextHandle == 0) return 0; // every handle is in use
     uint32_t handle = s_NextHandle;
     std::atomic<std::atomic<TableIndex *> *> &chunk = s_Chunks[handle >> kChunkBits];
     if (!chunk.load(std::memory_order_relaxed))
     {
         auto *slots = static_cast<std::atomic<TableIndex *> *>(std::calloc(kChunkSlots, sizeof(void *)));
-        if (!slots)
-            return 0;
+        if (!slots) return 0;
         chunk.store(slots, std::memory_order_release);
     }
     ++s_NextHandle;
@@ -136,8 +130,7 @@ void GiveBackHandle(uint32_t handle)
     {
         size_t cap = s_FreeCap ? s_FreeCap * 2 : 256;
         auto *grown = static_cast<uint32_t *>(std::realloc(s_FreeHandles, cap * sizeof(uint32_t)));
-        if (!grown)
-            return; // the handle number is lost, nothing else
+        if (!grown) return; // the handle number is lost, nothing else
         s_FreeHandles = grown;
         s_FreeCap = cap;
     }
@@ -149,8 +142,7 @@ void GiveBackHandle(uint32_t handle)
 uint32_t TableIndex::Create(const ScriptVal *owner, TableEntry *head)
 {
     TableIndex *index = new (std::nothrow) TableIndex;
-    if (!index)
-        return 0;
+    if (!index) return 0;
     index->m_Owner = owner;
     if (!index->Build(head))
     {
@@ -170,8 +162,7 @@ uint32_t TableIndex::Create(const ScriptVal *owner, TableEntry *head)
 
 TableIndex *TableIndex::Get(uint32_t handle)
 {
-    if (!handle)
-        return nullptr;
+    if (!handle) return nullptr;
     std::atomic<TableIndex *> *slot = SlotOf(handle);
     return slot ? slot->load(std::memory_order_acquire) : nullptr;
 }
@@ -182,11 +173,9 @@ void TableIndex::Release(uint32_t handle)
     {
         std::lock_guard<std::mutex> guard(s_RegistryLock);
         std::atomic<TableIndex *> *slot = handle ? SlotOf(handle) : nullptr;
-        if (!slot)
-            return;
+        if (!slot) return;
         index = slot->exchange(nullptr, std::memory_order_acq_rel);
-        if (index)
-            GiveBackHandle(handle);
+        if (index) GiveBackHandle(handle);
     }
     delete index;
 }
@@ -207,7 +196,8 @@ struct TableIndex::Block
 
     static Block *New(size_t cap)
     {
-        Block *block = static_cast<Block *>(std::malloc(sizeof(Block) + cap * (sizeof(double) + 2 * sizeof(void *))));
+        Block *block =
+            static_cast<Block *>(std::malloc(sizeof(Block) + cap * (sizeof(double) + 2 * sizeof(void *))));
         if (block)
         {
             block->n = 0;
@@ -231,8 +221,7 @@ TableIndex::Block *TableIndex::Widen(size_t b)
 {
     Block *old = m_Blocks[b];
     Block *block = Block::New(old->cap * 2 > kBlockCap ? kBlockCap : old->cap * 2);
-    if (!block)
-        return nullptr;
+    if (!block) return nullptr;
     block->Take(old, 0, old->n);
     std::free(old);
     m_Blocks[b] = block;
@@ -288,11 +277,9 @@ bool TableIndex::Build(TableEntry *head)
         if (key.IsNumber() && !std::isnan(key.m_Value.m_Number))
         {
             double k = key.m_Value.m_Number;
-            if ((!m_HasRecord || k > m_MaxRecord) && !AddRecord(k, e, prev, paged))
-                return false;
+            if ((!m_HasRecord || k > m_MaxRecord) && !AddRecord(k, e, prev, paged)) return false;
         }
-        if (!paged && !AddHash(e))
-            return false;
+        if (!paged && !AddHash(e)) return false;
     }
     return Settle();
 }
@@ -301,8 +288,7 @@ bool TableIndex::Build(TableEntry *head)
 bool TableIndex::NewSlots(size_t capacity)
 {
     Slot *slots = static_cast<Slot *>(std::calloc(capacity, sizeof(Slot)));
-    if (!slots)
-        return false;
+    if (!slots) return false;
     m_Slots = slots;
     m_Mask = capacity - 1;
     m_Shift = 64;
@@ -338,8 +324,7 @@ bool TableIndex::Grow()
     for (size_t n = 0; n < oldCapacity; ++n)
     {
         const Slot &s = old[(start + n) & (oldCapacity - 1)];
-        if (s.entry)
-            Place(s.entry, s.hash);
+        if (s.entry) Place(s.entry, s.hash);
     }
     std::free(old);
     return true;
@@ -347,18 +332,15 @@ bool TableIndex::Grow()
 
 bool TableIndex::AddHash(TableEntry *entry)
 {
-    if (!Indexable(entry->m_Key))
-        return true;
-    if ((m_Used + 1) * 2 > m_Mask + 1 && !Grow())
-        return false;
+    if (!Indexable(entry->m_Key)) return true;
+    if ((m_Used + 1) * 2 > m_Mask + 1 && !Grow()) return false;
     Place(entry, KeyHash(entry->m_Key));
     return true;
 }
 
 TableEntry *TableIndex::FindNumber(double key) const
 {
-    if (std::isnan(key))
-        return nullptr;
+    if (std::isnan(key)) return nullptr;
     // A record is the first entry with its key: nothing in front of it is as large. Paged records
     // stay out of the hash, which holds every other number entry.
     if (key >= 0 && key < double(m_NumPages * kPageItems))
@@ -366,8 +348,7 @@ TableEntry *TableIndex::FindNumber(double key) const
         size_t k = static_cast<size_t>(key);
         const Page *page = m_Pages[k / kPageItems];
         size_t i = k % kPageItems;
-        if (double(k) == key && page && page->items[i].entry)
-            return page->items[i].entry;
+        if (double(k) == key && page && page->items[i].entry) return page->items[i].entry;
     }
     uint32_t hash = NumberHash(key);
     for (size_t i = (hash * 0x9E3779B97F4A7C15ull) >> m_Shift; m_Slots[i].entry; i = (i + 1) & m_Mask)
@@ -384,8 +365,7 @@ TableEntry *TableIndex::FindText(const char *text, size_t len, uint32_t hash, bo
     for (size_t i = (hash * 0x9E3779B97F4A7C15ull) >> m_Shift; m_Slots[i].entry; i = (i + 1) & m_Mask)
     {
         const Slot &s = m_Slots[i];
-        if (s.hash != hash || !s.entry->m_Key.IsString())
-            continue;
+        if (s.hash != hash || !s.entry->m_Key.IsString()) continue;
         const char *stored = s.entry->m_Key.m_Value.m_String.m_String + 1;
         if (noCase ? TableTextEqualNoCase(stored, text, len) : TableTextEqual(stored, text, len))
             return s.entry;
@@ -397,31 +377,28 @@ bool TableIndex::Appended(TableEntry *entry)
 {
     TableEntry *prev = m_Tail;
     m_Tail = entry;
-    if (!m_Head)
-        m_Head = entry;
+    if (!m_Head) m_Head = entry;
     ++m_Count;
     const ScriptVal &key = entry->m_Key;
     bool paged = false;
     if (key.IsNumber() && !std::isnan(key.m_Value.m_Number))
     {
         double k = key.m_Value.m_Number;
-        if ((!m_HasRecord || k > m_MaxRecord) && !AddRecord(k, entry, prev, paged))
-            return false;
+        if ((!m_HasRecord || k > m_MaxRecord) && !AddRecord(k, entry, prev, paged)) return false;
     }
     return (paged || AddHash(entry)) && Settle();
 }
 
 bool TableIndex::InsertedBefore(TableEntry *entry, double key)
 {
-    TableEntry **nextPrev = m_FoundPaged ? &m_Pages[m_FoundKey / kPageItems]->items[m_FoundKey % kPageItems].prev
-                                         : &m_Blocks[m_FoundBlock]->Prevs()[m_FoundPos];
+    TableEntry **nextPrev = m_FoundPaged
+                                ? &m_Pages[m_FoundKey / kPageItems]->items[m_FoundKey % kPageItems].prev
+                                : &m_Blocks[m_FoundBlock]->Prevs()[m_FoundPos];
     TableEntry *prev = *nextPrev;
     *nextPrev = entry;
-    if (!prev)
-        m_Head = entry;
+    if (!prev) m_Head = entry;
     ++m_Count;
-    if (PageEligible(key))
-        return SetPaged(static_cast<size_t>(key), entry, prev) && Settle();
+    if (PageEligible(key)) return SetPaged(static_cast<size_t>(key), entry, prev) && Settle();
     bool placed = m_FoundBlock == m_NumBlocks ? PushNumber(key, entry, prev)
                                               : InsertNumber(m_FoundBlock, m_FoundPos, key, entry, prev);
     return placed && AddHash(entry) && Settle();
@@ -432,11 +409,9 @@ bool TableIndex::InsertedBefore(TableEntry *entry, double key)
 // record stays in the hash too, harmlessly, since the page is asked first.
 bool TableIndex::Settle()
 {
-    if (m_Count < m_SettleAt)
-        return true;
+    if (m_Count < m_SettleAt) return true;
     m_SettleAt = m_Count * 2;
-    if (!m_NumBlocks)
-        return true;
+    if (!m_NumBlocks) return true;
     Block **blocks = m_Blocks;
     size_t numBlocks = m_NumBlocks;
     m_Blocks = nullptr;
@@ -453,7 +428,8 @@ bool TableIndex::Settle()
             double key = block->Keys()[i];
             TableEntry *entry = block->Entries()[i];
             TableEntry *prev = block->Prevs()[i];
-            ok = PageEligible(key) ? SetPaged(static_cast<size_t>(key), entry, prev) : PushNumber(key, entry, prev);
+            ok = PageEligible(key) ? SetPaged(static_cast<size_t>(key), entry, prev)
+                                   : PushNumber(key, entry, prev);
         }
         std::free(block);
     }
@@ -465,8 +441,7 @@ bool TableIndex::Settle()
 
 bool TableIndex::PageEligible(double key) const
 {
-    if (!(key >= 0 && key < kPagedCeiling) || double(static_cast<size_t>(key)) != key)
-        return false;
+    if (!(key >= 0 && key < kPagedCeiling) || double(static_cast<size_t>(key)) != key) return false;
     size_t k = static_cast<size_t>(key);
     return k < m_NumPages * kPageItems || k < kPagedFloor || k / kPagedSpread < m_Count;
 }
@@ -480,8 +455,7 @@ bool TableIndex::SetPaged(size_t key, TableEntry *entry, TableEntry *prev)
         while (count <= p)
             count *= 2;
         auto *pages = static_cast<Page **>(std::realloc(m_Pages, count * sizeof(Page *)));
-        if (!pages)
-            return false;
+        if (!pages) return false;
         std::memset(pages + m_NumPages, 0, (count - m_NumPages) * sizeof(Page *));
         m_Pages = pages;
         m_NumPages = count;
@@ -490,8 +464,7 @@ bool TableIndex::SetPaged(size_t key, TableEntry *entry, TableEntry *prev)
     if (!page)
     {
         page = static_cast<Page *>(std::calloc(1, sizeof(Page)));
-        if (!page)
-            return false;
+        if (!page) return false;
         m_Pages[p] = page;
     }
     size_t i = key % kPageItems;
@@ -507,16 +480,13 @@ size_t TableIndex::NextPaged(size_t from) const
     for (size_t p = from / kPageItems; p < m_NumPages; ++p)
     {
         const Page *page = m_Pages[p];
-        if (!page)
-            continue;
+        if (!page) continue;
         size_t first = p == from / kPageItems ? from % kPageItems : 0;
         for (size_t w = first / 64; w < kPageWords; ++w)
         {
             uint64_t bits = page->bits[w];
-            if (w == first / 64)
-                bits &= ~uint64_t(0) << (first % 64);
-            if (bits)
-                return p * kPageItems + w * 64 + static_cast<size_t>(__builtin_ctzll(bits));
+            if (w == first / 64) bits &= ~uint64_t(0) << (first % 64);
+            if (bits) return p * kPageItems + w * 64 + static_cast<size_t>(__builtin_ctzll(bits));
         }
     }
     return end;
@@ -554,8 +524,7 @@ namespace
 // The index of the first of `n` ascending keys greater than `key`, without branches to mispredict.
 size_t UpperBound(const double *keys, size_t n, double key)
 {
-    if (n == 0)
-        return 0;
+    if (n == 0) return 0;
     const double *base = keys;
     while (n > 1)
     {
@@ -571,16 +540,14 @@ size_t UpperBound(const double *keys, size_t n, double key)
 
 bool TableIndex::Successor(double key, TableEntry *&next, TableEntry *&prev)
 {
-    if (std::isnan(key) || !m_HasRecord || !(key < m_MaxRecord))
-        return false;
+    if (std::isnan(key) || !m_HasRecord || !(key < m_MaxRecord)) return false;
     size_t end = m_NumPages * kPageItems;
     size_t paged = end;
     if (m_NumPages && key < double(end))
         paged = NextPaged(key < 0 ? 0 : static_cast<size_t>(std::floor(key)) + 1);
     size_t b = UpperBound(m_BlockMax, m_NumBlocks, key);
     size_t pos = 0;
-    if (b < m_NumBlocks)
-        pos = UpperBound(m_Blocks[b]->Keys(), m_Blocks[b]->n, key);
+    if (b < m_NumBlocks) pos = UpperBound(m_Blocks[b]->Keys(), m_Blocks[b]->n, key);
     m_FoundBlock = b;
     m_FoundPos = pos;
     m_FoundPaged = paged < end && (b == m_NumBlocks || double(paged) < m_Blocks[b]->Keys()[pos]);
@@ -592,8 +559,7 @@ bool TableIndex::Successor(double key, TableEntry *&next, TableEntry *&prev)
         prev = item.prev;
         return true;
     }
-    if (b == m_NumBlocks)
-        return false; // cannot happen while a record above `key` exists
+    if (b == m_NumBlocks) return false; // cannot happen while a record above `key` exists
     next = m_Blocks[b]->Entries()[pos];
     prev = m_Blocks[b]->Prevs()[pos];
     return true;
@@ -602,16 +568,13 @@ bool TableIndex::Successor(double key, TableEntry *&next, TableEntry *&prev)
 // Room in the block arrays for one more block.
 bool TableIndex::ReserveBlock()
 {
-    if (m_NumBlocks < m_BlockCap)
-        return true;
+    if (m_NumBlocks < m_BlockCap) return true;
     size_t cap = m_BlockCap ? m_BlockCap * 2 : 8;
     auto *blocks = static_cast<Block **>(std::realloc(m_Blocks, cap * sizeof(Block *)));
-    if (!blocks)
-        return false;
+    if (!blocks) return false;
     m_Blocks = blocks;
     auto *maxima = static_cast<double *>(std::realloc(m_BlockMax, cap * sizeof(double)));
-    if (!maxima)
-        return false;
+    if (!maxima) return false;
     m_BlockMax = maxima;
     m_BlockCap = cap;
     return true;
@@ -624,8 +587,7 @@ bool TableIndex::PushNumber(double key, TableEntry *entry, TableEntry *prev)
     if (!last || last->n == kBlockCap)
     {
         last = ReserveBlock() ? Block::New(last ? kBlockCap : kFirstBlockCap) : nullptr;
-        if (!last)
-            return false;
+        if (!last) return false;
         m_Blocks[m_NumBlocks++] = last;
     }
     else if (last->n == last->cap && !(last = Widen(m_NumBlocks - 1)))
@@ -647,8 +609,7 @@ bool TableIndex::InsertNumber(size_t b, size_t pos, double key, TableEntry *entr
     {
         // Split: the upper half moves to a new block behind this one.
         Block *upper = ReserveBlock() ? Block::New(kBlockCap) : nullptr;
-        if (!upper)
-            return false;
+        if (!upper) return false;
         size_t half = kBlockCap / 2;
         upper->Take(block, half, kBlockCap - half);
         block->n = half;

@@ -2,8 +2,8 @@
 // table; the index only finds entries and where a new number key goes. Small non-negative integer
 // keys that ascend in list order sit in pages of a direct array, found and placed there; the other
 // number keys that ascend sit in sorted blocks, each with its predecessor for placing; an
-// open-addressing hash finds every string key and every number key that isn't paged. What changes the list is in
-// ScriptValTable.cpp.
+// open-addressing hash finds every string key and every number key that isn't paged. What changes the list is
+// in ScriptValTable.cpp.
 #pragma once
 
 #include <atomic>
@@ -94,10 +94,10 @@ private:
     bool Settle();
 
     Slot *m_Slots = nullptr;
-    size_t m_Mask = 0; // capacity - 1
-    unsigned m_Shift = 64; // 64 - log2(capacity)
-    size_t m_Used = 0; // slots in use: the strings and the number entries not paged
-    size_t m_Count = 0; // entries in the list
+    size_t m_Mask = 0;      // capacity - 1
+    unsigned m_Shift = 64;  // 64 - log2(capacity)
+    size_t m_Used = 0;      // slots in use: the strings and the number entries not paged
+    size_t m_Count = 0;     // entries in the list
     size_t m_SettleAt = 64; // the entry count at which block records next move to pages
 
     Block **m_Blocks = nullptr;

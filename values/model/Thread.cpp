@@ -13,8 +13,8 @@
 #include <string>
 #include <utility>
 
-#include "values/sync/Lock.h"
 #include "values/base/Platform.h"
+#include "values/sync/Lock.h"
 
 namespace orvexScript
 {

@@ -1,8 +1,8 @@
 // UUID creation from the system's random bytes, with the version (4) and variant (RFC 4122) bits set.
 #include "values/model/UUID.h"
 
-#include "values/model/ScriptVal.h"
 #include "values/base/UtilSys.h"
+#include "values/model/ScriptVal.h"
 
 namespace orvexScript
 {

@@ -3,7 +3,6 @@
 #pragma once
 
 #include "values/base/Collate.h"
-#include "values/sync/DebugLog.h"
 #include "values/base/DumpBuffer.h"
 #include "values/base/FileUtil.h"
 #include "values/base/Hash.h"
@@ -11,3 +10,4 @@
 #include "values/base/Names.h"
 #include "values/base/Random.h"
 #include "values/model/UUID.h"
+#include "values/sync/DebugLog.h"

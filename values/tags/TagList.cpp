@@ -404,7 +404,7 @@ void TagList::Copy(long extraWords)
         if (InOwnArray(at))
         {
             std::memcpy(out + 1, at + 1, sizeof(Tag) * size); // the value moves
-            at[1] = 0;                                         // and the old place holds none
+            at[1] = 0;                                        // and the old place holds none
         }
         else
         {

@@ -83,8 +83,7 @@ bool Event::Wait(unsigned long timeoutMs)
     else
         got = m_Changed.wait_for(guard, std::chrono::milliseconds(timeoutMs), released);
     --m_Waiters;
-    if (got)
-        --m_Releases;
+    if (got) --m_Releases;
     return got;
 }
 
