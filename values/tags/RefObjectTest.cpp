@@ -135,7 +135,6 @@ TEST(ScriptObjectDump, DumpsEachObjectOnceAndHonoursTheSkipFlag)
     ASSERT_EQ(g_Included.size(), 1u);
     EXPECT_EQ(g_Included[0].first, static_cast<const void *>(&object));
     EXPECT_EQ(g_Included[0].second, sizeof(ScriptObject));
-    EXPECT_TRUE(object.m_SOFlags & ScriptObject::SOF_Dumped);
 
     RefObject skipped, unhooked;
     skipped.DumpMem(1);
