@@ -172,13 +172,10 @@ TEST(RefObjectAttrs, TwoWordTagsNeverReachCopyAttrAndDoPacksVarArgs)
     EXPECT_EQ(object.GetAttrPtr(TS_Label), object.m_Attrs.GetString(TS_Label));
     EXPECT_EQ(object.m_CopyCalls, 1);
 
-    // Do packs its arguments for DoTagList; the base's Do refuses, its SetAttrs accepts and ignores.
+    // Do packs its arguments for DoTagList.
     EXPECT_TRUE(object.Do(42, TI_Size, 1, TAG_DONE));
     EXPECT_EQ(object.m_LastCmd, 42u);
     EXPECT_FALSE(object.Do(43, TAG_DONE));
-    RefObject plain;
-    EXPECT_FALSE(plain.Do(1, TI_Size, 1, TAG_DONE));
-    EXPECT_TRUE(plain.SetAttrs(TI_Size, 1, TAG_DONE));
 }
 
 } // namespace
