@@ -148,7 +148,6 @@ TEST(MapTag, CopiesAndAssignmentsCopyChildrenDeeply)
     EXPECT_TRUE(copy.m_Children != root.m_Children && copy.m_Children[1].m_Children != root.m_Children[1].m_Children);
     const MapTag &deep = copy.m_Children[1].m_Children[0];
     EXPECT_TRUE(deep.m_Kind == SV_Number && deep.m_Tag == TI_Width);
-    EXPECT_STREQ(copy.m_Children[0].m_Name, "Title");
 
     MapTag assigned = MapBoolean("Visible", TI_Visible);
     assigned = root;
