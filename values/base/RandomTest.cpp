@@ -40,7 +40,7 @@ TEST(MersenneTwister, MatchesTheStandardEngineAcrossRegenerations)
     }
 }
 
-TEST(MersenneTwister, ReseedRestartsCopyContinuesAndUnseededGivesZeros)
+TEST(MersenneTwister, ReseedRestartsAndUnseededGivesZeros)
 {
     MersenneTwister mt;
     for (int i = 0; i < 2 * MersenneTwister::MT_STATESIZE; ++i)
@@ -49,9 +49,6 @@ TEST(MersenneTwister, ReseedRestartsCopyContinuesAndUnseededGivesZeros)
     const uint32_t first = mt.Rand_uint32();
     for (int i = 0; i < 700; ++i)
         mt.Rand_uint32();
-    MersenneTwister copy = mt;
-    for (int i = 0; i < 100; ++i)
-        ASSERT_EQ(copy.Rand_uint32(), mt.Rand_uint32());
     mt.Seed(42);
     EXPECT_EQ(mt.Rand_uint32(), first);
 }

@@ -68,7 +68,6 @@ TEST(ScriptValReturn, TablesCountTheirResultsAsArgsDoOtherKindsStoreNothing)
         EXPECT_EQ(target->FindKeyConst(-2).ToNumber(), 5.0);
     }
     EXPECT_STREQ(table.FindKeyConst(1).ToString(), "argument");
-    EXPECT_EQ(table.GetConstructor(), nullptr);
 
     ScriptVal text("unchanged");
     text.ReturnNumber(1);

@@ -145,7 +145,6 @@ TEST(TagListStore, KnownFormsSaveExactlyAndRoundTrip)
         EXPECT_EQ(Save(c.list), c.form);
         TagList loaded;
         ASSERT_TRUE(LoadAll(loaded, c.form));
-        EXPECT_TRUE(loaded.IsOwned());
         EXPECT_EQ(Save(loaded), c.form);
 
         // One byte short: Save writes nothing and reports the need.
@@ -155,10 +154,6 @@ TEST(TagListStore, KnownFormsSaveExactlyAndRoundTrip)
         EXPECT_EQ(capacity, int(c.form.size()));
         EXPECT_EQ(buffer, Bytes(c.form.size(), 0xCD));
     }
-    TagList loaded;
-    ASSERT_TRUE(LoadAll(loaded, Save(strings)));
-    EXPECT_EQ(loaded.GetString(TS_A, "default"), nullptr);
-    EXPECT_STREQ(loaded.GetString(TS_B), "");
 }
 
 TEST(TagListStore, EachPayloadRoundTripsAndObjectsAndPointersVanish)

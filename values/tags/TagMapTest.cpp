@@ -111,27 +111,20 @@ TEST(TagMap, EachRowKindConvertsOrLeavesOut)
 
 // ---- nested groups ----------------------------------------------------------------------------
 
+// A group overrides earlier rows, while repeatable tags accumulate across groups.
 TEST(TagMap, NestedGroupsOverrideEarlierRowsAndStopAtTheFirstKeyThatIsNoTable)
 {
     ScriptVal t = Table();
     t["Width"] = 1;
+    t["Item"] = 1;
     t[1] = SV_Table;
     t[1]["Width"] = 2;
+    t[1]["Item"] = 2;
     t[2] = "not a table";
     t[3] = SV_Table;
     t[3]["Width"] = 3;
     TagList tags;
     EXPECT_EQ(Mapped(t, tags).GetInt(TI_Width), 2);
-}
-
-TEST(TagMap, RepeatableTagsAccumulateAcrossGroups)
-{
-    ScriptVal t = Table();
-    t["Item"] = 1;
-    t[1] = SV_Table;
-    t[1]["Item"] = 2;
-    TagList tags;
-    Mapped(t, tags);
     const Tag *first = tags.Find(TI_Item);
     ASSERT_NE(first, nullptr);
     const Tag *second = tags.FindNext(TI_Item, const_cast<Tag *>(first));
@@ -155,7 +148,6 @@ TEST(MapTag, CopiesAndAssignmentsCopyChildrenDeeply)
     EXPECT_TRUE(copy.m_Children != root.m_Children && copy.m_Children[1].m_Children != root.m_Children[1].m_Children);
     const MapTag &deep = copy.m_Children[1].m_Children[0];
     EXPECT_TRUE(deep.m_Kind == SV_Number && deep.m_Tag == TI_Width);
-    EXPECT_STREQ(copy.m_Children[0].m_Name, "Title");
 
     MapTag assigned = MapBoolean("Visible", TI_Visible);
     assigned = root;
