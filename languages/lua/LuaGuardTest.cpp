@@ -28,8 +28,7 @@ ORVEX_LUA_FUNCTION(ChecksArgument)
     return 1;
 }
 
-// C++ exceptions become Lua errors; Lua's own errors and normal results pass through; the state stays
-// usable after many guarded errors.
+// Many rounds: the state stays usable after many guarded errors.
 TEST(LuaGuard, ExceptionsBecomeLuaErrorsAndTheRestPassesThrough)
 {
     orvexTest::LuaState state;
