@@ -27,7 +27,7 @@ struct RemoteHooks
     bool (*doCommand)(RemoteObject *object, unsigned long cmd, ScriptArgs &args) = nullptr;
 };
 
-ORVEX_API void SetRemoteHooks(const RemoteHooks &hooks);
-ORVEX_API const RemoteHooks &GetRemoteHooks();
+void SetRemoteHooks(const RemoteHooks &hooks);
+const RemoteHooks &GetRemoteHooks();
 
 } // namespace orvexScript

@@ -159,6 +159,6 @@ ORVEX_API void _RemoveScriptObject(void *object, TagList *tags);
 
 // The crash dump registers the function that adds a block of memory to the dump; until then
 // ScriptObject::DoDumpMem adds nothing. Null unregisters.
-ORVEX_API void SetIncludeMemoryHook(void (*hook)(const void *address, size_t size));
+void SetIncludeMemoryHook(void (*hook)(const void *address, size_t size));
 
 } // namespace orvexScript
