@@ -533,11 +533,15 @@ PacketResult FromPacket(PacketObjects *objects, const Packet *packet, size_t ava
     if (!packet || available < kPacketHeaderSize || !IsAcceptablePacketSize(packet->m_Size) ||
         packet->m_Size > available)
         r = PR_BadSize;
-    const unsigned char *cursor = reinterpret_cast<const unsigned char *>(packet) + kPacketHeaderSize;
-    const unsigned char *end = r == PR_Ok ? reinterpret_cast<const unsigned char *>(packet) + packet->m_Size : cursor;
-    if (r == PR_Ok) r = FromPkt(a, objects, cursor, end);
-    if (r == PR_Ok) r = FromPkt(b, objects, cursor, end);
-    if (r == PR_Ok && cursor != end) r = PR_TrailingData;
+    if (r == PR_Ok)
+    {
+        const auto *base = reinterpret_cast<const unsigned char *>(packet);
+        const unsigned char *cursor = base + kPacketHeaderSize;
+        const unsigned char *end = base + packet->m_Size;
+        r = FromPkt(a, objects, cursor, end);
+        if (r == PR_Ok) r = FromPkt(b, objects, cursor, end);
+        if (r == PR_Ok && cursor != end) r = PR_TrailingData;
+    }
     if (r == PR_Ok && args && !b.IsArgs() && !b.IsNil()) r = PR_WrongKind;
     if (r != PR_Ok)
     {

@@ -221,6 +221,23 @@ TEST(Packet, EveryKindRoundTripsWithOrderConstructorsAndFlags)
     }
 }
 
+TEST(Packet, WriterStopsAtTheEndOfItsSpace)
+{
+    const ScriptVal v = Ordered({{"key", "value"}, {1.0, Ordered({{2.0, true}}, "Inner")}}, "Outer");
+    const size_t size = CalcPktSize(v);
+    for (size_t space : {size - 1, size - 5, size_t(3)})
+    {
+        std::vector<unsigned char> buf(space); // exact: ASan sees a write past it
+        unsigned char *cursor = buf.data();
+        EXPECT_FALSE(ToPkt(v, nullptr, cursor, buf.data() + space)) << space;
+        EXPECT_LE(cursor, buf.data() + space);
+    }
+    std::vector<unsigned char> buf(size);
+    unsigned char *cursor = buf.data();
+    EXPECT_TRUE(ToPkt(v, nullptr, cursor, buf.data() + size));
+    EXPECT_EQ(cursor, buf.data() + size);
+}
+
 TEST(Packet, CodeLosesItsArgumentCountOnTheWire)
 {
     const ScriptVal code("ab", 2, 5);
@@ -458,6 +475,7 @@ TEST(Packet, SizeCeilingIsSettable)
     EXPECT_EQ(GetMaxPacketSize(), kPacketDefaultMaxSize);
     EXPECT_EQ(FromPacket(nullptr, buf.packet(), buf.size, &a, &b), PR_Ok);
     EXPECT_FALSE(IsAcceptablePacketSize(31));
+    EXPECT_EQ(FromPacket(nullptr, nullptr, 64, &a, &b), PR_BadSize);
 }
 
 TEST(Packet, FuzzCorpusKeepsTheReadInvariants)
