@@ -12,7 +12,7 @@ install(TARGETS orvexScript_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
 # Every header of the subsystem folders, found when installing, so moved or new headers come along;
 # tests, their helpers, fuzz corpora and test data stay behind.
-foreach(dir values objects languages)
+foreach(dir values objects remote languages)
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/${dir} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orvexScript
     FILES_MATCHING PATTERN "*.h"
     PATTERN "*Test.h" EXCLUDE PATTERN "Test*.h" EXCLUDE PATTERN "*LoadCheck.h" EXCLUDE
