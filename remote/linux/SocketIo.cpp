@@ -367,13 +367,15 @@ IoStatus PacketReader::ReadSome(int fd, Packet *&packet)
         errno = EMSGSIZE;
         return IO_BadSize;
     }
-    while (m_Size == 0)
+    if (!m_Buffer)
     {
-        size_t got = 0;
-        IoStatus status = ReceiveInto(fd, m_SizeBytes + m_Have, 4 - m_Have, got);
-        if (status != IO_Ok) return status;
-        m_Have += static_cast<uint32_t>(got);
-        if (m_Have < 4) continue;
+        while (m_Have < 4)
+        {
+            size_t got = 0;
+            IoStatus status = ReceiveInto(fd, m_SizeBytes + m_Have, 4 - m_Have, got);
+            if (status != IO_Ok) return status;
+            m_Have += static_cast<uint32_t>(got);
+        }
         uint32_t size = uint32_t(m_SizeBytes[0]) | uint32_t(m_SizeBytes[1]) << 8 | uint32_t(m_SizeBytes[2]) << 16 |
                         uint32_t(m_SizeBytes[3]) << 24;
         if (!IsAcceptablePacketSize(size))
@@ -383,10 +385,10 @@ IoStatus PacketReader::ReadSome(int fd, Packet *&packet)
             errno = EMSGSIZE;
             return IO_BadSize;
         }
+        // Out of memory keeps the size in hand, so that a later call may try again.
         m_Buffer = static_cast<unsigned char *>(std::malloc(size));
         if (!m_Buffer)
         {
-            m_Have = 0;
             errno = ENOMEM;
             return IO_NoMemory;
         }
