@@ -130,6 +130,90 @@ TEST(SocketIoThreads, LoopbackPairCarriesPacketsOfSeveralSizes)
     }
 }
 
+// Echoes every packet back the way a connection thread would: one poll, reads until EAGAIN, and a
+// half-sent packet that waits for POLLOUT. Ends after the peer's end of stream, with its own.
+bool EchoLoop(int fd, int &halfSentWaits)
+{
+    PacketReader reader;
+    SendState out;
+    std::vector<Packet *> queue;
+    Packet *current = nullptr;
+    bool peerDone = false, ok = true;
+    while (ok)
+    {
+        ConnectionEvents events;
+        halfSentWaits += out.Busy();
+        if (WaitConnection(kNoFd, kNoFd, fd, out.Busy(), kWaitMs, events) != IO_Ok) ok = false;
+        for (IoStatus status = IO_Ok; ok && events.readable && !peerDone && status != IO_WouldBlock;)
+        {
+            Packet *packet = nullptr;
+            status = reader.ReadSome(fd, packet);
+            if (status == IO_Ok) queue.push_back(packet);
+            else if (status == IO_Closed) peerDone = true;
+            else if (status != IO_WouldBlock) ok = false;
+        }
+        while (ok)
+        {
+            if (!current && !queue.empty())
+            {
+                current = queue.front();
+                queue.erase(queue.begin());
+                out.Start(current);
+            }
+            if (!current) break;
+            IoStatus status = SendSome(fd, out);
+            if (status == IO_WouldBlock) break;
+            ok = status == IO_Ok;
+            FreePkt(current);
+            current = nullptr;
+        }
+        if (peerDone && !current && queue.empty()) break;
+    }
+    FreePkt(current);
+    for (Packet *packet : queue) FreePkt(packet);
+    return ShutdownSend(fd) && ok;
+}
+
+TEST(SocketIoThreads, EchoLoopWithHalfSentPackets)
+{
+    Pair pair;
+    MakePair(pair, 2000);
+    ASSERT_NE(pair.server, kNoFd);
+    // Small buffers, so that the echo cannot hand over a large packet in one send.
+    int small = 32768;
+    ASSERT_EQ(setsockopt(pair.server, SOL_SOCKET, SO_SNDBUF, &small, sizeof(small)), 0);
+    ASSERT_EQ(setsockopt(pair.client, SOL_SOCKET, SO_RCVBUF, &small, sizeof(small)), 0);
+    std::vector<Packet *> sent;
+    for (uint32_t i = 0; i < 24; ++i) sent.push_back(MakePacket(i % 3 == 0 ? 32 + i : 700000 + 4099 * i, i));
+    bool echoed = false;
+    int halfSentWaits = 0;
+    std::thread echo([&] { echoed = EchoLoop(pair.server, halfSentWaits); });
+    std::vector<IoStatus> sendResults;
+    std::thread sender(
+        [&]
+        {
+            for (Packet *packet : sent) sendResults.push_back(SendPacket(pair.client, packet, kWaitMs));
+            ShutdownSend(pair.client);
+        });
+    PacketReader reader;
+    for (Packet *expected : sent)
+    {
+        Packet *got = nullptr;
+        EXPECT_EQ(reader.ReadPacket(pair.client, got, kWaitMs), IO_Ok);
+        EXPECT_TRUE(SamePacket(got, expected)) << expected->m_Size;
+        FreePkt(got);
+    }
+    Packet *none = nullptr;
+    EXPECT_EQ(reader.ReadPacket(pair.client, none, kWaitMs), IO_Closed);
+    sender.join();
+    echo.join();
+    EXPECT_TRUE(echoed);
+    // The POLLOUT path ran.
+    EXPECT_GT(halfSentWaits, 0);
+    for (IoStatus status : sendResults) EXPECT_EQ(status, IO_Ok);
+    for (Packet *packet : sent) FreePkt(packet);
+}
+
 TEST(SocketIo, ConnectToAClosedPortFailsQuickly)
 {
     int listener = kNoFd;
