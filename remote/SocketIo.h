@@ -37,7 +37,8 @@ const char *IoStatusName(IoStatus status);
 
 // Connects a new TCP socket to `host` (a host name or a dotted address) at `port`. With timeoutMs > 0
 // the connect is non-blocking and waited for at most that long, and the socket is blocking again
-// afterwards; with 0 it is a plain blocking connect. The socket is close-on-exec with TCP_NODELAY.
+// afterwards; with 0 (or less) it is a blocking connect, which the kernel gives up after about two
+// minutes. The socket is close-on-exec with TCP_NODELAY.
 // IO_Ok stores it into `fd`; on failure `fd` is kNoFd and errno is set (EHOSTUNREACH for a host name
 // that does not resolve).
 [[nodiscard]] IoStatus ConnectTcp(const char *host, uint16_t port, int timeoutMs, int &fd);

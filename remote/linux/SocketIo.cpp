@@ -145,6 +145,9 @@ static bool SetNoDelay(int fd)
 
 // ---- connecting ---------------------------------------------------------------------------------
 
+// A blocking connect gives up after the kernel's SYN retries (about 127 s by default).
+constexpr int kBlockingConnectLimitMs = 130000;
+
 static bool SetBlocking(int fd)
 {
     int flags = Sys().fcntl(fd, F_GETFL, 0);
@@ -180,14 +183,12 @@ IoStatus ConnectTcpIp(uint32_t ip, uint16_t port, int timeoutMs, int &fd)
     address.sin_port = htons(port);
     address.sin_addr.s_addr = ip;
     IoStatus status = IO_Ok;
-    int rc;
-    do
-        rc = Sys().connect(s, reinterpret_cast<const sockaddr *>(&address), sizeof(address));
-    while (rc != 0 && errno == EINTR && timeoutMs <= 0);
-    if (rc != 0)
+    if (Sys().connect(s, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0)
     {
-        // A connect cut by a signal goes on in the background, as one in progress does.
-        if (timeoutMs > 0 && (errno == EINPROGRESS || errno == EINTR)) status = FinishConnect(s, timeoutMs);
+        // A connect cut by a signal goes on in the background, as one in progress does; a blocking
+        // one is waited for as long as the kernel would try.
+        if (errno == EINPROGRESS || errno == EINTR)
+            status = FinishConnect(s, timeoutMs > 0 ? timeoutMs : kBlockingConnectLimitMs);
         else status = FromErrno(errno);
         if (status == IO_WouldBlock) status = IO_Error; // EAGAIN from connect: no ports left
     }

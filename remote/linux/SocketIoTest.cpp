@@ -698,9 +698,15 @@ TEST(SocketIoSeam, ConnectWithATimeOut)
         EXPECT_NE(g_Connect.socketType & SOCK_CLOEXEC, 0);
     }
 
+    // A blocking connect cut by a signal finishes in the background and is waited for.
+    g_Connect = ConnectFake{EINTR, {-EINTR, 1}, 0};
+    int fd = kNoFd;
+    ASSERT_EQ(ConnectTcp("10.1.2.3", 9, 0, fd), IO_Ok);
+    EXPECT_EQ(g_Connect.socketType & SOCK_NONBLOCK, 0);
+    CloseFd(fd);
+
     // Connected in time: the socket is blocking again and has TCP_NODELAY.
     g_Connect = ConnectFake{EINPROGRESS, {1}, 0};
-    int fd = kNoFd;
     ASSERT_EQ(ConnectTcp("10.1.2.3", 9, 100, fd), IO_Ok);
     EXPECT_EQ(fd, g_Connect.realFd);
     ExpectSocketFlags(fd);
