@@ -63,15 +63,24 @@ const char *IoStatusName(IoStatus status)
 {
     switch (status)
     {
-    case IO_Ok: return "ok";
-    case IO_WouldBlock: return "would block";
-    case IO_TimedOut: return "timed out";
-    case IO_Closed: return "closed by the peer";
-    case IO_Reset: return "connection reset";
-    case IO_Refused: return "connection refused";
-    case IO_BadSize: return "packet size refused";
-    case IO_NoMemory: return "out of memory";
-    case IO_Error: return "socket error";
+    case IO_Ok:
+        return "ok";
+    case IO_WouldBlock:
+        return "would block";
+    case IO_TimedOut:
+        return "timed out";
+    case IO_Closed:
+        return "closed by the peer";
+    case IO_Reset:
+        return "connection reset";
+    case IO_Refused:
+        return "connection refused";
+    case IO_BadSize:
+        return "packet size refused";
+    case IO_NoMemory:
+        return "out of memory";
+    case IO_Error:
+        return "socket error";
     }
     return "unknown";
 }
@@ -81,13 +90,18 @@ static IoStatus FromErrno(int error)
 {
     switch (error)
     {
-    case EAGAIN: return IO_WouldBlock;
+    case EAGAIN:
+        return IO_WouldBlock;
     case ECONNRESET:
     case EPIPE:
-    case ECONNABORTED: return IO_Reset;
-    case ECONNREFUSED: return IO_Refused;
-    case ETIMEDOUT: return IO_TimedOut;
-    default: return IO_Error;
+    case ECONNABORTED:
+        return IO_Reset;
+    case ECONNREFUSED:
+        return IO_Refused;
+    case ETIMEDOUT:
+        return IO_TimedOut;
+    default:
+        return IO_Error;
     }
 }
 
@@ -189,7 +203,8 @@ IoStatus ConnectTcpIp(uint32_t ip, uint16_t port, int timeoutMs, int &fd)
         // one is waited for as long as the kernel would try.
         if (errno == EINPROGRESS || errno == EINTR)
             status = FinishConnect(s, timeoutMs > 0 ? timeoutMs : kBlockingConnectLimitMs);
-        else status = FromErrno(errno);
+        else
+            status = FromErrno(errno);
         if (status == IO_WouldBlock) status = IO_Error; // EAGAIN from connect: no ports left
     }
     if (status == IO_Ok && timeoutMs > 0 && !SetBlocking(s)) status = IO_Error;
@@ -377,8 +392,8 @@ IoStatus PacketReader::ReadSome(int fd, Packet *&packet)
             if (status != IO_Ok) return status;
             m_Have += static_cast<uint32_t>(got);
         }
-        uint32_t size = uint32_t(m_SizeBytes[0]) | uint32_t(m_SizeBytes[1]) << 8 | uint32_t(m_SizeBytes[2]) << 16 |
-                        uint32_t(m_SizeBytes[3]) << 24;
+        uint32_t size = uint32_t(m_SizeBytes[0]) | uint32_t(m_SizeBytes[1]) << 8 |
+                        uint32_t(m_SizeBytes[2]) << 16 | uint32_t(m_SizeBytes[3]) << 24;
         if (!IsAcceptablePacketSize(size))
         {
             m_Refused = size;

@@ -41,7 +41,8 @@ struct SysGuard
 Packet *MakePacket(uint32_t size, uint32_t seed)
 {
     auto *bytes = static_cast<unsigned char *>(std::malloc(size));
-    for (uint32_t i = 4; i < size; ++i) bytes[i] = static_cast<unsigned char>(i * 131u + seed);
+    for (uint32_t i = 4; i < size; ++i)
+        bytes[i] = static_cast<unsigned char>(i * 131u + seed);
     bytes[0] = static_cast<unsigned char>(size);
     bytes[1] = static_cast<unsigned char>(size >> 8);
     bytes[2] = static_cast<unsigned char>(size >> 16);
@@ -103,12 +104,14 @@ TEST(SocketIoThreads, LoopbackPairCarriesPacketsOfSeveralSizes)
         ExpectSocketFlags(pair.server);
 
         std::vector<Packet *> sent;
-        for (uint32_t size : sizes) sent.push_back(MakePacket(size, size));
+        for (uint32_t size : sizes)
+            sent.push_back(MakePacket(size, size));
         std::vector<IoStatus> sendResults;
         std::thread sender(
             [&]
             {
-                for (Packet *packet : sent) sendResults.push_back(SendPacket(pair.client, packet, kWaitMs));
+                for (Packet *packet : sent)
+                    sendResults.push_back(SendPacket(pair.client, packet, kWaitMs));
             });
         PacketReader reader;
         for (Packet *expected : sent)
@@ -119,8 +122,10 @@ TEST(SocketIoThreads, LoopbackPairCarriesPacketsOfSeveralSizes)
             FreePkt(got);
         }
         sender.join();
-        for (IoStatus status : sendResults) EXPECT_EQ(status, IO_Ok);
-        for (Packet *packet : sent) FreePkt(packet);
+        for (IoStatus status : sendResults)
+            EXPECT_EQ(status, IO_Ok);
+        for (Packet *packet : sent)
+            FreePkt(packet);
 
         // The end of the stream after the last packet, and nothing more to wait for.
         ASSERT_TRUE(ShutdownSend(pair.client));
@@ -148,9 +153,12 @@ bool EchoLoop(int fd, int &halfSentWaits)
         {
             Packet *packet = nullptr;
             status = reader.ReadSome(fd, packet);
-            if (status == IO_Ok) queue.push_back(packet);
-            else if (status == IO_Closed) peerDone = true;
-            else if (status != IO_WouldBlock) ok = false;
+            if (status == IO_Ok)
+                queue.push_back(packet);
+            else if (status == IO_Closed)
+                peerDone = true;
+            else if (status != IO_WouldBlock)
+                ok = false;
         }
         while (ok)
         {
@@ -170,7 +178,8 @@ bool EchoLoop(int fd, int &halfSentWaits)
         if (peerDone && !current && queue.empty()) break;
     }
     FreePkt(current);
-    for (Packet *packet : queue) FreePkt(packet);
+    for (Packet *packet : queue)
+        FreePkt(packet);
     return ShutdownSend(fd) && ok;
 }
 
@@ -184,7 +193,8 @@ TEST(SocketIoThreads, EchoLoopWithHalfSentPackets)
     ASSERT_EQ(setsockopt(pair.server, SOL_SOCKET, SO_SNDBUF, &small, sizeof(small)), 0);
     ASSERT_EQ(setsockopt(pair.client, SOL_SOCKET, SO_RCVBUF, &small, sizeof(small)), 0);
     std::vector<Packet *> sent;
-    for (uint32_t i = 0; i < 24; ++i) sent.push_back(MakePacket(i % 3 == 0 ? 32 + i : 700000 + 4099 * i, i));
+    for (uint32_t i = 0; i < 24; ++i)
+        sent.push_back(MakePacket(i % 3 == 0 ? 32 + i : 700000 + 4099 * i, i));
     bool echoed = false;
     int halfSentWaits = 0;
     std::thread echo([&] { echoed = EchoLoop(pair.server, halfSentWaits); });
@@ -192,7 +202,8 @@ TEST(SocketIoThreads, EchoLoopWithHalfSentPackets)
     std::thread sender(
         [&]
         {
-            for (Packet *packet : sent) sendResults.push_back(SendPacket(pair.client, packet, kWaitMs));
+            for (Packet *packet : sent)
+                sendResults.push_back(SendPacket(pair.client, packet, kWaitMs));
             ShutdownSend(pair.client);
         });
     PacketReader reader;
@@ -210,8 +221,10 @@ TEST(SocketIoThreads, EchoLoopWithHalfSentPackets)
     EXPECT_TRUE(echoed);
     // The POLLOUT path ran.
     EXPECT_GT(halfSentWaits, 0);
-    for (IoStatus status : sendResults) EXPECT_EQ(status, IO_Ok);
-    for (Packet *packet : sent) FreePkt(packet);
+    for (IoStatus status : sendResults)
+        EXPECT_EQ(status, IO_Ok);
+    for (Packet *packet : sent)
+        FreePkt(packet);
 }
 
 TEST(SocketIo, ConnectToAClosedPortFailsQuickly)
@@ -304,7 +317,8 @@ TEST(SocketIoThreads, WriteSignalWakesAWaitingThread)
     ASSERT_TRUE(write.Open());
     ConnectionEvents events;
     IoStatus status = IO_Error;
-    std::thread waiter([&] { status = WaitConnection(quit.Fd(), write.Fd(), kNoFd, false, kWaitMs, events); });
+    std::thread waiter([&]
+                       { status = WaitConnection(quit.Fd(), write.Fd(), kNoFd, false, kWaitMs, events); });
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     ASSERT_TRUE(write.Signal());
     waiter.join();
@@ -381,7 +395,8 @@ TEST(SocketIoSeam, ReaderAssemblesPacketsSplitAnywhere)
         {
             SCOPED_TRACE(testing::Message() << "chunk " << chunk << " again " << againBetween);
             StartStream(chunk, againBetween, 0);
-            for (const Packet *packet : {first, second, third}) Append(g_Stream.bytes, packet);
+            for (const Packet *packet : {first, second, third})
+                Append(g_Stream.bytes, packet);
             PacketReader reader;
             std::vector<Packet *> got;
             IoStatus status;
@@ -389,8 +404,10 @@ TEST(SocketIoSeam, ReaderAssemblesPacketsSplitAnywhere)
             {
                 Packet *packet = nullptr;
                 status = reader.ReadSome(7, packet);
-                if (status == IO_Ok) got.push_back(packet);
-                else if (status != IO_WouldBlock) break;
+                if (status == IO_Ok)
+                    got.push_back(packet);
+                else if (status != IO_WouldBlock)
+                    break;
             }
             EXPECT_EQ(status, IO_Closed);
             EXPECT_FALSE(reader.InPacket());
@@ -398,7 +415,8 @@ TEST(SocketIoSeam, ReaderAssemblesPacketsSplitAnywhere)
             EXPECT_TRUE(SamePacket(got[0], first));
             EXPECT_TRUE(SamePacket(got[1], second));
             EXPECT_TRUE(SamePacket(got[2], third));
-            for (Packet *packet : got) FreePkt(packet);
+            for (Packet *packet : got)
+                FreePkt(packet);
         }
     }
     FreePkt(first);
@@ -481,7 +499,8 @@ TEST(SocketIoSeam, ReaderRefusesASizeBeforeReadingMore)
         // A stream that would go on for long: nothing past the size field may be taken.
         StartStream(1, false, 0);
         g_Stream.bytes.assign(64, 0xAB);
-        for (int i = 0; i < 4; ++i) g_Stream.bytes[i] = static_cast<unsigned char>(size >> (8 * i));
+        for (int i = 0; i < 4; ++i)
+            g_Stream.bytes[i] = static_cast<unsigned char>(size >> (8 * i));
         PacketReader reader;
         Packet *got = nullptr;
         EXPECT_EQ(reader.ReadSome(7, got), IO_BadSize);
