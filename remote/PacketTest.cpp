@@ -99,7 +99,7 @@ Keys KeysOf(const ScriptVal &t)
     return keys;
 }
 
-TEST(Packet, CommandCallingFooWithTwoIsTheDocumentedEightyEightBytes)
+TEST(Packet, CommandCallingFooWithTwoIsTheDocumentedEightyEightBytesAndReadsIntoArgs)
 {
     ScriptArgs args;
     args[0] = "Foo";
@@ -111,6 +111,12 @@ TEST(Packet, CommandCallingFooWithTwoIsTheDocumentedEightyEightBytes)
     want.U32(88).U32(PKT_Command).U32(144).U32(1).U32(7).U32(0).U32(0).U32(0).U32(SV_Nil).U32(SV_Args).U32(2);
     want.U32(SV_Number).F64(0.0).U32(SV_String).Str("Foo").U32(SV_Number).F64(1.0).U32(SV_Number).F64(2.0);
     EXPECT_EQ(ToBytes(p), want.b);
+    // A ScriptArgs target keeps its context.
+    ScriptArgs target;
+    target.GetValue().m_Args.m_Context = 77;
+    ASSERT_EQ(FromPacket(nullptr, p, p->m_Size, nullptr, &target), PR_Ok);
+    EXPECT_TRUE(target[0] == "Foo" && target[1] == 2.0);
+    EXPECT_EQ(target.GetValue().m_Args.m_Context, 77u);
     FreePkt(p);
 }
 
@@ -276,7 +282,7 @@ TEST(Packet, ObjectsAreNamedThroughTheConnectionsTables)
     }
 }
 
-TEST(Packet, ReplyCarriesTheResultsAsATableInOrder)
+TEST(Packet, ReplyCarriesTheResultsAsATableInOrderWhichAnArgsTargetRefuses)
 {
     ScriptArgs args;
     args[0] = "Member";
@@ -297,23 +303,9 @@ TEST(Packet, ReplyCarriesTheResultsAsATableInOrder)
     EXPECT_TRUE(a == "first");
     EXPECT_EQ(KeysOf(b), (Keys{"-1", "-2", "-3"}));
     EXPECT_TRUE(b[-1.0] == 10.0 && b[-2.0].IsNil() && b[-3.0] == "third");
-    FreePkt(p);
-}
-
-TEST(Packet, ArgsTargetKeepsItsContextAndWantsAnArgumentRecord)
-{
-    ScriptArgs sent;
-    sent[0] = "Foo";
-    Packet *p = ToPacket(nullptr, 1, SST_CallMemberFunction, nullptr, &sent);
     ScriptArgs target;
+    target[0] = "old";
     target.GetValue().m_Args.m_Context = 77;
-    ASSERT_EQ(FromPacket(nullptr, p, p->m_Size, nullptr, &target), PR_Ok);
-    EXPECT_TRUE(target[0] == "Foo");
-    EXPECT_EQ(target.GetValue().m_Args.m_Context, 77u);
-    FreePkt(p);
-
-    const ScriptVal table(SV_Table, nullptr);
-    p = CreatePkt(PKT_Command, nullptr, nullptr, &table);
     EXPECT_EQ(FromPacket(nullptr, p, p->m_Size, nullptr, &target), PR_WrongKind);
     EXPECT_EQ(target.NumKeys(), 0);
     EXPECT_EQ(target.GetValue().m_Args.m_Context, 77u);

@@ -458,34 +458,41 @@ ssize_t FakeSend(int, const void *, size_t size, int flags)
     return step < 0 ? -1 : static_cast<ssize_t>(n);
 }
 
-TEST(SocketIoSeam, SendSomeFollowsShortWritesAndFailures)
+TEST(SocketIoSeam, SendFollowsShortWritesFailuresAndPolls)
 {
     SysGuard guard;
     Sys().send = FakeSend;
+    Sys().poll = FakePoll;
     const Packets packet{{MakePacket(100, 6)}};
     const struct
     {
         const char *name;
         std::vector<int> steps;
+        std::deque<int> polls;
+        int waitMs; // 0: SendSome, else SendAll with this time-out
         IoStatus expected;
         size_t sent;
         int calls;
     } cases[] = {
-        {"fits in one call", {}, IO_Ok, 100, 1},
-        {"short writes go on", {10, 1, 30}, IO_Ok, 100, 4},
-        {"EINTR is retried", {-EINTR, 20, -EINTR}, IO_Ok, 100, 4},
-        {"full buffer waits for POLLOUT", {40, -EAGAIN}, IO_WouldBlock, 40, 2},
-        {"reset", {25, -ECONNRESET}, IO_Reset, 25, 2},
-        {"broken pipe is a reset", {-EPIPE}, IO_Reset, 0, 1},
-        {"other error", {-EBADF}, IO_Error, 0, 1},
+        {"fits in one call", {}, {}, 0, IO_Ok, 100, 1},
+        {"short writes go on", {10, 1, 30}, {}, 0, IO_Ok, 100, 4},
+        {"EINTR is retried", {-EINTR, 20, -EINTR}, {}, 0, IO_Ok, 100, 4},
+        {"full buffer waits for POLLOUT", {40, -EAGAIN}, {}, 0, IO_WouldBlock, 40, 2},
+        {"reset", {25, -ECONNRESET}, {}, 0, IO_Reset, 25, 2},
+        {"broken pipe is a reset", {-EPIPE}, {}, 0, IO_Reset, 0, 1},
+        {"other error", {-EBADF}, {}, 0, IO_Error, 0, 1},
+        {"SendAll resumes when writable", {30, -EAGAIN, 30, -EAGAIN}, {1, -EINTR, 1}, kWaitMs, IO_Ok, 100, 5},
+        {"SendAll times out", {30, -EAGAIN}, {0}, 50, IO_TimedOut, 30, 2},
     };
     for (const auto &c : cases)
     {
         SCOPED_TRACE(c.name);
         g_Send = SendScript{c.steps};
+        g_Polls = c.polls;
         SendState state;
         state.Start(packet[0]);
-        EXPECT_EQ(SendSome(7, state), c.expected);
+        EXPECT_EQ(c.waitMs ? SendAll(7, state, c.waitMs) : SendSome(7, state), c.expected);
+        EXPECT_EQ(errno, c.expected == IO_TimedOut ? ETIMEDOUT : errno);
         EXPECT_EQ(state.Sent(), c.sent);
         EXPECT_EQ(g_Send.taken, c.sent);
         EXPECT_EQ(g_Send.calls, c.calls);
@@ -493,30 +500,9 @@ TEST(SocketIoSeam, SendSomeFollowsShortWritesAndFailures)
     }
 }
 
-TEST(SocketIoSeam, SendAllResumesAfterWritableOrTimesOut)
-{
-    SysGuard guard;
-    Sys().send = FakeSend;
-    Sys().poll = FakePoll;
-    const Packets packet{{MakePacket(100, 7)}};
-    g_Send = SendScript{{30, -EAGAIN, 30, -EAGAIN}};
-    g_Polls = {1, -EINTR, 1};
-    SendState state;
-    state.Start(packet[0]);
-    EXPECT_EQ(SendAll(7, state, kWaitMs), IO_Ok);
-    EXPECT_EQ(g_Send.taken, 100u);
-
-    g_Send = SendScript{{30, -EAGAIN}};
-    g_Polls = {0};
-    state.Start(packet[0]);
-    EXPECT_EQ(SendAll(7, state, 50), IO_TimedOut);
-    EXPECT_EQ(errno, ETIMEDOUT);
-    EXPECT_EQ(state.Sent(), 30u);
-    EXPECT_TRUE(state.Busy());
-}
-
 // ---- connecting through the table ---------------------------------------------------------------
 
+// What the replaced connect and getsockopt answer, and what the layer did.
 struct ConnectFake
 {
     int connectErrno = EINPROGRESS;
@@ -527,8 +513,9 @@ struct ConnectFake
 };
 ConnectFake g_Connect;
 
-void FakeConnectCalls()
+TEST(SocketIoSeam, ConnectWithATimeOut)
 {
+    SysGuard guard;
     Sys().socket = [](int domain, int type, int protocol) -> int
     {
         g_Connect.socketType = type;
@@ -552,27 +539,25 @@ void FakeConnectCalls()
         ++g_Connect.closes;
         return ::close(fd);
     };
-}
-
-TEST(SocketIoSeam, ConnectWithATimeOut)
-{
-    SysGuard guard;
-    FakeConnectCalls();
     const struct
     {
         const char *name;
+        int timeoutMs;
         int connectErrno;
         std::deque<int> polls;
         int soError;
         IoStatus expected;
-        int error;
+        int error; // errno on failure
     } cases[] = {
-        {"nothing answers", EINPROGRESS, {0}, 0, IO_TimedOut, ETIMEDOUT},
-        {"a signal, then nothing", EINPROGRESS, {-EINTR, 0}, 0, IO_TimedOut, ETIMEDOUT},
-        {"refused while waiting", EINPROGRESS, {1}, ECONNREFUSED, IO_Refused, ECONNREFUSED},
-        {"unreachable while waiting", EINPROGRESS, {1}, EHOSTUNREACH, IO_Error, EHOSTUNREACH},
-        {"refused at once", ECONNREFUSED, {}, 0, IO_Refused, ECONNREFUSED},
-        {"poll fails", EINPROGRESS, {-ENOMEM}, 0, IO_Error, ENOMEM},
+        {"nothing answers", 100, EINPROGRESS, {0}, 0, IO_TimedOut, ETIMEDOUT},
+        {"a signal, then nothing", 100, EINPROGRESS, {-EINTR, 0}, 0, IO_TimedOut, ETIMEDOUT},
+        {"refused while waiting", 100, EINPROGRESS, {1}, ECONNREFUSED, IO_Refused, ECONNREFUSED},
+        {"unreachable while waiting", 100, EINPROGRESS, {1}, EHOSTUNREACH, IO_Error, EHOSTUNREACH},
+        {"refused at once", 100, ECONNREFUSED, {}, 0, IO_Refused, ECONNREFUSED},
+        {"poll fails", 100, EINPROGRESS, {-ENOMEM}, 0, IO_Error, ENOMEM},
+        // A blocking connect cut by a signal finishes in the background and is waited for.
+        {"blocking, cut by a signal", 0, EINTR, {-EINTR, 1}, 0, IO_Ok, 0},
+        {"connected in time", 100, EINPROGRESS, {1}, 0, IO_Ok, 0},
     };
     for (const auto &c : cases)
     {
@@ -580,28 +565,16 @@ TEST(SocketIoSeam, ConnectWithATimeOut)
         g_Connect = ConnectFake{c.connectErrno, c.soError};
         g_Polls = c.polls;
         int fd = 5;
-        EXPECT_EQ(ConnectTcp("10.1.2.3", 9, 100, fd), c.expected);
-        EXPECT_EQ(errno, c.error);
-        EXPECT_EQ(fd, kNoFd);
-        EXPECT_EQ(g_Connect.closes, 1) << "the socket is closed";
-        EXPECT_EQ(g_Connect.socketType & (SOCK_NONBLOCK | SOCK_CLOEXEC), SOCK_NONBLOCK | SOCK_CLOEXEC);
+        EXPECT_EQ(ConnectTcp("10.1.2.3", 9, c.timeoutMs, fd), c.expected);
+        EXPECT_EQ(c.error ? errno : 0, c.error);
+        EXPECT_EQ(fd, c.expected == IO_Ok ? g_Connect.realFd : kNoFd);
+        EXPECT_EQ(g_Connect.closes, c.expected == IO_Ok ? 0 : 1) << "a failed socket is closed";
+        EXPECT_EQ(g_Connect.socketType & (SOCK_NONBLOCK | SOCK_CLOEXEC),
+                  c.timeoutMs ? SOCK_NONBLOCK | SOCK_CLOEXEC : SOCK_CLOEXEC);
+        // A socket connected in time is blocking again and has TCP_NODELAY.
+        if (fd != kNoFd) ExpectSocketFlags(fd);
+        CloseFd(fd);
     }
-
-    // A blocking connect cut by a signal finishes in the background and is waited for.
-    g_Connect = ConnectFake{EINTR};
-    g_Polls = {-EINTR, 1};
-    int fd = kNoFd;
-    ASSERT_EQ(ConnectTcp("10.1.2.3", 9, 0, fd), IO_Ok);
-    EXPECT_EQ(g_Connect.socketType & SOCK_NONBLOCK, 0);
-    CloseFd(fd);
-
-    // Connected in time: the socket is blocking again and has TCP_NODELAY.
-    g_Connect = ConnectFake{};
-    g_Polls = {1};
-    ASSERT_EQ(ConnectTcp("10.1.2.3", 9, 100, fd), IO_Ok);
-    EXPECT_EQ(fd, g_Connect.realFd);
-    ExpectSocketFlags(fd);
-    CloseFd(fd);
 }
 
 } // namespace
