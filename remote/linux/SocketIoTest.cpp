@@ -304,11 +304,11 @@ ssize_t FakeRecv(int, void *data, size_t size, int flags)
     EXPECT_NE(flags & MSG_DONTWAIT, 0);
     const size_t left = g_Stream.bytes.size() - g_Stream.position;
     errno = g_Stream.interrupts-- > 0 ? EINTR : (g_Stream.againBetween && g_Stream.gaveData) ? EAGAIN : 0;
-    if (errno || (left == 0 && g_Stream.endError))
+    if (errno || left == 0)
     {
         g_Stream.gaveData = false;
         errno = errno ? errno : g_Stream.endError;
-        return -1;
+        return errno ? -1 : 0;
     }
     const size_t n = std::min({size, left, g_Stream.chunk});
     std::memcpy(data, g_Stream.bytes.data() + g_Stream.position, n);
