@@ -227,8 +227,7 @@ public:
     const char *RemoteUUID(RemoteObject *) override { return "short"; }
     void ReadOwnObject(uint32_t id, const char *, ScriptVal &out) override
     {
-        auto it = m_Local.find(id);
-        if (it != m_Local.end()) out = it->second;
+        if (m_Local.count(id)) out = m_Local[id];
     }
     void ReadPeerObject(uint32_t id, const char *uuid, ScriptVal &out) override
     {
