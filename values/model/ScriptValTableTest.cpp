@@ -171,6 +171,7 @@ TEST(ScriptValTableNest, CreateBuildsTablesOnTheWay)
     *t.FindKeyNest("a.1", true) = "one";
     EXPECT_EQ(Dump(t), R"({"a"={"b"={"c"=5;}#1/1;1="one";}#2/2;}#1/1)");
     EXPECT_EQ(t.FindKeyNest(static_cast<const char *>(nullptr), true), nullptr);
+    EXPECT_EQ(t.FindKeyNest(ScriptVal(3), true), nullptr); // a path that is no string names nothing
     t["n"] = 1;
     ASSERT_NE(t.FindKeyNest("n.b", true), nullptr); // a value on the way is replaced by a table
     EXPECT_TRUE(t["n"].IsTable());
