@@ -9,6 +9,7 @@
 #include <new>
 
 #include "objects/ObjectHooks.h"
+#include "remote/Scripting.h"
 
 namespace orvexScript
 {
@@ -293,6 +294,10 @@ bool CreateScriptWindow(void * /*instance*/)
 {
     std::lock_guard<std::mutex> windowLock(s_WindowLock);
     if (s_Window.load()) return true;
+    // Once scripting knows its main thread, only that thread may own the window: it is the one that
+    // pumps it.
+    std::thread::id mainThread = GetScriptingMainThread();
+    if (mainThread != std::thread::id() && mainThread != std::this_thread::get_id()) return false;
     ScriptWindow *window = new (std::nothrow) ScriptWindow;
     if (!window) return false;
     if (!window->Open())

@@ -111,7 +111,8 @@ private:
 ORVEX_API ScriptWindow *GetScriptWnd();
 // Makes the script window on the calling thread, which becomes the main thread, if there is none, and
 // installs the main-thread hooks so that RunOnMainThread goes through it. True if a window exists.
-// The instance is not used.
+// After InitScripting only its thread may make the window; another thread gets false. The instance is
+// not used.
 bool CreateScriptWindow(void *instance = nullptr);
 // Removes the hooks and destroys the window; only on its owner thread (elsewhere nothing happens).
 // Waiting senders fail.
