@@ -16,44 +16,31 @@ namespace
 
 constexpr unsigned kChunk = RemoteObjectChunk::kRecords;
 
-TEST(RemoteObjectTable, FreedRecordIsReusedBeforeANewChunk)
-{
-    std::vector<_Object> objects(kChunk + 1);
-    RemoteObjectTable table;
-    std::vector<RemoteObject *> records;
-    for (unsigned i = 0; i < kChunk; ++i)
-        records.push_back(table.Allocate(i + 1, &objects[i], nullptr, true));
-    // Free one record in the middle: the next allocation takes its place instead of growing.
-    RemoteObjectTable::Free(records[17]);
-    EXPECT_EQ(table.InUse(), kChunk - 1);
-    RemoteObject *again = table.Allocate(500, &objects[kChunk], nullptr, false);
-    EXPECT_EQ(again, records[17]);
-    EXPECT_EQ(table.Chunks(), 1u);
-    EXPECT_EQ(again->m_Count, 0u);
-    EXPECT_FALSE(again->IsLocal());
-    // Full again: only now a second chunk is appended.
-    ASSERT_NE(table.Allocate(501, &objects[0], nullptr, true), nullptr);
-    EXPECT_EQ(table.Chunks(), 2u);
-}
-
-TEST(RemoteObjectTable, RecordsStayPutAndAreFoundAcrossChunks)
+TEST(RemoteObjectTable, GrowsOnlyWhenFullAndRecordsStayPut)
 {
     const unsigned count = kChunk * 4 + 3;
-    std::vector<_Object> objects(count);
+    std::vector<_Object> objects(count + 2);
     RemoteObjectTable table;
     std::vector<RemoteObject *> records;
-    for (unsigned i = 0; i < count; ++i) {
+    for (unsigned i = 0; i < count; ++i)
         records.push_back(table.Allocate(100 + i, &objects[i], nullptr, true));
-        ASSERT_NE(records.back(), nullptr);
-    }
     EXPECT_EQ(table.Chunks(), 5u);
     EXPECT_EQ(table.InUse(), count);
     for (unsigned i = 0; i < count; ++i) {
         EXPECT_EQ(table.FindId(100 + i), records[i]);
         EXPECT_EQ(table.FindObject(&objects[i]), records[i]);
         EXPECT_EQ(table.Find(&objects[i], 100 + i), records[i]);
-        EXPECT_EQ(records[i]->m_Object, &objects[i]);
     }
+    // Freed records are taken again, the first from the head first, before the last chunk's room.
+    RemoteObjectTable::Free(records[200]);
+    RemoteObjectTable::Free(records[17]);
+    EXPECT_EQ(table.InUse(), count - 2);
+    RemoteObject *again = table.Allocate(900, &objects[count], nullptr, false);
+    EXPECT_EQ(again, records[17]);
+    EXPECT_EQ(again->m_Count, 0u);
+    EXPECT_FALSE(again->IsLocal());
+    EXPECT_EQ(table.Allocate(901, &objects[count + 1], nullptr, true), records[200]);
+    EXPECT_EQ(table.Chunks(), 5u);
 }
 
 TEST(RemoteObjectTable, LookupsThatFindNothing)
