@@ -2,7 +2,7 @@
 // FindKeyConst, for string keys and for number keys in shuffled order, against std::unordered_map and
 // a LuaJIT table filled through the C API in the same run; and small tables (4 to 64 keys) against
 // the plain list walk (the index switched off by its threshold). A summary of the ratios follows.
-#include <benchmark/benchmark.h>
+#include "bench/BenchMain.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -269,10 +269,5 @@ void PrintSummary()
 
 int main(int argc, char **argv)
 {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    PrintSummary();
-    return 0;
+    return RunBenchmarksThenSummary(argc, argv, PrintSummary);
 }

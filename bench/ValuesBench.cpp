@@ -2,7 +2,7 @@
 // copying a large numeric table by the array path and the general path, and string-key look-ups
 // against std::unordered_map, and sorting names in the smart order. A summary of the ratios follows the
 // benchmark table.
-#include <benchmark/benchmark.h>
+#include "bench/BenchMain.h"
 
 #include <algorithm>
 #include <atomic>
@@ -270,10 +270,5 @@ void PrintSummary()
 
 int main(int argc, char **argv)
 {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    PrintSummary();
-    return 0;
+    return RunBenchmarksThenSummary(argc, argv, PrintSummary);
 }
