@@ -119,4 +119,22 @@ ScopedEnv::~ScopedEnv()
         unsetenv(m_Name.c_str());
 }
 
+size_t
+ForEachCorpusFile(const std::string &folder,
+                  const std::function<void(const std::string &, const std::string &, CorpusExpect)> &check)
+{
+    size_t files = 0;
+    for (const std::filesystem::directory_entry &entry : std::filesystem::directory_iterator(folder))
+    {
+        if (!entry.is_regular_file()) continue;
+        const std::string name = entry.path().filename().string();
+        const CorpusExpect expect = name.rfind("valid-", 0) == 0    ? CorpusExpect::Read
+                                    : name.rfind("broken-", 0) == 0 ? CorpusExpect::Refused
+                                                                    : CorpusExpect::Either;
+        check(name, ReadFile(entry.path().string()), expect);
+        ++files;
+    }
+    return files;
+}
+
 } // namespace orvexTest

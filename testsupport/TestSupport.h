@@ -4,6 +4,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <string>
 #include <thread>
@@ -34,11 +35,11 @@ private:
 
 struct ProcessResult
 {
-    int exitCode = -1;      // exit status, or -1 if the child did not exit normally
-    int signal = 0;         // the signal that ended it, or 0
-    bool timedOut = false;  // the child was killed after the time limit
-    std::string out;        // what it wrote to stdout
-    std::string err;        // what it wrote to stderr
+    int exitCode = -1;     // exit status, or -1 if the child did not exit normally
+    int signal = 0;        // the signal that ended it, or 0
+    bool timedOut = false; // the child was killed after the time limit
+    std::string out;       // what it wrote to stdout
+    std::string err;       // what it wrote to stderr
 };
 
 // Runs `argv[0]` with the arguments, waits at most `timeoutMs`, kills it after that.
@@ -46,6 +47,18 @@ ProcessResult RunProcess(const std::vector<std::string> &argv, int timeoutMs = 3
 
 // Reads a whole file; empty if it can't be read.
 std::string ReadFile(const std::string &path);
+
+// What a fuzz corpus file's name promises: "valid-..." must be read, "broken-..." refused, others either.
+enum class CorpusExpect
+{
+    Read,
+    Refused,
+    Either
+};
+// Calls `check` with the name and bytes of every regular file of a corpus folder; gives the count.
+size_t ForEachCorpusFile(
+    const std::string &folder,
+    const std::function<void(const std::string &name, const std::string &bytes, CorpusExpect expect)> &check);
 
 // Sets (or, for a null value, unsets) an environment variable for the life of the object, then puts
 // back what was there before.
