@@ -5,6 +5,8 @@
 
 #include <cstdint>
 
+#include "values/base/Export.h"
+#include "values/model/ScriptArgs.h"
 #include "values/sync/Lock.h"
 
 namespace orvexScript
@@ -12,13 +14,27 @@ namespace orvexScript
 
 class RemoteApp;
 class ScriptObject;
+struct Packet;
 
 // One object as one table knows it. All zero is a free record; a record in use has a non-zero id.
-class RemoteObject
+class ORVEX_API RemoteObject
 {
 public:
     bool IsLocal() const { return m_Local; }
     bool IsFree() const { return m_ID == 0; }
+
+    // Through the owning connection: a local record to its local counts, a proxy to its remote
+    // counts. No connection: nothing.
+    void IncRef();
+    void DecRef();
+    // A blocking call of `symbol` on the object: the reply's second value, or nil (no connection, time-out,
+    // the connection lost). SST_ToString results get the connection's name, address and UUID added.
+    ScriptVal DoCommand(int symbol, ScriptArgs &args);
+    // Sends and returns at once with the sequence; 0 if the proxy has no connection.
+    unsigned long DoCommandAsync(int symbol, ScriptArgs &args,
+                                 bool (*callback)(void *user, RemoteApp *app, Packet *packet,
+                                                  unsigned long sequence),
+                                 void *user);
 
     uint32_t m_Count;       // references held through this record
     uint32_t m_ID;          // object id; 0 while the record is free

@@ -4,6 +4,8 @@
 
 #include "remote/ScriptWindow.h"
 
+#include "remote/RemoteApp.h"
+
 #include <atomic>
 #include <chrono>
 #include <new>
@@ -305,6 +307,7 @@ bool CreateScriptWindow(void * /*instance*/)
         delete window;
         return false;
     }
+    InstallConnectionHandlers(*window);
     s_WindowThread.store(std::this_thread::get_id());
     s_Window.store(window);
     MainThreadHooks hooks;

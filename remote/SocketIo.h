@@ -52,6 +52,9 @@ const char *IoStatusName(IoStatus status);
 // blocking, TCP_NODELAY). IO_TimedOut if none came.
 [[nodiscard]] IoStatus Accept(int listenFd, int timeoutMs, int &fd);
 
+// The IPv4 address of the socket's peer in network order, or 0.
+uint32_t PeerAddress(int fd);
+
 // Stops sending: the peer reads the end of the stream after what was sent.
 bool ShutdownSend(int fd);
 // Closes a descriptor if there is one and sets it to kNoFd. errno is kept.
@@ -91,6 +94,9 @@ private:
 [[nodiscard]] IoStatus SendPacket(int fd, const Packet *packet, int timeoutMs);
 
 // ---- receiving ----------------------------------------------------------------------------------
+
+// One recv without waiting: the bytes read, 0 when nothing is there or on any error.
+int ReceiveSome(int fd, void *data, size_t size);
 
 // Assembles packets from the byte stream of one socket, in pieces of any size: first the 4-byte size
 // (little endian), which must pass IsAcceptablePacketSize before anything is allocated for it, then

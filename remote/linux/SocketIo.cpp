@@ -508,4 +508,23 @@ IoStatus WaitConnection(int quitFd, int writeFd, int socketFd, bool wantWritable
     return IO_Ok;
 }
 
+int ReceiveSome(int fd, void *data, size_t size)
+{
+    ssize_t n;
+    do
+        n = Sys().recv(fd, data, size, MSG_DONTWAIT);
+    while (n < 0 && errno == EINTR);
+    return n > 0 ? static_cast<int>(n) : 0;
+}
+
+uint32_t PeerAddress(int fd)
+{
+    sockaddr_in address{};
+    socklen_t size = sizeof(address);
+    if (fd < 0 || ::getpeername(fd, reinterpret_cast<sockaddr *>(&address), &size) != 0 ||
+        address.sin_family != AF_INET)
+        return 0;
+    return address.sin_addr.s_addr;
+}
+
 } // namespace orvexScript::SocketIo

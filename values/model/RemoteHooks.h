@@ -11,6 +11,7 @@ class RemoteObject;
 class RemoteApp;
 class ScriptObject;
 class ScriptArgs;
+class ScriptVal;
 
 struct RemoteHooks
 {
@@ -25,6 +26,10 @@ struct RemoteHooks
     void (*appRecycle)(RemoteApp *app) = nullptr;
     // Sends a command (SST_GetTable, SST_SetTable, ...) and waits for the reply in `args`.
     bool (*doCommand)(RemoteObject *object, unsigned long cmd, ScriptArgs &args) = nullptr;
+    // The member call of ScriptVal::CallMemberA on an object value: the first result.
+    ScriptVal (*callMember)(const ScriptVal &receiver, const char *name, ScriptArgs &args) = nullptr;
+    // Sends the reply of an argument record; false if none could be sent.
+    bool (*sendReply)(ScriptArgs &args) = nullptr;
 };
 
 void SetRemoteHooks(const RemoteHooks &hooks);

@@ -19,6 +19,7 @@ class RemoteObject;
 class RemoteApp;
 class ScriptObject;
 class ScriptSymbol;
+class ScriptArgs;
 
 // The kinds. Their numbers travel in packets and in the generated binding.
 enum ScriptValType : uint32_t
@@ -311,6 +312,12 @@ public:
     int NumKeys() const;
     bool IsEmpty() const;
     bool NextKey(TableEntry *&cursor) const;
+
+    // The member call on an object value (a proxy or a local object): the first result, or nil when
+    // there is no such member or the value is no object. CallMember puts its arguments at keys 1..n
+    // (n at most 8; defined in ScriptArgs.h).
+    ScriptVal CallMemberA(const char *name, ScriptArgs &args) const;
+    template <typename... A> ScriptVal CallMember(const char *name, const A &...args) const;
 
     ScriptVal GetKey(const char *key);
     ScriptVal GetKey(double key);

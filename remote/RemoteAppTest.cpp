@@ -1,0 +1,261 @@
+// Connections with both ends in this process, over real TCP on loopback: calls and their results,
+// the error replies, objects crossing in both directions with their counts, time-outs and late
+// replies, concurrent callers, and commands served on the script window's thread.
+#include "remote/RemoteApp.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "remote/ScriptWindow.h"
+#include "remote/Scripting.h"
+#include "remote/testhost/HostObjects.h"
+#include "testsupport/TestSupport.h"
+
+namespace orvexScript
+{
+namespace
+{
+
+ScriptObject *TestRoot(void *user, void *)
+{
+    return static_cast<testhost::Root *>(user);
+}
+
+// Scripting once per process, with a test host root; the calling thread is the main thread.
+void EnsureScripting()
+{
+    static testhost::Root *root = new testhost::Root;
+    static ScriptConfig config = [] {
+        ScriptConfig c;
+        c.name = "RemoteAppTest";
+        c.user = root;
+        c.root = TestRoot;
+        return c;
+    }();
+    InitScripting(config);
+}
+
+// A listening end that wraps every accepted socket in a connection, and a client connected to it.
+class Link
+{
+public:
+    Link()
+    {
+        EnsureScripting();
+        EXPECT_TRUE(SocketIo::ListenLoopback(0, m_Listen, m_Port));
+        m_Acceptor = std::thread([this] {
+            while (!m_Stop.load())
+            {
+                int fd = SocketIo::kNoFd;
+                if (SocketIo::Accept(m_Listen, 50, fd) == SocketIo::IO_Ok)
+                {
+                    RemoteApp *server = new RemoteApp(fd);
+                    m_Server.store(server);
+                }
+            }
+        });
+        client = new RemoteApp;
+        client->Use();
+        client->SetHost("127.0.0.1");
+        g_ScriptServerPort = m_Port;
+        EXPECT_TRUE(client->Connect());
+        EXPECT_TRUE(orvexTest::WaitUntil([this] { return m_Server.load() != nullptr; }));
+        root = client->FindRemoteObject(1);
+    }
+
+    ~Link()
+    {
+        root = ScriptVal();
+        m_Stop.store(true);
+        m_Acceptor.join();
+        SocketIo::CloseFd(m_Listen);
+        client->_Disconnect();
+        client->Recycle();
+        // The server's record ends itself once its connection has gone.
+        EXPECT_TRUE(orvexTest::WaitUntil([] { return RemoteApp::GetNumConnections() == 0; }));
+    }
+
+    RemoteApp *Server() const { return m_Server.load(); }
+
+    // A raw command to the server and its reply's second value.
+    ScriptVal Raw(uint32_t type, uint32_t object, uint32_t symbol)
+    {
+        ScriptArgs args;
+        Packet *packet = CreatePkt(type, client, nullptr, &args);
+        packet->m_Object = object;
+        packet->m_Symbol = symbol;
+        ScriptVal result;
+        if (Packet *reply = client->DoPkt(packet))
+        {
+            EXPECT_EQ(FromPacket(client, reply, nullptr, &result), PR_Ok);
+            FreePkt(reply);
+        }
+        return result;
+    }
+
+    RemoteApp *client = nullptr;
+    ScriptVal root;
+
+private:
+    int m_Listen = SocketIo::kNoFd;
+    uint16_t m_Port = 0;
+    std::atomic<bool> m_Stop{false};
+    std::atomic<RemoteApp *> m_Server{nullptr};
+    std::thread m_Acceptor;
+};
+
+TEST(RemoteApp, MemberCallsGiveTheirResultsAndErrorsComeAsReplies)
+{
+    Link link;
+    ASSERT_TRUE(link.root.IsRemoteObject());
+    EXPECT_EQ(link.root.CallMember("Add", 2, 3), 5.0);
+
+    ScriptVal table(SV_Table, nullptr);
+    table["name"] = ScriptVal("x");
+    table[1] = ScriptVal(true);
+    ScriptArgs args;
+    args[0] = "Echo";
+    args[1] = ScriptVal("text");
+    args[2] = table;
+    ScriptVal reply = link.root.ToRemoteObject()->DoCommand(SST_CallMemberFunction, args);
+    EXPECT_EQ(reply[-1], "text");
+    EXPECT_EQ(reply[-2]["name"], "x");
+    EXPECT_TRUE(reply[-2][1].ToBoolean());
+
+    EXPECT_TRUE(link.root.CallMember("NoSuchMember").IsNil());
+    ScriptArgs fail;
+    fail[0] = "Fail";
+    fail[1] = "it broke";
+    ScriptVal failed = link.root.ToRemoteObject()->DoCommand(SST_CallMemberFunction, fail);
+    EXPECT_EQ(failed["Error"], double(SE_Unknown));
+    EXPECT_EQ(failed["ErrorString"], "it broke");
+
+    // The failure table: each is a reply, and the connection goes on.
+    struct Case
+    {
+        uint32_t type, object, symbol;
+        ScriptError error;
+        const char *text;
+    } cases[] = {
+        {PKT_Command, 1, 0, SE_Unknown, "No object/symbol id specified."},
+        {PKT_Command, 0, SST_CallMemberFunction, SE_Unknown, "No object/symbol id specified."},
+        {PKT_Command, 987654, SST_CallMemberFunction, SE_InvalidRemoteObject, nullptr},
+        {PKT_Command, 1, 127, SE_UnknownSymbol, nullptr},
+        {PKT_NoMoreRefs, 987654, 0, SE_InvalidObject, "Cannot find object for PKT_NoMoreRefs."},
+        {77, 1, 1, SE_UnknownPacket, nullptr},
+    };
+    for (const Case &c : cases)
+    {
+        ScriptVal error = link.Raw(c.type, c.object, c.symbol);
+        EXPECT_EQ(error["Error"], double(c.error)) << c.type << " " << c.object << " " << c.symbol;
+        EXPECT_EQ(error["ErrorString"], c.text ? c.text : ScriptErrorText(c.error));
+    }
+    EXPECT_EQ(link.root.CallMember("Add", 1, 1), 2.0);
+
+    // The text of a proxy names its connection.
+    ScriptArgs none;
+    ScriptVal text = link.root.ToRemoteObject()->DoCommand(SST_ToString, none);
+    EXPECT_NE(std::string(text[-1].ToString("")).find("on 127.0.0.1, UUID: "), std::string::npos)
+        << text[-1].ToString("");
+}
+
+TEST(RemoteApp, ObjectsCrossBothWaysAndDieWhenNothingHoldsThem)
+{
+    Link link;
+    {
+        ScriptVal item = link.root.CallMember("Make", "first");
+        ASSERT_TRUE(item.IsRemoteObject());
+        EXPECT_EQ(item.CallMember("Name"), "first");
+        EXPECT_EQ(link.root.CallMember("Live"), 1.0);
+        // Sent back to its owner it is the owner's object again, and comes back as the same proxy.
+        ScriptVal again = link.root.CallMember("Echo", item);
+        EXPECT_TRUE(again == item);
+        EXPECT_EQ(link.client->GetRemoteObjectCount(), 2u); // the root and the item
+    }
+    // The last proxy went: the owner drops its counts and the item dies.
+    EXPECT_TRUE(orvexTest::WaitUntil([&] { return link.root.CallMember("Live") == 0.0; }));
+
+    // An object of ours, sent three times, counts three on its record but is referenced once.
+    auto *mine = new testhost::Item("mine");
+    const int before = mine->GetUseCount();
+    for (int i = 1; i <= 3; ++i)
+        EXPECT_EQ(link.root.CallMember("Keep", ScriptVal(static_cast<ScriptObject *>(mine))), double(i));
+    EXPECT_EQ(mine->GetUseCount(), before + 1);
+    // The peer calls back into our object through its proxy.
+    EXPECT_EQ(link.root.CallMember("Call", ScriptVal(static_cast<ScriptObject *>(mine)), "Name"), "mine");
+    // The peer lets go of all its proxies: one message, and the reference goes.
+    (void)link.root.CallMember("Drop");
+    EXPECT_TRUE(orvexTest::WaitUntil([&] { return mine->GetUseCount() == before; }));
+    mine->DecRef();
+}
+
+TEST(RemoteApp, ATimedOutCallGivesNilAndItsLateReplyIsDropped)
+{
+    Link link;
+    link.client->SetTimeOut(0.2);
+    EXPECT_TRUE(link.root.CallMember("Sleep", 1.0).IsNil());
+    link.client->SetTimeOut(0);
+    // The late reply does not answer a later call.
+    EXPECT_EQ(link.root.CallMember("Add", 40, 2), 42.0);
+    EXPECT_TRUE(orvexTest::WaitUntil([&] { return link.root.CallMember("Live").IsNumber(); }));
+
+    // A negative time-out only takes what has arrived.
+    Packet *packet = ToPacket(link.client, 1, SST_CallMemberFunction, nullptr, nullptr);
+    unsigned long sequence = link.client->SendPkt(packet);
+    ASSERT_NE(sequence, 0u);
+    Packet *reply = nullptr;
+    EXPECT_TRUE(orvexTest::WaitUntil([&] { return (reply = link.client->WaitPkt(sequence, -1.0)) != nullptr; }));
+    FreePkt(reply);
+}
+
+TEST(RemoteApp, ConcurrentCallersEachGetTheirOwnReply)
+{
+    Link link;
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> callers;
+    for (int t = 0; t < 4; ++t)
+        callers.emplace_back([&, t] {
+            for (int i = 0; i < 100; ++i)
+                if (link.root.CallMember("Add", i, t * 1000) != double(i + t * 1000)) ++wrong;
+        });
+    for (std::thread &caller : callers)
+        caller.join();
+    EXPECT_EQ(wrong.load(), 0);
+}
+
+TEST(RemoteApp, WithAScriptWindowCommandsRunOnItsThread)
+{
+    {
+        Link link;
+        EXPECT_EQ(link.root.CallMember("Thread"), "other"); // no window: the connection thread
+    }
+    EnsureScripting();
+    ASSERT_TRUE(CreateScriptWindow());
+    {
+        Link link;
+        std::atomic<bool> done{false};
+        ScriptVal where;
+        std::thread caller([&] {
+            where = link.root.CallMember("Thread");
+            done.store(true);
+        });
+        int exitCode = 0;
+        for (int i = 0; i < 500 && !done.load(); ++i)
+            (void)GetScriptWnd()->Pump(0, 10, exitCode);
+        caller.join();
+        EXPECT_EQ(where, "main");
+        std::thread closer([&] { link.root = ScriptVal(); });
+        for (int i = 0; i < 50; ++i)
+            (void)GetScriptWnd()->Pump(0, 2, exitCode);
+        closer.join();
+    }
+    int exitCode = 0;
+    (void)GetScriptWnd()->Pump(0, 0, exitCode);
+    DestroyScriptWindow();
+}
+
+} // namespace
+} // namespace orvexScript

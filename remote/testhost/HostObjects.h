@@ -1,0 +1,56 @@
+// The classes of the test host: a root object with members a peer calls (echo, arithmetic, objects
+// made and returned, a sleep, an error, calls back into the peer) and the items it makes. Shared by the
+// test host program and the tests that run both ends in one process.
+#pragma once
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "objects/ScriptInfo.h"
+
+namespace orvexScript::testhost
+{
+
+class Item : public RefObject
+{
+public:
+    explicit Item(const char *name); // born with one reference, the maker's
+    ~Item() override;
+    void IncRef() override { Use(); }
+    void DecRef() override { Recycle(); }
+    ScriptInfo *GetScriptInfo() const override { return m_Info; }
+    void SetScriptInfo(ScriptInfo *info) override { m_Info = info; }
+
+    std::string m_Name;
+    static std::atomic<int> s_Live; // items that exist
+
+private:
+    ScriptInfo *m_Info = nullptr;
+};
+
+// Members: Echo(...) gives back its arguments; Add(a, b); Make(name) gives a new Item; Sleep(seconds)
+// blocks the thread that runs it (at most 10 s); Fail(text) fails with that text; Live() counts Items;
+// Keep(value) holds a value (a peer's object, say) until Drop(); Call(object, member, ...) calls a
+// member of an object, a proxy of the peer's included, and gives its first result; Thread() names the
+// thread that ran it ("main" for the thread that made the root, else "other").
+class Root : public RefObject
+{
+public:
+    Root(); // born with one reference, the host's, kept for the host's life
+    void IncRef() override { Use(); }
+    void DecRef() override { Recycle(); }
+    ScriptInfo *GetScriptInfo() const override { return m_Info; }
+    void SetScriptInfo(ScriptInfo *info) override { m_Info = info; }
+
+    std::mutex m_Lock;
+    std::vector<ScriptVal> m_Kept;
+    std::thread::id m_MainThread;
+
+private:
+    ScriptInfo *m_Info = nullptr;
+};
+
+} // namespace orvexScript::testhost

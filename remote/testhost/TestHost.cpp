@@ -1,0 +1,105 @@
+// The test host: a program that tests start as a real child process. It makes scripting's
+// configuration with a Root (see HostObjects.h), listens on a loopback port, wraps every accepted
+// socket in a connection and serves commands on its main thread through the script window.
+//   orvexTestHost [--no-window] [--port N]
+// Prints "PORT <n>" on a line of its own once it listens, then serves until SIGTERM or SIGINT, or
+// until standard input reaches its end (the test that started it went away).
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+
+#include "remote/RemoteApp.h"
+#include "remote/ScriptWindow.h"
+#include "remote/Scripting.h"
+#include "remote/SocketIo.h"
+#include "remote/testhost/HostObjects.h"
+
+using namespace orvexScript;
+
+namespace
+{
+std::atomic<bool> s_Stop{false};
+
+void OnSignal(int)
+{
+    s_Stop.store(true);
+}
+
+ScriptObject *RootOf(void *user, void *)
+{
+    return static_cast<testhost::Root *>(user);
+}
+} // namespace
+
+int main(int argc, char **argv)
+{
+    bool window = true;
+    unsigned port = 0;
+    for (int i = 1; i < argc; ++i)
+    {
+        if (std::strcmp(argv[i], "--no-window") == 0)
+            window = false;
+        else if (std::strcmp(argv[i], "--port") == 0 && i + 1 < argc)
+            port = static_cast<unsigned>(std::strtoul(argv[++i], nullptr, 10));
+        else
+        {
+            std::fprintf(stderr, "usage: %s [--no-window] [--port N]\n", argv[0]);
+            return 2;
+        }
+    }
+    std::signal(SIGTERM, OnSignal);
+    std::signal(SIGINT, OnSignal);
+
+    auto *root = new testhost::Root;
+    static ScriptConfig config;
+    config.flags = SCF_Host;
+    config.name = "orvexTestHost";
+    config.user = root;
+    config.root = RootOf;
+    InitScripting(config);
+    if (window && !CreateScriptWindow())
+    {
+        std::fprintf(stderr, "orvexTestHost: no script window\n");
+        return 1;
+    }
+
+    int listenFd = SocketIo::kNoFd;
+    uint16_t bound = 0;
+    if (!SocketIo::ListenLoopback(static_cast<uint16_t>(port), listenFd, bound))
+    {
+        std::fprintf(stderr, "orvexTestHost: cannot listen on port %u\n", port);
+        return 1;
+    }
+    std::printf("PORT %u\n", static_cast<unsigned>(bound));
+    std::fflush(stdout);
+
+    std::thread acceptor([listenFd] {
+        while (!s_Stop.load())
+        {
+            int fd = SocketIo::kNoFd;
+            if (SocketIo::Accept(listenFd, 100, fd) == SocketIo::IO_Ok) new RemoteApp(fd); // lives by its counts
+        }
+    });
+    std::thread stdinWatch([] {
+        while (std::getchar() != EOF)
+        {
+        }
+        s_Stop.store(true);
+    });
+    stdinWatch.detach();
+
+    int exitCode = 0;
+    while (!s_Stop.load())
+    {
+        if (window)
+            (void)GetScriptWnd()->Pump(0, 100, exitCode);
+        else
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    acceptor.join();
+    SocketIo::CloseFd(listenFd);
+    std::_Exit(0); // connections may still run; the process ends without unwinding them
+}
