@@ -154,6 +154,14 @@ TEST(RemoteApp, MemberCallsGiveTheirResultsAndErrorsComeAsReplies)
         EXPECT_EQ(error["ErrorString"], c.text ? c.text : ScriptErrorText(c.error));
     }
     EXPECT_EQ(link.root.CallMember("Add", 1, 1), 2.0);
+    // The served types that carry no command: an empty reply each.
+    for (uint32_t type : {PKT_IncRef, PKT_DecRef, PKT_GetObjectInfo})
+        EXPECT_TRUE(link.Raw(type, 1, 0)["Error"].IsNil()) << type;
+
+    // Variables through the proxy, and a reply deferred by its handler.
+    link.root.SetKey("Value", ScriptVal("set remotely"));
+    EXPECT_EQ(link.root.GetKey("Value"), "set remotely");
+    EXPECT_EQ(link.root.CallMember("Later", 7), 7.0);
 
     // The text of a proxy names its connection.
     ScriptArgs none;
@@ -190,6 +198,27 @@ TEST(RemoteApp, ObjectsCrossBothWaysAndDieWhenNothingHoldsThem)
     (void)link.root.CallMember("Drop");
     EXPECT_TRUE(orvexTest::WaitUntil([&] { return mine->GetUseCount() == before; }));
     mine->DecRef();
+}
+
+TEST(RemoteApp, ConnectingByNameNeedsAPeerThatAnswersIt)
+{
+    Link link;
+    EXPECT_FALSE(link.client->ClearUUID()); // not while connected
+    ScriptVal &data = link.client->LockData("session");
+    data["user"] = ScriptVal("me");
+    link.client->UnlockData();
+    EXPECT_EQ(link.client->LockData("session")["user"], "me");
+    link.client->UnlockData();
+
+    // A peer whose root has no ConnectHost cannot put us through to an application.
+    RemoteApp *named = new RemoteApp;
+    named->Use();
+    named->SetHost("127.0.0.1");
+    named->SetName("SomeApplication");
+    EXPECT_FALSE(named->Connect());
+    EXPECT_FALSE(named->Connected());
+    EXPECT_TRUE(named->ClearUUID());
+    named->Recycle();
 }
 
 TEST(RemoteApp, ATimedOutCallGivesNilAndItsLateReplyIsDropped)

@@ -92,6 +92,28 @@ void Call(void *, ScriptArgs &args, ScriptSymbol *, bool)
     args.Return(args[1].CallMemberA(args[2].ToString(""), call));
 }
 
+// Answers after it returned: the reply goes from another thread 20 ms later.
+void Later(void *, ScriptArgs &args, ScriptSymbol *, bool)
+{
+    ScriptArgs *later = args.DeferReply();
+    if (!later) return; // no peer to answer: the caller gets nothing
+    std::thread([later] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        later->Return(ScriptVal(later->FindKeyConst(1)));
+        (void)later->SendReply();
+        delete later;
+    }).detach();
+}
+
+void Value(void *self, ScriptArgs &args, ScriptSymbol *, bool set)
+{
+    std::lock_guard<std::mutex> hold(RootOf(self)->m_Lock);
+    if (set)
+        RootOf(self)->m_Value = args[1];
+    else
+        args.Return(RootOf(self)->m_Value);
+}
+
 void Thread(void *self, ScriptArgs &args, ScriptSymbol *, bool)
 {
     args.ReturnString(std::this_thread::get_id() == RootOf(self)->m_MainThread ? "main" : "other");
@@ -109,6 +131,8 @@ ScriptSymbol s_Keep(1, "Keep", SST_Function, Keep, s_RootInfo);
 ScriptSymbol s_Drop(1, "Drop", SST_Function, Drop, s_RootInfo);
 ScriptSymbol s_Call(1, "Call", SST_Function, Call, s_RootInfo);
 ScriptSymbol s_Thread(1, "Thread", SST_Function, Thread, s_RootInfo);
+ScriptSymbol s_Later(1, "Later", SST_Function, Later, s_RootInfo);
+ScriptSymbol s_Value(1, "Value", SST_Variable | SSF_Read | SSF_Write, Value, s_RootInfo);
 } // namespace
 
 Item::Item(const char *name) : m_Name(name ? name : "")

@@ -35,7 +35,8 @@ private:
 // blocks the thread that runs it (at most 10 s); Fail(text) fails with that text; Live() counts Items;
 // Keep(value) holds a value (a peer's object, say) until Drop(); Call(object, member, ...) calls a
 // member of an object, a proxy of the peer's included, and gives its first result; Thread() names the
-// thread that ran it ("main" for the thread that made the root, else "other").
+// thread that ran it ("main" for the thread that made the root, else "other"); Later(v) answers v from
+// another thread after returning (a deferred reply). The variable Value is read and written.
 class Root : public RefObject
 {
 public:
@@ -47,6 +48,7 @@ public:
 
     std::mutex m_Lock;
     std::vector<ScriptVal> m_Kept;
+    ScriptVal m_Value;
     std::thread::id m_MainThread;
 
 private:
