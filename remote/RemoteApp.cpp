@@ -214,16 +214,23 @@ RemoteApp::RemoteApp(int socket)
 void RemoteApp::Announce()
 {
     ScriptWindow *window = GetScriptWnd();
-    if (!window || !Connected()) return;
-    Use(); // released by the on-disconnect message
-    m_NotifyCount.fetch_add(1);
-    if (window->Post(SWM_Connect, reinterpret_cast<uintptr_t>(this), 0))
-        m_Announced = true;
-    else
+    if (!window) return;
+    // Under the lock, so that the end of the connection sees either no announcement or one to undo.
+    bool refused = false;
+    m_Lock.ObtainLock();
+    if (Connected() && !m_Ended && !m_Announced)
     {
-        m_NotifyCount.fetch_sub(1);
-        Recycle();
+        Use(); // released by the on-disconnect message
+        m_NotifyCount.fetch_add(1);
+        m_Announced = window->Post(SWM_Connect, reinterpret_cast<uintptr_t>(this), 0);
+        if (!m_Announced)
+        {
+            m_NotifyCount.fetch_sub(1);
+            refused = true;
+        }
     }
+    m_Lock.ReleaseLock();
+    if (refused) Recycle();
 }
 
 RemoteApp::~RemoteApp()
@@ -354,11 +361,23 @@ int RemoteApp::GetSocket()
 
 double RemoteApp::SetTimeOut(double seconds)
 {
+    return m_TimeOut.exchange(seconds);
+}
+
+unsigned RemoteApp::GetLocalObjectCount()
+{
     m_Lock.ObtainLock();
-    double previous = m_TimeOut;
-    m_TimeOut = seconds;
+    unsigned count = m_LocalCount;
     m_Lock.ReleaseLock();
-    return previous;
+    return count;
+}
+
+unsigned RemoteApp::GetRemoteObjectCount()
+{
+    m_Lock.ObtainLock();
+    unsigned count = m_RemoteCount;
+    m_Lock.ReleaseLock();
+    return count;
 }
 
 double RemoteApp::GetTimeOut()
@@ -422,8 +441,9 @@ bool RemoteApp::Connect()
 {
     SERVER_LOG("RemoteApp::Connect() to %s\n", m_Host);
     if (Connected()) _Disconnect();
-    const int timeoutMs = m_TimeOut > 0 ? static_cast<int>(m_TimeOut * 1000.0 + 0.5) : 0;
-    if (timeoutMs > 0) SERVER_LOG("RemoteApp::Connect() - timeout %f\n", m_TimeOut);
+    const double timeout = m_TimeOut.load();
+    const int timeoutMs = timeout > 0 ? static_cast<int>(timeout * 1000.0 + 0.5) : 0;
+    if (timeoutMs > 0) SERVER_LOG("RemoteApp::Connect() - timeout %f\n", timeout);
     int fd = SocketIo::kNoFd;
     SocketIo::IoStatus status = SocketIo::ConnectTcp(m_Host, g_ScriptServerPort, timeoutMs, fd);
     if (status == SocketIo::IO_TimedOut)
@@ -632,9 +652,12 @@ void RemoteApp::FinishConnection()
     m_Lock.ReleaseLock();
 
     s_Connections.fetch_sub(1);
-    if (m_Announced)
+    m_Lock.ObtainLock();
+    const bool announced = m_Announced;
+    m_Announced = false;
+    m_Lock.ReleaseLock();
+    if (announced)
     {
-        m_Announced = false;
         ScriptWindow *window = GetScriptWnd();
         m_NotifyCount.fetch_sub(1);
         // The message releases the use count that the on-connect message took.
@@ -818,7 +841,7 @@ Packet *RemoteApp::PollPkt(unsigned long sequence)
 
 Packet *RemoteApp::WaitPkt(unsigned long sequence)
 {
-    return WaitPkt(sequence, m_TimeOut);
+    return WaitPkt(sequence, m_TimeOut.load());
 }
 
 Packet *RemoteApp::WaitPkt(unsigned long sequence, double timeout)
@@ -944,7 +967,8 @@ unsigned long RemoteApp::DoPktAsync(Packet *packet, PacketCallback callback, voi
             waiter->sequence = static_cast<uint32_t>(sequence);
             waiter->callback = callback;
             waiter->user = user;
-            waiter->deadline = m_TimeOut > 0 ? NowMs() + static_cast<uint64_t>(m_TimeOut * 1000.0 + 0.5) : 0;
+            const double timeout = m_TimeOut.load();
+            waiter->deadline = timeout > 0 ? NowMs() + static_cast<uint64_t>(timeout * 1000.0 + 0.5) : 0;
             Append(m_Waiters, m_WaitersTail, waiter);
         }
     }
@@ -1479,7 +1503,13 @@ void RemoteApp::AppObjects::ReadPeerObject(uint32_t id, const char *, ScriptVal 
     if (!record) return;
     // Both ends in one process: the proxy also knows the object itself.
     const ScriptVal &own = GetAppUUID();
-    if (own.IsString() && m_App->IsUUID(own)) record->m_Object = RemoteApp::GetObjectPtr(id);
+    if (own.IsString() && m_App->IsUUID(own))
+    {
+        ScriptObject *object = RemoteApp::GetObjectPtr(id);
+        m_App->ObtainLock();
+        record->m_Object = object;
+        m_App->ReleaseLock();
+    }
     // The value takes over the count that IncRemoteRef added.
     out = ScriptVal();
     out.m_Type = SV_RemoteObject;

@@ -121,8 +121,8 @@ public:
 
     uint32_t GetID() const { return m_AppID; }
     int32_t GetUseCount() const { return m_UseCount.load(); }
-    unsigned GetLocalObjectCount() const { return m_LocalCount; }
-    unsigned GetRemoteObjectCount() const { return m_RemoteCount; }
+    unsigned GetLocalObjectCount();
+    unsigned GetRemoteObjectCount();
     bool IsClosing() const { return m_Closing; }
 
     // Before Connect(): the application asked for, the subtype passed on, the host to dial.
@@ -210,7 +210,7 @@ private:
     char m_Subtype[128] = {};
     char m_Host[128] = {};
     uint32_t m_Address = 0;
-    double m_TimeOut = 0.0;
+    std::atomic<double> m_TimeOut{0.0};
     std::atomic<int> m_Socket{kNoSocket};
     uint32_t m_LastSequence = 0;
     uint32_t m_RequestsOpen = 0;
