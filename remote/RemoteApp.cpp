@@ -206,8 +206,13 @@ RemoteApp::RemoteApp(int socket)
 
     if (socket != kNoSocket)
     {
+        // The thread starts work only once the record is complete; from then on the record lives by
+        // its counts and may end with its connection.
+        m_Constructing = true;
         (void)Connect(socket);
         Announce();
+        m_Constructing = false;
+        m_ThreadGate.Signal();
     }
 }
 
@@ -423,7 +428,13 @@ bool RemoteApp::Connect(int socket)
     Use(); // the thread's own
     try
     {
-        m_Thread = std::thread([this] { AppThreadFunc(); });
+        // The thread waits until its handle is stored: a short connection may otherwise end and
+        // destroy the record while the handle is still being written.
+        m_Thread = std::thread([this] {
+            (void)m_ThreadGate.Wait(Event::NoTimeout);
+            AppThreadFunc();
+        });
+        if (!m_Constructing) m_ThreadGate.Signal();
     }
     catch (...)
     {
@@ -434,7 +445,7 @@ bool RemoteApp::Connect(int socket)
         Recycle();
         return false;
     }
-    return Connected();
+    return true;
 }
 
 bool RemoteApp::Connect()

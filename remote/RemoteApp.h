@@ -46,7 +46,8 @@ class ORVEX_API RemoteApp
 {
 public:
     // A record for an accepted socket (it takes it over and starts at once), or with kNoSocket one that
-    // Connect() will open.
+    // Connect() will open. A record made with a socket lives by its counts and may end as soon as its
+    // connection does: to keep using it, make it with kNoSocket, Use() it, then Connect(socket).
     explicit RemoteApp(int socket = kNoSocket);
     RemoteApp(const RemoteApp &) = delete;
     RemoteApp &operator=(const RemoteApp &) = delete;
@@ -226,6 +227,8 @@ private:
     Packet *m_WritePacket = nullptr;
     SocketIo::SendState m_WriteState;
     std::thread m_Thread; // the connection thread
+    Event m_ThreadGate;   // opened once m_Thread is stored (and the constructor is done)
+    bool m_Constructing = false;
     bool m_ReadPending = false; // more packets may be in hand: read on without waiting
     SocketIo::EventFd m_WriteEvent;
     SocketIo::EventFd m_QuitEvent;
