@@ -161,7 +161,10 @@ const std::vector<Entry> &MixedEntries()
         e.intKey = int(i + 1);
         e.textKey = "field_" + std::to_string(i);
         const unsigned pick = random() % 100;
-        e.kind = pick < 35 ? Entry::Number : pick < 65 ? Entry::Text : pick < 80 ? Entry::Flag : Entry::Nested;
+        e.kind = pick < 35   ? Entry::Number
+                 : pick < 65 ? Entry::Text
+                 : pick < 80 ? Entry::Flag
+                             : Entry::Nested;
         e.number = double(random() % 100000) / 7.0;
         e.text = text(3, 40);
         e.flag = random() % 2 == 1;
@@ -179,7 +182,8 @@ const ScriptVal &MixedTable()
     if (table.FirstEntry()) return table;
     for (const Entry &e : MixedEntries())
     {
-        ScriptVal &slot = e.numberKey ? table.FindKey(ScriptVal(double(e.intKey))) : table.FindKey(e.textKey.c_str());
+        ScriptVal &slot =
+            e.numberKey ? table.FindKey(ScriptVal(double(e.intKey))) : table.FindKey(e.textKey.c_str());
         switch (e.kind)
         {
         case Entry::Number:
@@ -303,7 +307,8 @@ void BM_DecodeOurs(benchmark::State &state)
     Packet *packet = CreatePkt(PKT_Reply, nullptr, nullptr, &MixedTable());
     if (!packet) return state.SkipWithError("CreatePkt failed");
     ScriptVal second;
-    if (FromPacket(nullptr, packet, packet->m_Size, nullptr, &second) != PR_Ok || second.NumKeys() != int(kEntries))
+    if (FromPacket(nullptr, packet, packet->m_Size, nullptr, &second) != PR_Ok ||
+        second.NumKeys() != int(kEntries))
     {
         FreePkt(packet);
         return state.SkipWithError("FromPacket failed");
@@ -353,8 +358,9 @@ void BM_DecodeMsgpack(benchmark::State &state)
         msgpack_unpacked result;
         msgpack_unpacked_init(&result);
         size_t offset = 0;
-        const bool ok = msgpack_unpack_next(&result, buffer.data, buffer.size, &offset) == MSGPACK_UNPACK_SUCCESS &&
-                        result.data.type == MSGPACK_OBJECT_MAP && result.data.via.map.size == kEntries;
+        const bool ok =
+            msgpack_unpack_next(&result, buffer.data, buffer.size, &offset) == MSGPACK_UNPACK_SUCCESS &&
+            result.data.type == MSGPACK_OBJECT_MAP && result.data.via.map.size == kEntries;
         msgpack_unpacked_destroy(&result);
         return ok;
     };
@@ -391,17 +397,19 @@ void PrintSummary()
     {
         const std::string ours = std::string(what) + " ours", theirs = std::string(what) + " msgpack";
         if (get(ours + " ns") <= 0 || get(theirs + " ns") <= 0) continue;
-        std::printf("  %s %zu mixed entries: ours %.1f us (%.0f bytes, %.0f MB/s), msgpack %.1f us (%.0f bytes, "
-                    "%.0f MB/s); time ours/msgpack x%.2f\n",
-                    what, kEntries, get(ours + " ns") / 1e3, get(ours + " bytes"), mbps(ours),
-                    get(theirs + " ns") / 1e3, get(theirs + " bytes"), mbps(theirs),
-                    ratio(get(ours + " ns"), get(theirs + " ns")));
+        std::printf(
+            "  %s %zu mixed entries: ours %.1f us (%.0f bytes, %.0f MB/s), msgpack %.1f us (%.0f bytes, "
+            "%.0f MB/s); time ours/msgpack x%.2f\n",
+            what, kEntries, get(ours + " ns") / 1e3, get(ours + " bytes"), mbps(ours),
+            get(theirs + " ns") / 1e3, get(theirs + " bytes"), mbps(theirs),
+            ratio(get(ours + " ns"), get(theirs + " ns")));
     }
     if (get("decode ours, trees kept ns") > 0 && get("decode msgpack ns") > 0)
-        std::printf("  decode without freeing the previous tree: ours %.1f us; time ours/msgpack x%.2f (msgpack "
-                    "still frees its zone)\n",
-                    get("decode ours, trees kept ns") / 1e3,
-                    ratio(get("decode ours, trees kept ns"), get("decode msgpack ns")));
+        std::printf(
+            "  decode without freeing the previous tree: ours %.1f us; time ours/msgpack x%.2f (msgpack "
+            "still frees its zone)\n",
+            get("decode ours, trees kept ns") / 1e3,
+            ratio(get("decode ours, trees kept ns"), get("decode msgpack ns")));
 }
 
 } // namespace

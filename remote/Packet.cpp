@@ -539,7 +539,8 @@ Packet *BuildPacket(uint32_t type, uint32_t sequence, PacketObjects *objects, co
     // measured first.
     const size_t limit = GetMaxPacketSize();
     Writer w(kPacketFirstCapacity < limit ? kPacketFirstCapacity : limit, limit);
-    if (!w.Zeros(kPacketHeaderSize) || !WriteValue(w, objects, a) || !WriteValue(w, objects, b)) return nullptr;
+    if (!w.Zeros(kPacketHeaderSize) || !WriteValue(w, objects, a) || !WriteValue(w, objects, b))
+        return nullptr;
     const auto size = static_cast<uint32_t>(w.Offset());
     auto *packet = reinterpret_cast<Packet *>(w.Release());
     packet->m_Size = size;
