@@ -30,100 +30,234 @@ const char *StringText(const char *block)
 
 // ---- writing ------------------------------------------------------------------------------------
 
+// Writes into [cursor, end). A fixed writer fails where the space ends; a growing one owns its buffer
+// and doubles it, up to `limit` bytes in all. Ensure once, then Put without checks.
 class Writer
 {
 public:
-    Writer(unsigned char *&cursor, unsigned char *end) : m_Cursor(cursor), m_End(end) {}
+    Writer(unsigned char *cursor, unsigned char *end) : m_Base(cursor), m_Cursor(cursor), m_End(end) {}
+    Writer(size_t capacity, size_t limit) : m_Limit(limit), m_Grows(true)
+    {
+        m_Base = static_cast<unsigned char *>(std::malloc(capacity));
+        m_Cursor = m_Base;
+        m_End = m_Base ? m_Base + capacity : nullptr;
+    }
+    Writer(const Writer &) = delete;
+    Writer &operator=(const Writer &) = delete;
+    ~Writer()
+    {
+        if (m_Grows) std::free(m_Base);
+    }
+
+    bool Ensure(size_t size) { return size <= static_cast<size_t>(m_End - m_Cursor) || Grow(size); }
+    void Put(const void *data, size_t size)
+    {
+        std::memcpy(m_Cursor, data, size);
+        m_Cursor += size;
+    }
+    void PutU32(uint32_t v) { Put(&v, 4); }
+    // The same for the short texts that most keys and values are: two overlapping moves of a fixed
+    // size instead of a call, never reading outside [data, data + size).
+    void PutShort(const void *data, size_t size)
+    {
+        const auto *p = static_cast<const unsigned char *>(data);
+        if (size >= 16 && size <= 32)
+        {
+            std::memcpy(m_Cursor, p, 16);
+            std::memcpy(m_Cursor + size - 16, p + size - 16, 16);
+        }
+        else if (size >= 8 && size < 16)
+        {
+            std::memcpy(m_Cursor, p, 8);
+            std::memcpy(m_Cursor + size - 8, p + size - 8, 8);
+        }
+        else if (size >= 4 && size < 8)
+        {
+            std::memcpy(m_Cursor, p, 4);
+            std::memcpy(m_Cursor + size - 4, p + size - 4, 4);
+        }
+        else if (size < 4)
+        {
+            for (size_t i = 0; i < size; ++i)
+                m_Cursor[i] = p[i];
+        }
+        else
+        {
+            std::memcpy(m_Cursor, p, size);
+        }
+        m_Cursor += size;
+    }
 
     bool Bytes(const void *data, size_t size)
     {
-        if (size > static_cast<size_t>(m_End - m_Cursor)) return false;
-        if (size) std::memcpy(m_Cursor, data, size);
-        m_Cursor += size;
+        if (!Ensure(size)) return false;
+        if (size) Put(data, size);
         return true;
     }
     bool U32(uint32_t v) { return Bytes(&v, 4); }
-    bool Text(const char *text) { return Bytes(text, std::strlen(text) + 1); }
     bool Zeros(size_t size)
     {
-        if (size > static_cast<size_t>(m_End - m_Cursor)) return false;
+        if (!Ensure(size)) return false;
         std::memset(m_Cursor, 0, size);
         m_Cursor += size;
         return true;
     }
 
+    // Offsets survive a growth where pointers don't.
+    size_t Offset() const { return static_cast<size_t>(m_Cursor - m_Base); }
+    void PatchU32(size_t offset, uint32_t v) { std::memcpy(m_Base + offset, &v, 4); }
+    unsigned char *Cursor() const { return m_Cursor; }
+
+    // A growing writer hands its buffer over, trimmed when much of it is unused.
+    unsigned char *Release()
+    {
+        const size_t used = Offset();
+        unsigned char *buffer = m_Base;
+        if (static_cast<size_t>(m_End - m_Cursor) > 256)
+        {
+            if (auto *trimmed = static_cast<unsigned char *>(std::realloc(buffer, used))) buffer = trimmed;
+        }
+        m_Base = m_Cursor = m_End = nullptr;
+        return buffer;
+    }
+
 private:
-    unsigned char *&m_Cursor;
+    bool Grow(size_t size)
+    {
+        if (!m_Grows || !m_Base) return false;
+        const size_t used = Offset();
+        if (size > m_Limit || used > m_Limit - size) return false;
+        size_t capacity = static_cast<size_t>(m_End - m_Base);
+        capacity = capacity > m_Limit / 2 ? m_Limit : capacity * 2;
+        if (capacity < used + size) capacity = used + size;
+        auto *grown = static_cast<unsigned char *>(std::realloc(m_Base, capacity));
+        if (!grown) return false;
+        m_Base = grown;
+        m_Cursor = grown + used;
+        m_End = grown + capacity;
+        return true;
+    }
+
+    unsigned char *m_Base;
+    unsigned char *m_Cursor;
     unsigned char *m_End;
+    size_t m_Limit = 0;
+    bool m_Grows = false;
 };
 
-bool WriteObjectRef(Writer &w, uint32_t id, const char *uuid)
+bool WriteObjectRef(Writer &w, uint32_t word, uint32_t id, const char *uuid)
 {
-    if (!w.U32(id)) return false;
+    if (!w.Ensure(kHeadSize + kObjectRefSize)) return false;
+    w.PutU32(word);
+    w.PutU32(id);
     if (uuid && strnlen(uuid, kPacketUUIDLength + 1) == kPacketUUIDLength)
-        return w.Bytes(uuid, kPacketUUIDLength);
-    return w.Zeros(kPacketUUIDLength);
+        w.Put(uuid, kPacketUUIDLength);
+    else
+        return w.Zeros(kPacketUUIDLength);
+    return true;
+}
+
+// The head and a NUL-terminated text.
+bool WriteText(Writer &w, uint32_t word, const char *text)
+{
+    const size_t size = std::strlen(text) + 1;
+    if (!w.Ensure(kHeadSize + size)) return false;
+    w.PutU32(word);
+    w.PutShort(text, size);
+    return true;
 }
 
 bool WriteEntries(Writer &w, PacketObjects *objects, const TableEntry *head);
 
 bool WriteValue(Writer &w, PacketObjects *objects, const ScriptVal &value)
 {
-    if (!w.U32(value.m_Flags & ~SVF_Const)) return false;
+    const uint32_t word = value.m_Flags & ~SVF_Const;
     const ScriptValue &v = value.GetValue();
     switch (value.Type())
     {
-    case SV_Nil:
-        return true;
     case SV_Number:
-        return w.Bytes(&v.m_Number, 8);
+        if (!w.Ensure(kHeadSize + 8)) return false;
+        w.PutU32(word);
+        w.Put(&v.m_Number, 8);
+        return true;
+    case SV_Function:
+        if (!w.Ensure(kHeadSize + 8)) return false;
+        w.PutU32(word);
+        w.Put(&v.m_Function, 8);
+        return true;
     case SV_String:
-        return w.Text(StringText(v.m_String.m_String));
+        return WriteText(w, word, StringText(v.m_String.m_String));
     case SV_Boolean:
     {
+        if (!w.Ensure(kHeadSize + 1)) return false;
         const unsigned char b = v.m_Boolean ? 1 : 0;
-        return w.Bytes(&b, 1);
+        w.PutU32(word);
+        w.Put(&b, 1);
+        return true;
     }
     case SV_Table:
     {
         const char *ctor = value.GetConstructor();
-        return w.Text(ctor ? ctor : "") && WriteEntries(w, objects, value.FirstEntry());
+        return WriteText(w, word, ctor ? ctor : "") && WriteEntries(w, objects, v.m_Table.m_Table);
     }
-    case SV_Function:
-        return w.Bytes(&v.m_Function, 8);
     case SV_RemoteObject:
     {
         RemoteObject *object = v.m_RemoteObject;
         const uint32_t id = objects && object ? objects->RemoteObjectId(object) : kPacketNoObject;
-        return WriteObjectRef(w, id, objects && object ? objects->RemoteUUID(object) : nullptr);
+        return WriteObjectRef(w, word, id, objects && object ? objects->RemoteUUID(object) : nullptr);
     }
     case SV_LocalObject:
     {
         ScriptObject *object = v.m_LocalObject;
         const uint32_t id = objects && object ? objects->LocalObjectId(object) : kPacketNoObject;
-        return WriteObjectRef(w, id, objects ? objects->LocalUUID() : nullptr);
+        return WriteObjectRef(w, word, id, objects ? objects->LocalUUID() : nullptr);
     }
     case SV_Code:
-        return w.U32(v.m_Code.m_Size) && w.Bytes(v.m_Code.m_Ptr, v.m_Code.m_Size);
+        return w.U32(word) && w.U32(v.m_Code.m_Size) && w.Bytes(v.m_Code.m_Ptr, v.m_Code.m_Size);
     case SV_MemBlock:
-        return w.U32(v.m_MemBlock.m_Size) && w.Bytes(v.m_MemBlock.m_Ptr, v.m_MemBlock.m_Size);
+        return w.U32(word) && w.U32(v.m_MemBlock.m_Size) && w.Bytes(v.m_MemBlock.m_Ptr, v.m_MemBlock.m_Size);
     case SV_Args:
-        return WriteEntries(w, objects, value.FirstEntry());
+        return w.U32(word) && WriteEntries(w, objects, v.m_Args.m_Table);
     default:
-        return true; // not storable: the head alone
+        return w.U32(word); // nil, or not storable: the head alone
     }
 }
 
+// Numbers and strings, the common keys and values, written without a call. False for any other kind
+// (then WriteValue writes it) and where the space ends (then `failed`).
+inline __attribute__((always_inline)) bool WriteCommon(Writer &w, const ScriptVal &value, bool &failed)
+{
+    const uint32_t word = value.m_Flags & ~SVF_Const;
+    if (value.Type() == SV_Number)
+    {
+        if (!w.Ensure(kHeadSize + 8)) return failed = true;
+        w.PutU32(word);
+        w.Put(&value.m_Value.m_Number, 8);
+        return true;
+    }
+    if (value.Type() == SV_String)
+    {
+        if (!WriteText(w, word, StringText(value.m_Value.m_String.m_String))) failed = true;
+        return true;
+    }
+    return false;
+}
+
+// The count goes in front of the entries: its place is kept and filled in behind them, so that the
+// list is walked once.
 bool WriteEntries(Writer &w, PacketObjects *objects, const TableEntry *head)
 {
+    const size_t countAt = w.Offset();
+    if (!w.U32(0)) return false;
     uint32_t count = 0;
-    for (const TableEntry *e = head; e; e = e->m_Next)
-        ++count;
-    if (!w.U32(count)) return false;
-    for (const TableEntry *e = head; e; e = e->m_Next)
+    bool failed = false;
+    for (const TableEntry *e = head; e; e = e->m_Next, ++count)
     {
-        if (!WriteValue(w, objects, e->m_Key) || !WriteValue(w, objects, e->m_Value)) return false;
+        if (!WriteCommon(w, e->m_Key, failed) && !WriteValue(w, objects, e->m_Key)) return false;
+        if (!WriteCommon(w, e->m_Value, failed) && !WriteValue(w, objects, e->m_Value)) return false;
+        if (failed) return false;
     }
+    w.PatchU32(countAt, count);
     return true;
 }
 
@@ -140,9 +274,13 @@ public:
     size_t Left() const { return static_cast<size_t>(m_End - m_Cursor); }
     const unsigned char *Cursor() const { return m_Cursor; }
 
+    // Clears `out`, then reads into it.
     PacketResult Value(ScriptVal &out, int depth);
 
 private:
+    // Reads into a value that is nil, without flags, and owns nothing (cleared or new): the payload
+    // is stored directly, as Set would build it, and the word only once the payload is complete.
+    PacketResult Fresh(ScriptVal &out, int depth);
     bool Bytes(void *out, size_t size)
     {
         if (size > Left()) return false;
@@ -152,8 +290,8 @@ private:
     }
     bool U32(uint32_t &v) { return Bytes(&v, 4); }
     // A NUL-terminated text that lies wholly inside the packet and doesn't start with the marker.
-    PacketResult Text(const char *&text);
-    PacketResult Entries(TableEntry *&head, int depth);
+    PacketResult Text(const char *&text, size_t &length);
+    PacketResult Entries(TableEntry *&head, TableEntry *&last, int depth);
     PacketResult Block(uint32_t word, ScriptVal &out);
     PacketResult ObjectRef(uint32_t kind, ScriptVal &out);
 
@@ -162,14 +300,21 @@ private:
     PacketObjects *m_Objects;
 };
 
-PacketResult Reader::Text(const char *&text)
+PacketResult Reader::Text(const char *&text, size_t &length)
 {
     const void *nul = std::memchr(m_Cursor, 0, Left());
     if (!nul) return PR_Truncated;
     if (*m_Cursor == kStringBlockMarker) return PR_BadValue;
     text = reinterpret_cast<const char *>(m_Cursor);
+    length = static_cast<size_t>(static_cast<const unsigned char *>(nul) - m_Cursor);
     m_Cursor = static_cast<const unsigned char *>(nul) + 1;
     return PR_Ok;
+}
+
+// A string block holding exactly `length` bytes of `text` (no NUL among them); null without memory.
+char *TextBlock(const char *text, size_t length)
+{
+    return StringBlockJoin(text, length, nullptr, 0);
 }
 
 void FreeEntries(TableEntry *head)
@@ -182,31 +327,30 @@ void FreeEntries(TableEntry *head)
     }
 }
 
-PacketResult Reader::Entries(TableEntry *&head, int depth)
+PacketResult Reader::Entries(TableEntry *&head, TableEntry *&last, int depth)
 {
-    head = nullptr;
+    head = last = nullptr;
     uint32_t count = 0;
     if (!U32(count)) return PR_Truncated;
     // Each entry takes at least two heads: a count the rest of the packet can't hold is refused before
     // anything is allocated for it.
     if (count > Left() / kEntryMinSize) return PR_BadValue;
-    TableEntry *last = nullptr;
     for (uint32_t i = 0; i < count; ++i)
     {
         TableEntry *entry = new TableEntry;
         if (!entry)
         {
             FreeEntries(head);
-            head = nullptr;
+            head = last = nullptr;
             return PR_NoMemory;
         }
-        PacketResult r = Value(entry->m_Key, depth);
-        if (r == PR_Ok) r = Value(entry->m_Value, depth);
+        PacketResult r = Fresh(entry->m_Key, depth);
+        if (r == PR_Ok) r = Fresh(entry->m_Value, depth);
         if (r != PR_Ok)
         {
             delete entry;
             FreeEntries(head);
-            head = nullptr;
+            head = last = nullptr;
             return r;
         }
         if (last)
@@ -261,27 +405,33 @@ PacketResult Reader::ObjectRef(uint32_t kind, ScriptVal &out)
 PacketResult Reader::Value(ScriptVal &out, int depth)
 {
     out.CleanUp();
+    return Fresh(out, depth);
+}
+
+PacketResult Reader::Fresh(ScriptVal &out, int depth)
+{
     const unsigned char *start = m_Cursor;
     uint32_t word = 0;
     if (!U32(word)) return PR_Truncated;
     PacketResult r = PR_Ok;
     const uint32_t kind = word & SV_TypeMask;
+    ScriptValue &v = out.m_Value;
     if (word & SVF_Const)
         r = PR_BadValue;
     else if (kind > SV_Args)
         r = PR_UnknownKind;
     else
     {
-        const ScriptValType type = static_cast<ScriptValType>(word);
-        ScriptValue payload{};
         switch (kind)
         {
         case SV_Nil:
-            out.Set(type, nullptr);
+            out.m_Type = word;
             break;
         case SV_Number:
-            if (!Bytes(&payload.m_Number, 8)) r = PR_Truncated;
-            if (r == PR_Ok) out.Set(type, &payload);
+            if (!Bytes(&v.m_Number, 8))
+                r = PR_Truncated;
+            else
+                out.m_Type = word;
             break;
         case SV_Boolean:
         {
@@ -290,24 +440,37 @@ PacketResult Reader::Value(ScriptVal &out, int depth)
                 r = PR_Truncated;
             else if (b > 1)
                 r = PR_BadValue;
-            payload.m_Boolean = b != 0;
-            if (r == PR_Ok) out.Set(type, &payload);
+            else
+            {
+                v.m_Boolean = b != 0;
+                out.m_Type = word;
+            }
             break;
         }
         case SV_String:
         {
             const char *text = nullptr;
-            r = Text(text);
+            size_t length = 0;
+            r = Text(text, length);
             if (r != PR_Ok) break;
-            payload.m_String.m_String = const_cast<char *>(text);
-            out.Set(type, &payload); // copies the text into a block of its own
-            if (out.Type() != SV_String) r = PR_NoMemory;
+            char *block = TextBlock(text, length); // a block of its own, as Set copies the text
+            if (!block)
+            {
+                r = PR_NoMemory;
+                break;
+            }
+            v.m_String.m_String = block;
+            v.m_String.m_StringCopy = block;
+            v.m_String.m_Hash = StringHash(block + 1, length);
+            out.m_Type = word;
             break;
         }
         case SV_Function:
-            if (!Bytes(&payload.m_Function, 8)) r = PR_Truncated;
             // The sender's symbol address: held as a number, handed back only, never followed here.
-            if (r == PR_Ok) out.Set(type, &payload);
+            if (!Bytes(&v.m_Function, 8))
+                r = PR_Truncated;
+            else
+                out.m_Type = word;
             break;
         case SV_RemoteObject:
         case SV_LocalObject:
@@ -325,22 +488,33 @@ PacketResult Reader::Value(ScriptVal &out, int depth)
                 r = PR_TooDeep;
                 break;
             }
-            const char *ctor = nullptr;
-            if (kind == SV_Table) r = Text(ctor);
-            TableEntry *head = nullptr;
-            if (r == PR_Ok) r = Entries(head, depth + 1);
+            const char *ctor = "";
+            size_t ctorLength = 0;
+            if (kind == SV_Table) r = Text(ctor, ctorLength);
+            TableEntry *head = nullptr, *last = nullptr;
+            if (r == PR_Ok) r = Entries(head, last, depth + 1);
             if (r != PR_Ok) break;
-            out.Set(type, nullptr);
+            char *ctorBlock = ctorLength ? TextBlock(ctor, ctorLength) : nullptr;
+            if (ctorLength && !ctorBlock)
+            {
+                FreeEntries(head);
+                r = PR_NoMemory;
+                break;
+            }
+            v = ScriptValue{};
             if (kind == SV_Table)
             {
-                out.SetTable(head); // kept in the order it came
-                if (*ctor) out.SetConstructor(ctor);
-                if (*ctor && !out.GetConstructor()) r = PR_NoMemory;
+                // Kept in the order it came.
+                v.m_Table.m_Table = head;
+                v.m_Table.m_Last = last;
+                v.m_Table.m_Constructor = ctorBlock;
+                v.m_Table.m_ConstructorCopy = ctorBlock;
             }
             else
             {
-                out.GetValue().m_Args.m_Table = head;
+                v.m_Args.m_Table = head;
             }
+            out.m_Type = word;
             break;
         }
         }
@@ -353,27 +527,25 @@ PacketResult Reader::Value(ScriptVal &out, int depth)
     return r;
 }
 
+// The first guess of a packet's size: a command or a reply of a few values fits; larger ones double.
+constexpr size_t kPacketFirstCapacity = 256;
+
 Packet *BuildPacket(uint32_t type, uint32_t sequence, PacketObjects *objects, const ScriptVal *first,
                     const ScriptVal *second)
 {
     const ScriptVal &a = first ? *first : nil;
     const ScriptVal &b = second ? *second : nil;
-    const size_t size = kPacketHeaderSize + CalcPktSize(a) + CalcPktSize(b);
-    if (size > GetMaxPacketSize()) return nullptr;
-    auto *packet = static_cast<Packet *>(std::malloc(size));
-    if (!packet) return nullptr;
-    std::memset(packet, 0, kPacketHeaderSize);
-    packet->m_Size = static_cast<uint32_t>(size);
+    // One pass: the values are written into a buffer that grows up to the ceiling, instead of being
+    // measured first.
+    const size_t limit = GetMaxPacketSize();
+    Writer w(kPacketFirstCapacity < limit ? kPacketFirstCapacity : limit, limit);
+    if (!w.Zeros(kPacketHeaderSize) || !WriteValue(w, objects, a) || !WriteValue(w, objects, b))
+        return nullptr;
+    const auto size = static_cast<uint32_t>(w.Offset());
+    auto *packet = reinterpret_cast<Packet *>(w.Release());
+    packet->m_Size = size;
     packet->m_Type = type;
     packet->m_Sequence = sequence;
-    unsigned char *cursor = reinterpret_cast<unsigned char *>(packet) + kPacketHeaderSize;
-    unsigned char *end = reinterpret_cast<unsigned char *>(packet) + size;
-    // The sizes were taken in a first pass: a value that changed since then doesn't fit exactly.
-    if (!ToPkt(a, objects, cursor, end) || !ToPkt(b, objects, cursor, end) || cursor != end)
-    {
-        std::free(packet);
-        return nullptr;
-    }
     return packet;
 }
 
@@ -466,7 +638,9 @@ size_t CalcPktSize(const ScriptVal &value)
 bool ToPkt(const ScriptVal &value, PacketObjects *objects, unsigned char *&cursor, unsigned char *end)
 {
     Writer w(cursor, end);
-    return WriteValue(w, objects, value);
+    const bool ok = WriteValue(w, objects, value);
+    cursor = w.Cursor();
+    return ok;
 }
 
 PacketResult FromPkt(ScriptVal &target, PacketObjects *objects, const unsigned char *&cursor,

@@ -400,6 +400,39 @@ TEST(Packet, SizeCeilingIsSettable)
     EXPECT_EQ(FromPacket(nullptr, nullptr, 64, &a, &b), PR_BadSize);
 }
 
+// Packets are written into a buffer that grows while they are built: one exactly at a ceiling that is
+// no power of two is built whole, one byte more is refused, with strings or with many entries.
+TEST(Packet, BuildingGrowsUpToTheCeilingExactly)
+{
+    SetMaxPacketSize(5000);
+    // nil + string: 32 + 4 + 4 + length + 1 bytes.
+    const std::string exact(5000 - 41, 'x');
+    const ScriptVal fits(exact.c_str()), over((exact + "y").c_str());
+    Packet *p = CreatePkt(PKT_Reply, nullptr, nullptr, &fits);
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(p->m_Size, 5000u);
+    ScriptVal a, b;
+    EXPECT_EQ(FromPacket(nullptr, p, p->m_Size, &a, &b), PR_Ok);
+    EXPECT_TRUE(b == exact.c_str());
+    FreePkt(p);
+    EXPECT_EQ(CreatePkt(PKT_Reply, nullptr, nullptr, &over), nullptr);
+    // nil + a table of n number entries: 32 + 4 + (4 + 1 + 4) + 24 n bytes.
+    SetMaxPacketSize(45 + 24 * 207);
+    ScriptVal table(SV_Table, nullptr);
+    for (int i = 1; i <= 207; ++i)
+        table.FindKey(double(i)) = double(i) / 3;
+    p = CreatePkt(PKT_Reply, nullptr, nullptr, &table);
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(p->m_Size, 45u + 24u * 207u);
+    EXPECT_EQ(FromPacket(nullptr, p, p->m_Size, &a, &b), PR_Ok);
+    EXPECT_EQ(b.NumKeys(), 207);
+    EXPECT_TRUE(b.FindKeyConst(207.0) == 69.0);
+    FreePkt(p);
+    table.FindKey(208.0) = 1.0;
+    EXPECT_EQ(CreatePkt(PKT_Reply, nullptr, nullptr, &table), nullptr);
+    SetMaxPacketSize(0);
+}
+
 TEST(Packet, FuzzCorpusKeepsTheReadInvariants)
 {
     using orvexTest::CorpusExpect;

@@ -98,37 +98,51 @@ private:
 // One recv without waiting: the bytes read, 0 when nothing is there or on any error.
 int ReceiveSome(int fd, void *data, size_t size);
 
-// Assembles packets from the byte stream of one socket, in pieces of any size: first the 4-byte size
-// (little endian), which must pass IsAcceptablePacketSize before anything is allocated for it, then
-// the rest. A refused size ends the stream for good: the reader keeps saying IO_BadSize.
+// Assembles packets from the byte stream of one socket, in pieces of any size. Each recv fills a
+// staging buffer (64 KiB, taken at the first read) as far as the socket has bytes, and whole packets
+// are carved from it; a packet larger than the buffer gets a buffer of its own size, and the rest of
+// it is read straight into that. Every size field (4 bytes, little endian) must pass
+// IsAcceptablePacketSize before anything is allocated for it. A refused size ends the stream for
+// good: the reader keeps saying IO_BadSize.
 class PacketReader
 {
 public:
+    static constexpr uint32_t kStageSize = 64u * 1024u;
+
     PacketReader() = default;
     PacketReader(const PacketReader &) = delete;
     PacketReader &operator=(const PacketReader &) = delete;
     ~PacketReader();
 
-    // Reads what the socket has now without waiting. IO_Ok stores one whole packet into `packet`,
-    // owned by the caller (FreePkt); more may be waiting, so call again until IO_WouldBlock.
+    // Hands out one whole packet, staged already or read now without waiting. IO_Ok stores it into
+    // `packet`, owned by the caller (FreePkt); more may be waiting, so call again until IO_WouldBlock.
     // Otherwise `packet` is null: IO_WouldBlock (no whole packet yet), IO_Closed, IO_Reset,
-    // IO_BadSize, IO_NoMemory, IO_Error.
+    // IO_BadSize, IO_NoMemory (the size stays in hand: call again later), IO_Error. The end of the
+    // stream is reported only after every whole packet before it was handed out.
     [[nodiscard]] IoStatus ReadSome(int fd, Packet *&packet);
     // Reads one whole packet, waiting at most timeoutMs in all for the socket to be readable.
     [[nodiscard]] IoStatus ReadPacket(int fd, Packet *&packet, int timeoutMs);
 
-    // True while a packet is partly read (a close now cuts a packet short).
-    bool InPacket() const { return m_Have > 0; }
+    // True while bytes of a packet not yet handed out are in hand (a close now cuts a packet short).
+    bool InPacket() const { return m_End > m_Begin || m_Big; }
+    // True when the next ReadSome has something to report without reading the socket: a whole packet
+    // or a refused size field is staged. A caller that polls drains these before it waits again,
+    // since the socket need not be readable for them.
+    bool HasStaged() const;
     // The size field that was refused, if IO_BadSize was given.
     uint32_t RefusedSize() const { return m_Refused; }
-    // Drops a partial packet and a refusal; for a new stream.
+    // Drops what is in hand and a refusal, and frees the buffers; for a new stream.
     void Reset();
 
 private:
-    unsigned char m_SizeBytes[4] = {};
-    uint32_t m_Have = 0; // bytes of the current packet in hand, size field included
-    uint32_t m_Size = 0; // the accepted size, 0 while the size field is incomplete
-    unsigned char *m_Buffer = nullptr;
+    uint32_t StagedSize() const;
+
+    unsigned char *m_Stage = nullptr; // kStageSize bytes, the unread ones at [m_Begin, m_End)
+    uint32_t m_Begin = 0;
+    uint32_t m_End = 0;
+    unsigned char *m_Big = nullptr; // a packet larger than the stage, m_BigHave of m_BigSize bytes in
+    uint32_t m_BigHave = 0;
+    uint32_t m_BigSize = 0;
     uint32_t m_Refused = 0;
     bool m_Failed = false;
 };

@@ -342,15 +342,20 @@ IoStatus SendPacket(int fd, const Packet *packet, int timeoutMs)
 
 PacketReader::~PacketReader()
 {
-    std::free(m_Buffer);
+    std::free(m_Stage);
+    std::free(m_Big);
 }
 
 void PacketReader::Reset()
 {
-    std::free(m_Buffer);
-    m_Buffer = nullptr;
-    m_Have = 0;
-    m_Size = 0;
+    std::free(m_Stage);
+    std::free(m_Big);
+    m_Stage = nullptr;
+    m_Begin = 0;
+    m_End = 0;
+    m_Big = nullptr;
+    m_BigHave = 0;
+    m_BigSize = 0;
     m_Refused = 0;
     m_Failed = false;
 }
@@ -375,54 +380,103 @@ static IoStatus ReceiveInto(int fd, unsigned char *data, size_t size, size_t &go
     }
 }
 
+// The size field of the first staged packet; at least 4 bytes are staged.
+uint32_t PacketReader::StagedSize() const
+{
+    const unsigned char *p = m_Stage + m_Begin;
+    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
+}
+
+bool PacketReader::HasStaged() const
+{
+    if (m_Failed || m_Big || m_End - m_Begin < 4) return false;
+    const uint32_t size = StagedSize();
+    return !IsAcceptablePacketSize(size) || size <= m_End - m_Begin;
+}
+
 IoStatus PacketReader::ReadSome(int fd, Packet *&packet)
 {
     packet = nullptr;
-    if (m_Failed)
+    for (;;)
     {
-        errno = EMSGSIZE;
-        return IO_BadSize;
-    }
-    if (!m_Buffer)
-    {
-        while (m_Have < 4)
+        if (m_Failed)
         {
-            size_t got = 0;
-            IoStatus status = ReceiveInto(fd, m_SizeBytes + m_Have, 4 - m_Have, got);
-            if (status != IO_Ok) return status;
-            m_Have += static_cast<uint32_t>(got);
-        }
-        uint32_t size = uint32_t(m_SizeBytes[0]) | uint32_t(m_SizeBytes[1]) << 8 |
-                        uint32_t(m_SizeBytes[2]) << 16 | uint32_t(m_SizeBytes[3]) << 24;
-        if (!IsAcceptablePacketSize(size))
-        {
-            m_Refused = size;
-            m_Failed = true;
             errno = EMSGSIZE;
             return IO_BadSize;
         }
-        // Out of memory keeps the size in hand, so that a later call may try again.
-        m_Buffer = static_cast<unsigned char *>(std::malloc(size));
-        if (!m_Buffer)
+        if (m_Big)
         {
-            errno = ENOMEM;
-            return IO_NoMemory;
+            while (m_BigHave < m_BigSize)
+            {
+                size_t got = 0;
+                IoStatus status = ReceiveInto(fd, m_Big + m_BigHave, m_BigSize - m_BigHave, got);
+                if (status != IO_Ok) return status;
+                m_BigHave += static_cast<uint32_t>(got);
+            }
+            packet = reinterpret_cast<Packet *>(m_Big);
+            m_Big = nullptr;
+            m_BigHave = 0;
+            m_BigSize = 0;
+            return IO_Ok;
         }
-        std::memcpy(m_Buffer, m_SizeBytes, 4);
-        m_Size = size;
-    }
-    while (m_Have < m_Size)
-    {
+        const uint32_t staged = m_End - m_Begin;
+        if (staged >= 4)
+        {
+            const uint32_t size = StagedSize();
+            if (!IsAcceptablePacketSize(size))
+            {
+                m_Refused = size;
+                m_Failed = true;
+                continue;
+            }
+            // A whole staged packet is copied out; one larger than the stage takes what is staged
+            // and reads the rest into its own buffer. Out of memory leaves the bytes staged, so that
+            // a later call may try again.
+            if (size <= staged || size > kStageSize)
+            {
+                auto *buffer = static_cast<unsigned char *>(std::malloc(size));
+                if (!buffer)
+                {
+                    errno = ENOMEM;
+                    return IO_NoMemory;
+                }
+                const uint32_t take = size <= staged ? size : staged;
+                std::memcpy(buffer, m_Stage + m_Begin, take);
+                m_Begin += take;
+                if (m_Begin == m_End) m_Begin = m_End = 0;
+                if (take == size)
+                {
+                    packet = reinterpret_cast<Packet *>(buffer);
+                    return IO_Ok;
+                }
+                m_Big = buffer;
+                m_BigHave = take;
+                m_BigSize = size;
+                continue;
+            }
+        }
+        // No whole packet is staged: move the partial one to the front and read behind it. It is
+        // smaller than the stage, so there is room.
+        if (!m_Stage)
+        {
+            m_Stage = static_cast<unsigned char *>(std::malloc(kStageSize));
+            if (!m_Stage)
+            {
+                errno = ENOMEM;
+                return IO_NoMemory;
+            }
+        }
+        if (m_Begin > 0)
+        {
+            std::memmove(m_Stage, m_Stage + m_Begin, staged);
+            m_Begin = 0;
+            m_End = staged;
+        }
         size_t got = 0;
-        IoStatus status = ReceiveInto(fd, m_Buffer + m_Have, m_Size - m_Have, got);
+        IoStatus status = ReceiveInto(fd, m_Stage + m_End, kStageSize - m_End, got);
         if (status != IO_Ok) return status;
-        m_Have += static_cast<uint32_t>(got);
+        m_End += static_cast<uint32_t>(got);
     }
-    packet = reinterpret_cast<Packet *>(m_Buffer);
-    m_Buffer = nullptr;
-    m_Have = 0;
-    m_Size = 0;
-    return IO_Ok;
 }
 
 IoStatus PacketReader::ReadPacket(int fd, Packet *&packet, int timeoutMs)

@@ -360,6 +360,77 @@ TEST(SocketIoSeam, ReaderAssemblesPacketsSplitAnywhere)
     }
 }
 
+// Many packets arrive in one recv, a partial one is left at the end of a full stage, and a packet
+// larger than the stage follows small ones: every packet comes out whole and in order, the staged
+// ones without reading, and the end of the stream only after the last staged packet.
+TEST(SocketIoSeam, ReaderCarvesStagedPacketsAndReadsABigOneIntoItsOwnBuffer)
+{
+    SysGuard guard;
+    Packets packets;
+    for (uint32_t i = 0; i < 2000; ++i)
+        packets.push_back(MakePacket(32 + i % 57, i));
+    packets.push_back(MakePacket(3 * PacketReader::kStageSize + 5, 7)); // after an odd cut of the stage
+    packets.push_back(MakePacket(PacketReader::kStageSize, 8));         // the largest that is staged
+    packets.push_back(MakePacket(40, 9));
+    std::vector<unsigned char> bytes;
+    for (const Packet *packet : packets)
+    {
+        const auto *raw = reinterpret_cast<const unsigned char *>(packet);
+        bytes.insert(bytes.end(), raw, raw + packet->m_Size);
+    }
+    for (size_t chunk : {size_t(1) << 30, size_t(PacketReader::kStageSize) + 7, size_t(4093)})
+    {
+        for (int endError : {0, ECONNRESET})
+        {
+            SCOPED_TRACE(testing::Message() << "chunk " << chunk << " end " << endError);
+            StartStream({bytes, chunk, false, endError}, {});
+            PacketReader reader;
+            Packets got;
+            IoStatus status = IO_Ok;
+            size_t position = 0;
+            bool readWhileStaged = false;
+            while (status == IO_Ok && got.size() <= packets.size())
+            {
+                const bool staged = reader.HasStaged();
+                Packet *packet = nullptr;
+                position = g_Stream.position;
+                status = reader.ReadSome(7, packet);
+                readWhileStaged |= staged && g_Stream.position != position;
+                if (status == IO_Ok) got.push_back(packet);
+            }
+            EXPECT_EQ(status, endError ? IO_Reset : IO_Closed);
+            EXPECT_FALSE(readWhileStaged);
+            EXPECT_FALSE(reader.InPacket());
+            ASSERT_EQ(got.size(), packets.size());
+            for (size_t i = 0; i < packets.size(); ++i)
+                ASSERT_TRUE(SamePacket(got[i], packets[i])) << i;
+        }
+    }
+}
+
+// A refused size behind a good packet in the same recv: the good one comes out first, and the staged
+// refusal is reported without reading on.
+TEST(SocketIoSeam, ReaderHandsOutAGoodPacketBeforeAStagedRefusal)
+{
+    SysGuard guard;
+    const Packets good{{MakePacket(48, 4)}};
+    StartStream({{}, 1000, false, EAGAIN}, {good[0]});
+    const uint32_t bad = 8;
+    const auto *raw = reinterpret_cast<const unsigned char *>(&bad);
+    g_Stream.bytes.insert(g_Stream.bytes.end(), raw, raw + 4);
+    g_Stream.bytes.resize(g_Stream.bytes.size() + 20, 0xCD);
+    PacketReader reader;
+    Packets got{{nullptr}};
+    EXPECT_EQ(reader.ReadSome(7, got[0]), IO_Ok);
+    EXPECT_TRUE(SamePacket(got[0], good[0]));
+    EXPECT_TRUE(reader.HasStaged());
+    Packet *none = nullptr;
+    EXPECT_EQ(reader.ReadSome(7, none), IO_BadSize);
+    EXPECT_EQ(reader.RefusedSize(), bad);
+    EXPECT_FALSE(reader.HasStaged());
+    EXPECT_EQ(none, nullptr);
+}
+
 TEST(SocketIoSeam, ReaderReportsEachEndDistinctly)
 {
     SysGuard guard;
