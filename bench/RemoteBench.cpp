@@ -5,7 +5,10 @@
 // against msgpack-c packing and unpacking the same data in the same run. A summary of the ratios
 // follows. The loopback figures depend on where the scheduler puts the two processes: on a virtual
 // machine of two cores a round trip takes about 12 us on one core and up to five times that across
-// both, from run to run; `taskset -c 0 RemoteBench` keeps them steady.
+// both, from run to run; `taskset -c 0 RemoteBench` keeps them steady. The same calls go through
+// connections to a forked host whose main thread pumps its script window: a blocking member call
+// (p50 and p99 against the raw round trip) and pipelined DoCommandAsync calls (against the raw
+// pipelined run).
 #include "bench/BenchMain.h"
 #include "bench/RemoteBenchSupport.h"
 
@@ -20,7 +23,11 @@
 
 #include <msgpack.h>
 
+#include "objects/ScriptInfo.h"
 #include "remote/Packet.h"
+#include "remote/RemoteApp.h"
+#include "remote/ScriptWindow.h"
+#include "remote/Scripting.h"
 #include "values/model/ScriptArgs.h"
 #include "values/model/SymbolNumbers.h"
 
@@ -117,6 +124,218 @@ void BM_RawPipelined(benchmark::State &state)
 
 BENCHMARK(BM_RawRoundTrip)->UseRealTime()->MinTime(1.0)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_RawPipelined)->UseRealTime()->MinTime(1.0)->Unit(benchmark::kMillisecond);
+
+// ---- the same calls through connections ---------------------------------------------------------
+
+// The host's root: "Foo" gives back its argument, so a call carries the bytes of the raw message.
+class BenchRoot : public RefObject
+{
+public:
+    BenchRoot();
+    void IncRef() override { Use(); }
+    void DecRef() override { Recycle(); }
+    ScriptInfo *GetScriptInfo() const override { return m_Info; }
+    void SetScriptInfo(ScriptInfo *info) override { m_Info = info; }
+
+private:
+    ScriptInfo *m_Info = nullptr;
+};
+
+ScriptInfoT<BenchRoot> s_BenchRootInfo(1, "BenchRoot");
+
+void Foo(void *, ScriptArgs &args, ScriptSymbol *, bool)
+{
+    args.Return(ScriptVal(args.FindKeyConst(1)));
+}
+
+ScriptSymbol s_Foo(1, "Foo", SST_Function, Foo, s_BenchRootInfo);
+
+BenchRoot::BenchRoot()
+{
+    _SetScriptInfo(this, s_BenchRootInfo);
+}
+
+ScriptObject *BenchRootOf(void *user, void *)
+{
+    return static_cast<BenchRoot *>(user);
+}
+
+// A host in a forked process: its main thread pumps the script window, which runs every command, and
+// a thread accepts connections. It ends when its parent does.
+class HostPeer
+{
+public:
+    ~HostPeer() { Stop(); }
+
+    bool Start()
+    {
+        int listener = RemoteBench::ListenLoopback(m_Port);
+        if (listener < 0) return false;
+        std::fflush(nullptr);
+        const pid_t parent = getpid();
+        m_Pid = fork();
+        if (m_Pid == 0) Serve(listener, parent);
+        close(listener);
+        return m_Pid > 0;
+    }
+
+    void Stop()
+    {
+        if (m_Pid <= 0) return;
+        kill(m_Pid, SIGKILL);
+        waitpid(m_Pid, nullptr, 0);
+        m_Pid = -1;
+    }
+
+    uint16_t Port() const { return m_Port; }
+
+private:
+    [[noreturn]] static void Serve(int listener, pid_t parent)
+    {
+        static ScriptConfig config;
+        config.flags = SCF_Host;
+        config.name = "RemoteBench";
+        config.user = new BenchRoot;
+        config.root = BenchRootOf;
+        InitScripting(config);
+        if (!CreateScriptWindow()) _exit(1);
+        std::thread([listener, parent] {
+            for (;;)
+            {
+                pollfd entry{listener, POLLIN, 0};
+                if (getppid() != parent) _exit(0);
+                if (poll(&entry, 1, 1000) <= 0) continue;
+                int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+                if (fd >= 0 && RemoteBench::SetNoDelay(fd)) new RemoteApp(fd); // lives by its counts
+            }
+        }).detach();
+        for (;;)
+        {
+            int exitCode = 0;
+            (void)GetScriptWnd()->Pump(0, 1000, exitCode);
+            if (getppid() != parent) _exit(0);
+        }
+    }
+
+    pid_t m_Pid = -1;
+    uint16_t m_Port = 0;
+};
+
+// The host process of the whole program and a connection to it, made at first use.
+struct HostLink
+{
+    HostPeer peer;
+    RemoteApp *app = nullptr;
+    ScriptVal root;
+
+    static HostLink &Get()
+    {
+        static HostLink link;
+        return link;
+    }
+
+private:
+    HostLink()
+    {
+        if (!peer.Start()) return;
+        g_ScriptServerPort = peer.Port();
+        app = new RemoteApp;
+        app->Use();
+        app->SetHost("127.0.0.1");
+        app->SetTimeOut(RemoteBench::kPeerWaitMs / 1000.0);
+        if (app->Connect()) root = app->FindRemoteObject(1);
+    }
+};
+
+void BM_RemoteCall(benchmark::State &state)
+{
+    HostLink &link = HostLink::Get();
+    if (!link.root.IsRemoteObject())
+    {
+        state.SkipWithError("no host");
+        return;
+    }
+    RemoteBench::Percentiles times;
+    for (auto _ : state)
+    {
+        const RemoteBench::Clock::time_point start = RemoteBench::Clock::now();
+        ScriptVal result = link.root.CallMember("Foo", 2.0);
+        times.Add(RemoteBench::MicrosecondsSince(start));
+        if (result != 2.0)
+        {
+            state.SkipWithError("the call failed");
+            break;
+        }
+    }
+    times.Report(state);
+    g_Results["call p50 us"] = times.At(0.50);
+    g_Results["call p99 us"] = times.At(0.99);
+}
+
+// Up to kWindow calls in flight with DoCommandAsync; their callbacks run on the connection's thread.
+struct AsyncWindow
+{
+    std::mutex mutex;
+    std::condition_variable freed;
+    size_t done = 0;
+    size_t failed = 0;
+
+    static bool Completed(void *user, RemoteApp *, Packet *packet, unsigned long)
+    {
+        auto *window = static_cast<AsyncWindow *>(user);
+        std::lock_guard lock(window->mutex);
+        ++window->done;
+        if (!packet) ++window->failed;
+        window->freed.notify_one();
+        return false;
+    }
+};
+
+void BM_RemotePipelined(benchmark::State &state)
+{
+    HostLink &link = HostLink::Get();
+    RemoteObject *root = link.root.ToRemoteObject();
+    if (!root)
+    {
+        state.SkipWithError("no host");
+        return;
+    }
+    double calls = 0, seconds = 0;
+    for (auto _ : state)
+    {
+        AsyncWindow window;
+        const RemoteBench::Clock::time_point start = RemoteBench::Clock::now();
+        bool ok = true;
+        for (size_t i = 0; i < kPipelinedCalls && ok; ++i)
+        {
+            {
+                std::unique_lock lock(window.mutex);
+                ok = window.freed.wait_for(lock, std::chrono::milliseconds(RemoteBench::kPeerWaitMs),
+                                           [&] { return i - window.done < kWindow; });
+            }
+            ScriptArgs args;
+            args[0] = "Foo";
+            args[1] = 2.0;
+            ok = ok && root->DoCommandAsync(SST_CallMemberFunction, args, AsyncWindow::Completed, &window) != 0;
+        }
+        std::unique_lock lock(window.mutex);
+        ok = ok && window.freed.wait_for(lock, std::chrono::milliseconds(RemoteBench::kPeerWaitMs),
+                                         [&] { return window.done == kPipelinedCalls; });
+        if (!ok || window.failed)
+        {
+            state.SkipWithError("the pipelined calls failed");
+            break;
+        }
+        seconds += RemoteBench::MicrosecondsSince(start) / 1e6;
+        calls += kPipelinedCalls;
+    }
+    const double rate = seconds > 0 ? calls / seconds : 0;
+    state.counters["calls_per_s"] = rate;
+    g_Results["pipelined calls/s"] = rate;
+}
+
+BENCHMARK(BM_RemoteCall)->UseRealTime()->MinTime(1.0)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_RemotePipelined)->UseRealTime()->MinTime(1.0)->Unit(benchmark::kMillisecond);
 
 // ---- the codec against msgpack ------------------------------------------------------------------
 
@@ -395,6 +614,14 @@ void PrintSummary()
                     CommandBytes().size(), get("raw p50 us"), get("raw p99 us"));
     if (get("raw pipelined calls/s") > 0)
         std::printf("  raw pipelined, %zu in flight: %.0f calls/s\n", kWindow, get("raw pipelined calls/s"));
+    if (get("call p50 us") > 0)
+        std::printf("  member call to a host pumping its window: p50 %.1f us, p99 %.1f us; p50 x%.2f of raw, "
+                    "p99 x%.2f of raw p50\n",
+                    get("call p50 us"), get("call p99 us"), ratio(get("call p50 us"), get("raw p50 us")),
+                    ratio(get("call p99 us"), get("raw p50 us")));
+    if (get("pipelined calls/s") > 0)
+        std::printf("  pipelined DoCommandAsync, %zu in flight: %.0f calls/s; x%.2f of raw\n", kWindow,
+                    get("pipelined calls/s"), ratio(get("pipelined calls/s"), get("raw pipelined calls/s")));
     for (const char *what : {"encode", "decode"})
     {
         const std::string ours = std::string(what) + " ours", theirs = std::string(what) + " msgpack";

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <thread>
 #include <vector>
@@ -263,6 +264,29 @@ ORVEX_API PacketResult FromPacket(RemoteApp *app, const Packet *packet, ScriptVa
 ORVEX_API PacketResult FromPacket(RemoteObject *object, const Packet *packet, ScriptVal *first,
                                   ScriptVal *second);
 ORVEX_API Packet *ToReply(RemoteApp *app, uint32_t sequence, const ScriptVal *first, const ScriptVal *args);
+
+// Without a connection (objects travel unnamed): a plain null picks these.
+inline Packet *CreatePkt(uint32_t type, std::nullptr_t, const ScriptVal *first, const ScriptVal *second)
+{
+    return CreatePkt(type, static_cast<PacketObjects *>(nullptr), first, second);
+}
+inline Packet *CreateReply(uint32_t sequence, std::nullptr_t, const ScriptVal *first, const ScriptVal *second)
+{
+    return CreateReply(sequence, static_cast<PacketObjects *>(nullptr), first, second);
+}
+inline Packet *ToPacket(std::nullptr_t, uint32_t object, uint32_t symbol, const ScriptVal *first,
+                        const ScriptVal *second)
+{
+    return ToPacket(static_cast<PacketObjects *>(nullptr), object, symbol, first, second);
+}
+inline PacketResult FromPacket(std::nullptr_t, const Packet *packet, ScriptVal *first, ScriptVal *second)
+{
+    return FromPacket(static_cast<RemoteApp *>(nullptr), packet, first, second);
+}
+inline Packet *ToReply(std::nullptr_t, uint32_t sequence, const ScriptVal *first, const ScriptVal *args)
+{
+    return ToReply(static_cast<PacketObjects *>(nullptr), sequence, first, args);
+}
 
 // Puts the connection messages (command, connect, disconnect, connect failed) on a script window.
 void InstallConnectionHandlers(ScriptWindow &window);
