@@ -266,8 +266,7 @@ RemoteApp::~RemoteApp()
         FreePkt(node->packet);
         delete node;
     }
-    FreePkt(m_WritePacket);
-    m_WritePacket = nullptr;
+    ReleaseWrite();
     m_Lock.ReleaseLock();
     int fd = m_Socket.exchange(kNoSocket);
     SocketIo::CloseFd(fd);
@@ -543,12 +542,12 @@ int RemoteApp::AppThreadFunc()
 
 bool RemoteApp::Drained() const
 {
-    return m_RequestsOpen == 0 && m_RepliesOwed == 0 && !m_SendQueue && !m_WritePacket && !m_Replies;
+    return m_RequestsOpen == 0 && m_RepliesOwed == 0 && !m_SendQueue && !m_WriteState.Busy() && !m_Replies;
 }
 
 bool RemoteApp::WriteOpen()
 {
-    return m_WritePacket != nullptr;
+    return m_WriteState.Busy();
 }
 
 int RemoteApp::NextWaitMs()
@@ -652,9 +651,7 @@ void RemoteApp::FinishConnection()
         FreePkt(node->packet);
         delete node;
     }
-    FreePkt(m_WritePacket);
-    m_WritePacket = nullptr;
-    m_WriteState.Clear();
+    ReleaseWrite();
     m_QueuedBytes = 0;
     m_Reader.Reset();
     m_ReadPending = false;
@@ -723,18 +720,48 @@ void RemoteApp::DoRead()
     }
 }
 
+void RemoteApp::ReleaseWrite()
+{
+    FreePkt(m_WritePacket);
+    m_WritePacket = nullptr;
+    m_WriteState.Clear();
+}
+
+// Takes the next write from the send queue: a packet alone, or several small ones copied into one
+// block so that they leave in one send.
+bool RemoteApp::StartWrite()
+{
+    if (!m_SendQueue) return false;
+    if (!m_SendQueue->next || m_SendQueue->packet->m_Size + m_SendQueue->next->packet->m_Size > kBatchBytes)
+    {
+        PacketNode *node = PopFront(m_SendQueue, m_SendTail);
+        m_WritePacket = node->packet;
+        delete node;
+        m_WriteState.Start(m_WritePacket);
+        return true;
+    }
+    m_Batch.clear();
+    while (m_SendQueue && m_Batch.size() + m_SendQueue->packet->m_Size <= kBatchBytes)
+    {
+        PacketNode *node = PopFront(m_SendQueue, m_SendTail);
+        const auto *bytes = reinterpret_cast<const unsigned char *>(node->packet);
+        m_Batch.insert(m_Batch.end(), bytes, bytes + node->packet->m_Size);
+        FreePkt(node->packet);
+        delete node;
+    }
+    m_WriteState.Start(m_Batch.data(), m_Batch.size());
+    return true;
+}
+
 void RemoteApp::DoWrite()
 {
     const int fd = m_Socket.load();
     while (!m_Ended)
     {
-        if (!m_WritePacket)
+        if (!m_WriteState.Busy())
         {
-            PacketNode *node = PopFront(m_SendQueue, m_SendTail);
-            if (!node) return;
-            m_WritePacket = node->packet;
-            delete node;
-            m_WriteState.Start(m_WritePacket);
+            ReleaseWrite();
+            if (!StartWrite()) return;
         }
         const size_t before = m_WriteState.Remaining();
         SocketIo::IoStatus status = SocketIo::SendSome(fd, m_WriteState);
@@ -745,10 +772,32 @@ void RemoteApp::DoWrite()
             EndConnection(SocketIo::IoStatusName(status));
             return;
         }
-        FreePkt(m_WritePacket);
-        m_WritePacket = nullptr;
-        m_WriteState.Clear();
     }
+}
+
+// With the lock held, on any thread: sends what the queue holds now. Sending on the caller's thread
+// spares a hand-over to the connection thread; what the socket does not take is left to that
+// thread, which is woken to wait for the socket to drain.
+void RemoteApp::Flush()
+{
+    if (m_WriteState.Busy() || m_Ended) return; // the thread finishes a partly sent write first
+    DoWrite();
+    if (m_WriteState.Busy()) (void)m_WriteEvent.Signal();
+}
+
+void RemoteApp::Cork()
+{
+    m_Lock.ObtainLock();
+    m_Corked = true;
+    m_Lock.ReleaseLock();
+}
+
+void RemoteApp::Uncork()
+{
+    m_Lock.ObtainLock();
+    m_Corked = false;
+    Flush();
+    m_Lock.ReleaseLock();
 }
 
 int RemoteApp::WriteData(void *data, int size)
@@ -768,7 +817,7 @@ int RemoteApp::ReadData(void *data, int size)
 
 // ---- sending and waiting ------------------------------------------------------------------------
 
-void RemoteApp::Enqueue(Packet *packet)
+bool RemoteApp::Enqueue(Packet *packet)
 {
     const size_t cap = s_MaxSendQueue.load();
     PacketNode *node = new (std::nothrow) PacketNode;
@@ -779,12 +828,12 @@ void RemoteApp::Enqueue(Packet *packet)
         char why[96];
         std::snprintf(why, sizeof(why), "the peer does not read: %zu bytes queued", m_QueuedBytes);
         EndConnection(why);
-        return;
+        return false;
     }
     node->packet = packet;
     m_QueuedBytes += packet->m_Size;
     Append(m_SendQueue, m_SendTail, node);
-    (void)m_WriteEvent.Signal();
+    return true;
 }
 
 unsigned long RemoteApp::SendPkt(Packet *packet)
@@ -810,34 +859,9 @@ unsigned long RemoteApp::SendPkt(Packet *packet)
         sequence = packet->m_Sequence;
         if (m_RepliesOwed) --m_RepliesOwed;
     }
-    if (!m_WritePacket && !m_SendQueue)
-    {
-        // Nothing ahead of it: the caller's thread sends it at once, which spares a hand-over to the
-        // connection thread. What the socket does not take now is left to that thread.
-        m_WriteState.Start(packet);
-        SocketIo::IoStatus status = SocketIo::SendSome(m_Socket.load(), m_WriteState);
-        if (status == SocketIo::IO_Ok)
-        {
-            m_WriteState.Clear();
-            FreePkt(packet);
-        }
-        else if (status == SocketIo::IO_WouldBlock)
-        {
-            m_WritePacket = packet;
-            m_QueuedBytes += m_WriteState.Remaining();
-            (void)m_WriteEvent.Signal();
-        }
-        else
-        {
-            m_WriteState.Clear();
-            FreePkt(packet);
-            EndConnection(SocketIo::IoStatusName(status));
-        }
-    }
-    else
-    {
-        Enqueue(packet);
-    }
+    // A reply of a corked connection waits for the others of its run, to leave with them.
+    const bool deferred = m_Corked && packet->m_Type == PKT_Reply;
+    if (Enqueue(packet) && !deferred) Flush();
     m_Lock.ReleaseLock();
     return sequence;
 }
@@ -1682,16 +1706,41 @@ bool HookSendReply(ScriptArgs &args)
     return true;
 }
 
+// The connection whose replies wait while more commands are queued on the window: a run of commands
+// is answered with one send. Only the window's thread touches it.
+RemoteApp *s_Corked = nullptr;
+
+void UncorkReplies()
+{
+    if (RemoteApp *app = s_Corked)
+    {
+        s_Corked = nullptr;
+        app->Uncork();
+        app->Recycle();
+    }
+}
+
 void HandleMessage(uint32_t message, uintptr_t param1, uintptr_t param2)
 {
     auto *app = reinterpret_cast<RemoteApp *>(param1);
     ScriptConfig *config = g_ScriptConfig;
+    if (s_Corked && (message != SWM_Command || s_Corked != app)) UncorkReplies();
     switch (message)
     {
     case SWM_Command:
+    {
+        ScriptWindow *window = GetScriptWnd();
+        if (!s_Corked && window && window->Waiting() > 0)
+        {
+            app->Use();
+            app->Cork();
+            s_Corked = app;
+        }
         app->RunCommand(reinterpret_cast<Packet *>(param2));
+        if (s_Corked && (!window || window->Waiting() == 0)) UncorkReplies();
         app->Recycle();
         break;
+    }
     case SWM_Connect:
         if (config && config->onConnect) config->onConnect(config->user, app, nullptr, nullptr);
         break;
@@ -1711,6 +1760,7 @@ void HandleMessage(uint32_t message, uintptr_t param1, uintptr_t param2)
 // A message dropped with the window: what it holds is let go.
 void ReleaseMessage(uint32_t message, uintptr_t param1, uintptr_t param2)
 {
+    UncorkReplies();
     auto *app = reinterpret_cast<RemoteApp *>(param1);
     if (!app) return;
     if (message == SWM_Command) FreePkt(reinterpret_cast<Packet *>(param2));
@@ -1723,6 +1773,7 @@ void InstallConnectionHandlers(ScriptWindow &window)
     for (uint32_t message : {SWM_Command, SWM_Connect, SWM_Disconnect, SWM_ConnectFailed})
         window.SetHandler(message, HandleMessage);
     window.SetRelease(ReleaseMessage);
+    window.SetIdle(UncorkReplies);
 }
 
 void InstallRemoteHooks()

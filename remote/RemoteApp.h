@@ -184,7 +184,10 @@ private:
     ORVEX_INTERNAL bool Drained() const;
     ORVEX_INTERNAL int NextWaitMs();
     ORVEX_INTERNAL void CheckDeadlines();
-    ORVEX_INTERNAL void Enqueue(Packet *packet);
+    ORVEX_INTERNAL bool Enqueue(Packet *packet);
+    ORVEX_INTERNAL bool StartWrite();
+    ORVEX_INTERNAL void ReleaseWrite();
+    ORVEX_INTERNAL void Flush();
     ORVEX_INTERNAL bool WriteOpen();
     ORVEX_INTERNAL void EndConnection(const char *why);
     ORVEX_INTERNAL Packet *WaitServing(uint32_t sequence, double timeout);
@@ -198,6 +201,11 @@ private:
     ORVEX_INTERNAL void JoinThread();
 
 public:
+    // While corked, replies wait in the send queue and leave together when uncorked; requests flush
+    // the queue at once. The window corks a connection while more of its commands wait.
+    void Cork();
+    void Uncork();
+
     // For the dispatcher: runs a peer's command on the calling thread (unlocked) and replies. Owns the
     // packet. Hosts never call this; it is how the window's command message is served.
     void RunCommand(Packet *packet);
@@ -227,6 +235,9 @@ private:
     SocketIo::PacketReader m_Reader;
     Packet *m_WritePacket = nullptr;
     SocketIo::SendState m_WriteState;
+    std::vector<unsigned char> m_Batch; // small packets sent as one block
+    static constexpr size_t kBatchBytes = 64 * 1024;
+    bool m_Corked = false;
     std::thread m_Thread; // the connection thread
     Event m_ThreadGate;   // opened once m_Thread is stored (and the constructor is done)
     bool m_Constructing = false;

@@ -66,6 +66,14 @@ bool ScriptWindow::Open()
 
 int ScriptWindow::Fd() const
 {
+    // The descriptor is kept in step with the queue only from the first time a host asks for it: a
+    // host that only pumps spares two system calls per message.
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    if (!m_FdWanted)
+    {
+        m_FdWanted = true;
+        if (m_Count > 0) (void)m_Ready.Signal();
+    }
     return m_Ready.Fd();
 }
 
@@ -80,6 +88,12 @@ void ScriptWindow::SetHandler(uint32_t message, Handler handler)
     if (message < SWM_Command || message > SWM_ConnectFailed) return;
     std::lock_guard<std::mutex> lock(m_Mutex);
     m_Handlers[message - SWM_Command] = handler;
+}
+
+void ScriptWindow::SetIdle(void (*idle)())
+{
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    m_Idle = idle;
 }
 
 void ScriptWindow::SetRelease(Handler release)
@@ -98,7 +112,7 @@ bool ScriptWindow::Enqueue(Node *node)
     m_Tail = node;
     if (m_Count++ == 0)
     {
-        m_Ready.Signal();
+        if (m_FdWanted) m_Ready.Signal();
         m_Arrived.notify_one();
     }
     return true;
@@ -111,7 +125,7 @@ ScriptWindow::Node *ScriptWindow::TakeFirst()
     m_Head = node->next;
     if (!m_Head) m_Tail = nullptr;
     node->next = nullptr;
-    if (--m_Count == 0) m_Ready.Drain();
+    if (--m_Count == 0 && m_FdWanted) m_Ready.Drain();
     return node;
 }
 
@@ -123,7 +137,7 @@ void ScriptWindow::Unlink(Node *node)
         if (at != node) continue;
         (previous ? previous->next : m_Head) = at->next;
         if (m_Tail == at) m_Tail = previous;
-        if (--m_Count == 0) m_Ready.Drain();
+        if (--m_Count == 0 && m_FdWanted) m_Ready.Drain();
         return;
     }
 }
@@ -223,6 +237,18 @@ void ScriptWindow::Dispatch(uint32_t message, uintptr_t param1, uintptr_t param2
 }
 
 ScriptWindow::PumpResult ScriptWindow::Pump(unsigned maxMessages, unsigned long timeoutMs, int &exitCode)
+{
+    PumpResult result = PumpMessages(maxMessages, timeoutMs, exitCode);
+    void (*idle)() = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        idle = m_Idle;
+    }
+    if (idle && result != Pump_WrongThread) idle();
+    return result;
+}
+
+ScriptWindow::PumpResult ScriptWindow::PumpMessages(unsigned maxMessages, unsigned long timeoutMs, int &exitCode)
 {
     if (!IsOwnerThread()) return Pump_WrongThread;
     std::unique_lock<std::mutex> lock(m_Mutex);

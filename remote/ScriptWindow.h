@@ -80,6 +80,8 @@ public:
     void SetHandler(uint32_t message, Handler handler);
     // Called for every queued message that is dropped or has no handler, so its parameters can be freed.
     void SetRelease(Handler release);
+    // Called on the owner thread whenever Pump returns, for work held back while messages waited.
+    void SetIdle(void (*idle)());
 
 private:
     struct Node;
@@ -89,12 +91,14 @@ private:
     bool Enqueue(Node *node); // with m_Mutex held
     Node *TakeFirst();        // with m_Mutex held
     void Unlink(Node *node);  // with m_Mutex held
+    PumpResult PumpMessages(unsigned maxMessages, unsigned long timeoutMs, int &exitCode);
     void Dispatch(uint32_t message, uintptr_t param1, uintptr_t param2, int &exitCode, bool &quit);
     SendResult SendEntered(std::unique_lock<std::mutex> &lock, uint32_t message, uintptr_t param1,
                            uintptr_t param2, unsigned long timeoutMs);
 
     std::thread::id m_Owner;
-    SocketIo::EventFd m_Ready;
+    mutable SocketIo::EventFd m_Ready;
+    mutable bool m_FdWanted = false; // Fd() was asked for: m_Ready follows the queue
     mutable std::mutex m_Mutex;
     std::condition_variable m_Arrived; // the owner waits for a first message
     std::condition_variable m_Ran;     // senders wait for their message; the destructor for senders
@@ -105,6 +109,7 @@ private:
     bool m_Closing = false;
     Handler m_Handlers[4] = {}; // SWM_Command .. SWM_ConnectFailed
     Handler m_Release = nullptr;
+    void (*m_Idle)() = nullptr;
 };
 
 // The process's script window, or null if there is none.
