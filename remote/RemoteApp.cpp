@@ -94,17 +94,42 @@ bool RemoteApp::EverConnected()
 
 // ---- waiters and lists --------------------------------------------------------------------------
 
+// One request that someone waits for. The list holds one reference and a blocked thread another;
+// the last to let go deletes it. A blocked thread gets its reply handed into the record, so that it
+// wakes without taking the connection lock again.
 struct RemoteApp::Waiter
 {
     Waiter *next = nullptr;
+    std::atomic<int> references{1};
     uint32_t sequence = 0;
-    bool hasEvent = false;
-    Event event; // the blocked thread's, when hasEvent
+    bool hasEvent = false; // a thread is blocked on it
     PacketCallback callback = nullptr;
     void *user = nullptr;
     uint64_t deadline = 0; // steady milliseconds; 0 for never
-    bool done = false;     // answered or timed out
-    bool answered = false;
+    bool done = false;     // answered or given up (under the connection lock)
+
+    // The blocked thread's side: woken at most once (a record is done after its first wake).
+    WakeFlag woken;
+    bool set = false;
+    Packet *reply = nullptr;
+
+    // Wakes the blocked thread with `packet` (or none); the caller's reference keeps the record alive
+    // until it lets go. The flag wakes it with one system call and no mutex hand-over.
+    void Wake(Packet *packet)
+    {
+        reply = packet;
+        set = true;
+        woken.Set();
+    }
+
+    void Release()
+    {
+        if (references.fetch_sub(1) == 1)
+        {
+            FreePkt(reply);
+            delete this;
+        }
+    }
 };
 
 struct RemoteApp::PacketNode
@@ -255,7 +280,7 @@ RemoteApp::~RemoteApp()
     m_Lock.ObtainLock();
     DropAllLocal();
     while (Waiter *waiter = PopFront(m_Waiters, m_WaitersTail))
-        delete waiter;
+        waiter->Release();
     while (PacketNode *node = PopFront(m_Replies, m_RepliesTail))
     {
         FreePkt(node->packet);
@@ -603,15 +628,14 @@ void RemoteApp::ThreadLoop()
 void RemoteApp::CheckDeadlines()
 {
     const uint64_t now = NowMs();
-    for (Waiter *waiter = m_Waiters, *next = nullptr; waiter; waiter = next)
+    for (Waiter *waiter = m_Waiters; waiter; waiter = waiter->next)
     {
-        next = waiter->next;
         if (waiter->done || !waiter->deadline || waiter->deadline > now) continue;
         if (m_RequestsOpen) --m_RequestsOpen;
         waiter->done = true;
         if (waiter->callback) waiter->callback(waiter->user, this, nullptr, waiter->sequence);
-        if (waiter->hasEvent) waiter->event.Signal();
-        // A waiter without an event stays, done, so that a late reply is recognised and freed.
+        if (waiter->hasEvent) waiter->Wake(nullptr);
+        // The record stays, done, so that a late reply is recognised and freed.
     }
 }
 
@@ -629,22 +653,16 @@ void RemoteApp::FinishConnection()
     SocketIo::CloseFd(fd);
 
     m_Lock.ObtainLock();
-    // Every waiter learns that no reply will come. A blocked thread removes its own record.
-    for (Waiter *waiter = m_Waiters, *next = nullptr; waiter; waiter = next)
+    // Every waiter learns that no reply will come.
+    while (Waiter *waiter = PopFront(m_Waiters, m_WaitersTail))
     {
-        next = waiter->next;
         if (!waiter->done)
         {
             waiter->done = true;
             if (waiter->callback) waiter->callback(waiter->user, this, nullptr, waiter->sequence);
+            if (waiter->hasEvent) waiter->Wake(nullptr);
         }
-        if (waiter->hasEvent)
-            waiter->event.Signal();
-        else
-        {
-            Unlink(waiter);
-            delete waiter;
-        }
+        waiter->Release();
     }
     while (PacketNode *node = PopFront(m_SendQueue, m_SendTail))
     {
@@ -897,6 +915,7 @@ Packet *RemoteApp::WaitPkt(unsigned long sequence, double timeout)
         m_Lock.ReleaseLock();
         return nullptr;
     }
+    waiter->references.store(2); // the list's and this thread's
     waiter->sequence = static_cast<uint32_t>(sequence);
     waiter->hasEvent = true;
     waiter->deadline = timeout > 0 ? NowMs() + static_cast<uint64_t>(timeout * 1000.0 + 0.5) : 0;
@@ -906,26 +925,30 @@ Packet *RemoteApp::WaitPkt(unsigned long sequence, double timeout)
 
     // The deadline is enforced by the connection thread; twice the time-out is a backstop in case
     // that thread is stuck.
-    const unsigned long backstop =
-        timeout > 0 ? static_cast<unsigned long>(timeout * 2000.0 + 0.5) : Event::NoTimeout;
-    (void)waiter->event.Wait(backstop);
-
-    m_Lock.ObtainLock();
-    packet = TakeReply(static_cast<uint32_t>(sequence), false);
-    if (!waiter->answered && Connected() && !m_Ended)
-    {
-        // Gave up before the reply: the record stays, done and without an event, so that the late
-        // reply is freed when it comes instead of waiting in the reply list.
-        if (!waiter->done && m_RequestsOpen) --m_RequestsOpen;
-        waiter->done = true;
-        waiter->hasEvent = false;
-    }
+    bool woken;
+    if (timeout > 0)
+        woken = waiter->woken.Wait(static_cast<unsigned long>(timeout * 2000.0 + 0.5));
     else
+        woken = waiter->woken.Wait(WakeFlag::NoTimeout);
+    if (!woken)
     {
-        Unlink(waiter);
-        delete waiter;
+        // The backstop: give up; the record stays on the list, done, for the late reply. A wake
+        // under the lock before this one still counts.
+        m_Lock.ObtainLock();
+        if (!waiter->done)
+        {
+            waiter->done = true;
+            if (m_RequestsOpen) --m_RequestsOpen;
+        }
+        woken = waiter->set;
+        m_Lock.ReleaseLock();
     }
-    m_Lock.ReleaseLock();
+    if (woken)
+    {
+        packet = waiter->reply;
+        waiter->reply = nullptr;
+    }
+    waiter->Release();
     Recycle();
     return packet;
 }
@@ -967,7 +990,7 @@ Packet *RemoteApp::WaitServing(uint32_t sequence, double timeout)
         {
             late->sequence = sequence;
             late->done = true;
-            Append(m_Waiters, m_WaitersTail, late);
+            Append(m_Waiters, m_WaitersTail, late); // the list's reference only
         }
     }
     m_Lock.ReleaseLock();
@@ -1035,38 +1058,23 @@ void RemoteApp::MatchReply(Packet *packet)
         Append(m_Replies, m_RepliesTail, node);
         return;
     }
+    Unlink(waiter);
     if (waiter->done)
     {
         FreePkt(packet); // a late reply: its caller gave up
-        if (!waiter->hasEvent)
-        {
-            Unlink(waiter);
-            delete waiter;
-        }
+        waiter->Release();
         return;
     }
     if (m_RequestsOpen) --m_RequestsOpen;
     waiter->done = true;
-    waiter->answered = true;
     bool taken = waiter->callback && waiter->callback(waiter->user, this, packet, sequence);
     if (waiter->hasEvent)
     {
-        if (!taken)
-        {
-            if (PacketNode *node = new (std::nothrow) PacketNode)
-            {
-                node->packet = packet;
-                Append(m_Replies, m_RepliesTail, node);
-            }
-            else
-                FreePkt(packet);
-        }
-        waiter->event.Signal(); // the blocked thread unlinks it
-        return;
+        waiter->Wake(taken ? nullptr : packet); // the blocked thread owns the packet now
     }
-    Unlink(waiter);
-    delete waiter;
-    if (!taken) FreePkt(packet); // an async reply that its callback did not keep
+    else if (!taken)
+        FreePkt(packet); // an async reply that its callback did not keep
+    waiter->Release();
 }
 
 // ---- dispatch -----------------------------------------------------------------------------------

@@ -113,7 +113,7 @@ bool ScriptWindow::Enqueue(Node *node)
     if (m_Count++ == 0)
     {
         if (m_FdWanted) m_Ready.Signal();
-        m_Arrived.notify_one();
+        m_NotifyPending = true; // the caller notifies, after letting go of the mutex if it can
     }
     return true;
 }
@@ -149,10 +149,20 @@ bool ScriptWindow::Post(uint32_t message, uintptr_t param1, uintptr_t param2)
     node->message = message;
     node->param1 = param1;
     node->param2 = param2;
-    std::lock_guard<std::mutex> lock(m_Mutex);
-    if (Enqueue(node)) return true;
-    delete node;
-    return false;
+    bool notify;
+    {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        if (!Enqueue(node))
+        {
+            delete node;
+            return false;
+        }
+        notify = m_NotifyPending;
+        m_NotifyPending = false;
+    }
+    // Outside the mutex, so that the woken owner does not at once block on it.
+    if (notify) m_Wake.Set();
+    return true;
 }
 
 ScriptWindow::SendResult ScriptWindow::Send(uint32_t message, uintptr_t param1, uintptr_t param2,
@@ -186,6 +196,11 @@ ScriptWindow::SendResult ScriptWindow::SendEntered(std::unique_lock<std::mutex> 
     node.param2 = param2;
     node.waiter = &wait;
     if (!Enqueue(&node)) wait.state = SendWait::Failed;
+    if (m_NotifyPending)
+    {
+        m_NotifyPending = false;
+        m_Wake.Set();
+    }
 
     auto finished = [&wait] { return wait.state == SendWait::Ran || wait.state == SendWait::Failed; };
     if (timeoutMs >= kNoTimeout)
@@ -254,8 +269,26 @@ ScriptWindow::PumpResult ScriptWindow::PumpMessages(unsigned maxMessages, unsign
     std::unique_lock<std::mutex> lock(m_Mutex);
     if (timeoutMs > 0 && !m_Head)
     {
-        auto limit = std::chrono::milliseconds(timeoutMs >= kNoTimeout ? 24ul * 3600 * 1000 : timeoutMs);
-        m_Arrived.wait_for(lock, limit, [this] { return m_Head != nullptr || m_Closing; });
+        // A wake flag rather than a condition variable: a post wakes the owner with one system call
+        // and no mutex hand-over. A flag set for a message already taken only makes the loop look
+        // again.
+        using Clock = std::chrono::steady_clock;
+        const bool forever = timeoutMs >= kNoTimeout;
+        const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(forever ? 0 : timeoutMs);
+        while (!m_Head)
+        {
+            m_Wake.Reset();
+            lock.unlock();
+            unsigned long left = WakeFlag::NoTimeout;
+            if (!forever)
+            {
+                const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+                left = ms > 0 ? static_cast<unsigned long>(ms) : 0;
+            }
+            const bool woken = left > 0 && m_Wake.Wait(left);
+            lock.lock();
+            if (!woken) break;
+        }
     }
     for (unsigned ran = 0; maxMessages == 0 || ran < maxMessages; ++ran)
     {

@@ -10,6 +10,7 @@
 
 #include "remote/SocketIo.h"
 #include "values/base/Export.h"
+#include "values/sync/Lock.h"
 
 namespace orvexScript
 {
@@ -100,11 +101,12 @@ private:
     mutable SocketIo::EventFd m_Ready;
     mutable bool m_FdWanted = false; // Fd() was asked for: m_Ready follows the queue
     mutable std::mutex m_Mutex;
-    std::condition_variable m_Arrived; // the owner waits for a first message
+    WakeFlag m_Wake; // set when the queue stops being empty: the owner waits for it
     std::condition_variable m_Ran;     // senders wait for their message; the destructor for senders
     Node *m_Head = nullptr;
     Node *m_Tail = nullptr;
     size_t m_Count = 0;
+    bool m_NotifyPending = false; // the queue went from empty to not: the owner is to be woken
     unsigned m_Senders = 0; // threads inside Send
     bool m_Closing = false;
     Handler m_Handlers[4] = {}; // SWM_Command .. SWM_ConnectFailed

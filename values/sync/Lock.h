@@ -3,6 +3,7 @@
 // lock or reports an error.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -57,6 +58,28 @@ private:
     bool m_Signalled = false;
     unsigned m_Waiters = 0;  // threads inside Wait
     unsigned m_Releases = 0; // signals handed to waiting threads, not yet taken
+};
+
+// A flag that threads set and one thread waits for, in one word: setting it wakes the waiter with one
+// system call (none if nobody sleeps on it), and waiting neither spins nor takes a mutex. For hand-overs
+// where the wake-up is on the critical path, such as a reply reaching the thread that waits for it.
+class ORVEX_API WakeFlag
+{
+public:
+    static constexpr unsigned long NoTimeout = 0xFFFFFFFFul;
+
+    // Sets the flag and wakes a thread waiting for it.
+    void Set();
+    // Waits until the flag is set, at most `timeoutMs` (NoTimeout or more: no limit). True if it is set.
+    // The flag stays set until Reset.
+    [[nodiscard]] bool Wait(unsigned long timeoutMs);
+    void Reset() { m_Word.store(0, std::memory_order_relaxed); }
+    bool IsSet() const { return m_Word.load(std::memory_order_acquire) == kSet; }
+
+private:
+    static constexpr uint32_t kSet = 1;
+    static constexpr uint32_t kSleeping = 2; // not set, and a thread sleeps on the word
+    std::atomic<uint32_t> m_Word{0};
 };
 
 // The recursive spinning lock algorithm on two 32-bit words of the caller, shared by SpinLock and

@@ -3,7 +3,10 @@
 
 #include "values/sync/Lock.h"
 
+#include <linux/futex.h>
 #include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -91,6 +94,48 @@ void Event::Reset()
 {
     std::lock_guard<std::mutex> guard(m_Mutex);
     m_Signalled = false;
+}
+
+// ---- WakeFlag ------------------------------------------------------------------------------------
+
+namespace
+{
+long Futex(std::atomic<uint32_t> &word, int operation, uint32_t value, const timespec *timeout)
+{
+    static_assert(sizeof(std::atomic<uint32_t>) == sizeof(uint32_t));
+    return ::syscall(SYS_futex, reinterpret_cast<uint32_t *>(&word), operation | FUTEX_PRIVATE_FLAG, value, timeout,
+                     nullptr, 0);
+}
+} // namespace
+
+void WakeFlag::Set()
+{
+    if (m_Word.exchange(kSet, std::memory_order_acq_rel) == kSleeping) (void)Futex(m_Word, FUTEX_WAKE, 1, nullptr);
+}
+
+bool WakeFlag::Wait(unsigned long timeoutMs)
+{
+    using Clock = std::chrono::steady_clock;
+    const bool forever = timeoutMs >= NoTimeout;
+    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(forever ? 0 : timeoutMs);
+    for (;;)
+    {
+        uint32_t word = m_Word.load(std::memory_order_acquire);
+        if (word == kSet) return true;
+        if (word == 0 && !m_Word.compare_exchange_strong(word, kSleeping, std::memory_order_acq_rel))
+            continue; // set meanwhile, or another thread announced its sleep: look again
+        timespec limit{};
+        if (!forever)
+        {
+            const auto left = deadline - Clock::now();
+            if (left <= Clock::duration::zero()) return m_Word.load(std::memory_order_acquire) == kSet;
+            const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(left).count();
+            limit.tv_sec = static_cast<time_t>(ns / 1000000000);
+            limit.tv_nsec = static_cast<long>(ns % 1000000000);
+        }
+        // Sleeps only while the word still says "sleeping": a Set in between returns at once.
+        (void)Futex(m_Word, FUTEX_WAIT, kSleeping, forever ? nullptr : &limit);
+    }
 }
 
 namespace SpinWords
