@@ -441,6 +441,7 @@ bool RemoteApp::Connect(int socket)
     if (socket == kNoSocket) return false;
     m_Lock.ObtainLock();
     m_Reader.Reset();
+    m_Reader.TrustShortReads(true); // the thread polls before every round of reads
     m_Ended = false;
     m_Closing = false;
     m_Address = SocketIo::PeerAddress(socket);

@@ -123,6 +123,15 @@ public:
     // Reads one whole packet, waiting at most timeoutMs in all for the socket to be readable.
     [[nodiscard]] IoStatus ReadPacket(int fd, Packet *&packet, int timeoutMs);
 
+    // For a caller that polls for readiness before every round of reads: after a read that took less
+    // than the room it had, ReadSome says IO_WouldBlock once instead of reading again, sparing the
+    // system call that would only report an empty socket.
+    void TrustShortReads(bool trust)
+    {
+        m_TrustShortReads = trust;
+        m_ShortRead = false;
+    }
+
     // True while bytes of a packet not yet handed out are in hand (a close now cuts a packet short).
     bool InPacket() const { return m_End > m_Begin || m_Big; }
     // True when the next ReadSome has something to report without reading the socket: a whole packet
@@ -145,6 +154,8 @@ private:
     uint32_t m_BigSize = 0;
     uint32_t m_Refused = 0;
     bool m_Failed = false;
+    bool m_TrustShortReads = false;
+    bool m_ShortRead = false; // the last read was short: the next ReadSome does not read
 };
 
 // ---- waking and waiting -------------------------------------------------------------------------

@@ -358,6 +358,7 @@ void PacketReader::Reset()
     m_BigSize = 0;
     m_Refused = 0;
     m_Failed = false;
+    m_ShortRead = false;
 }
 
 // One recv into `data`; the count read, or a status with nothing read.
@@ -472,10 +473,20 @@ IoStatus PacketReader::ReadSome(int fd, Packet *&packet)
             m_Begin = 0;
             m_End = staged;
         }
+        if (m_ShortRead)
+        {
+            // The last read took less than it asked for: the socket had no more then, and another
+            // recv would only say so. The caller polls before reading again.
+            m_ShortRead = false;
+            errno = EAGAIN;
+            return IO_WouldBlock;
+        }
         size_t got = 0;
-        IoStatus status = ReceiveInto(fd, m_Stage + m_End, kStageSize - m_End, got);
+        const size_t room = kStageSize - m_End;
+        IoStatus status = ReceiveInto(fd, m_Stage + m_End, room, got);
         if (status != IO_Ok) return status;
         m_End += static_cast<uint32_t>(got);
+        m_ShortRead = m_TrustShortReads && got < room;
     }
 }
 
