@@ -1,6 +1,7 @@
 // The private pool of TableEntry slots: 1 MiB chunks aligned to their size, so a slot finds its
 // chunk by masking its address. Each chunk keeps its own free list and use count; chunks with free
-// slots sit on an "available" list. One mutex guards it all; the pool is created once.
+// slots sit on an "available" list. One mutex guards it all; the pool is created once. Every thread
+// keeps a small cache of free slots, filled and emptied in batches.
 #include "values/model/TableEntry.h"
 
 #include <cstdint>
@@ -44,10 +45,15 @@ class EntryPool
 public:
     void *Allocate();
     void Free(void *ptr);
+    // A list of up to `wanted` slots linked through FreeSlot, `got` of them; and back.
+    FreeSlot *AllocateList(unsigned wanted, unsigned &got);
+    void FreeList(FreeSlot *slot);
     void Compact();
 
 private:
     Chunk *NewChunk();
+    void *AllocateLocked();
+    void FreeLocked(void *ptr);
     void LinkAvail(Chunk *chunk);
     void UnlinkAvail(Chunk *chunk);
 
@@ -106,6 +112,11 @@ void EntryPool::UnlinkAvail(Chunk *chunk)
 void *EntryPool::Allocate()
 {
     std::lock_guard<std::mutex> guard(m_Lock);
+    return AllocateLocked();
+}
+
+void *EntryPool::AllocateLocked()
+{
     Chunk *chunk = m_Avail ? m_Avail : NewChunk();
     if (!chunk) return nullptr;
     void *slot;
@@ -127,9 +138,42 @@ void *EntryPool::Allocate()
     return slot;
 }
 
+FreeSlot *EntryPool::AllocateList(unsigned wanted, unsigned &got)
+{
+    FreeSlot *head = nullptr;
+    got = 0;
+    std::lock_guard<std::mutex> guard(m_Lock);
+    while (got < wanted)
+    {
+        void *slot = AllocateLocked();
+        if (!slot) break;
+        auto *free = static_cast<FreeSlot *>(slot);
+        free->next = head;
+        head = free;
+        ++got;
+    }
+    return head;
+}
+
+void EntryPool::FreeList(FreeSlot *slot)
+{
+    std::lock_guard<std::mutex> guard(m_Lock);
+    while (slot)
+    {
+        FreeSlot *next = slot->next;
+        FreeLocked(slot);
+        slot = next;
+    }
+}
+
 void EntryPool::Free(void *ptr)
 {
     std::lock_guard<std::mutex> guard(m_Lock);
+    FreeLocked(ptr);
+}
+
+void EntryPool::FreeLocked(void *ptr)
+{
     Chunk *chunk = ChunkOf(ptr);
     FreeSlot *slot = static_cast<FreeSlot *>(ptr);
     slot->next = chunk->freeList;
@@ -161,21 +205,84 @@ void EntryPool::Compact()
 
 } // namespace
 
+namespace
+{
+// Each thread keeps a few free slots of its own, so that building and freeing a table takes the
+// pool's mutex once per batch instead of once per entry. A thread that ends gives its slots back.
+constexpr unsigned kCacheBatch = 64;
+constexpr unsigned kCacheMax = 4 * kCacheBatch;
+
+struct SlotCache
+{
+    FreeSlot *head = nullptr;
+    unsigned count = 0;
+    ~SlotCache();
+};
+
+thread_local bool t_CacheGone = false; // trivially destructible: readable while the cache dies
+thread_local SlotCache t_Cache;
+
+SlotCache::~SlotCache()
+{
+    t_CacheGone = true;
+    if (s_Pool) s_Pool->FreeList(head);
+    head = nullptr;
+    count = 0;
+}
+} // namespace
+
 void *TableEntry::operator new(size_t size) noexcept
 {
     if (size > kSlotSize) return nullptr;
     EntryPool *pool = Pool();
-    return pool ? pool->Allocate() : nullptr;
+    if (!pool) return nullptr;
+    if (t_CacheGone) return pool->Allocate();
+    SlotCache &cache = t_Cache;
+    if (!cache.head)
+    {
+        cache.head = pool->AllocateList(kCacheBatch, cache.count);
+        if (!cache.head) return nullptr;
+    }
+    FreeSlot *slot = cache.head;
+    cache.head = slot->next;
+    --cache.count;
+    return slot;
 }
 
 void TableEntry::operator delete(void *ptr) noexcept
 {
-    if (ptr && s_Pool) s_Pool->Free(ptr);
+    if (!ptr || !s_Pool) return;
+    if (t_CacheGone)
+    {
+        s_Pool->Free(ptr);
+        return;
+    }
+    SlotCache &cache = t_Cache;
+    auto *slot = static_cast<FreeSlot *>(ptr);
+    slot->next = cache.head;
+    cache.head = slot;
+    if (++cache.count < kCacheMax) return;
+    // Too many: the older half goes back to the pool in one go.
+    FreeSlot *keep = cache.head;
+    for (unsigned i = 1; i < kCacheMax / 2; ++i)
+        keep = keep->next;
+    FreeSlot *rest = keep->next;
+    keep->next = nullptr;
+    cache.count = kCacheMax / 2;
+    s_Pool->FreeList(rest);
 }
 
 void TableEntry::HeapCompact()
 {
-    if (s_Pool) s_Pool->Compact();
+    if (!s_Pool) return;
+    if (!t_CacheGone)
+    {
+        // This thread's cached slots go back first, so that the chunks they sit in can go too.
+        s_Pool->FreeList(t_Cache.head);
+        t_Cache.head = nullptr;
+        t_Cache.count = 0;
+    }
+    s_Pool->Compact();
 }
 
 } // namespace orvexScript
