@@ -186,6 +186,29 @@ TEST(Event, EachSignalWakesOneWaiter)
     }
 }
 
+// A wake flag stays set until reset, times out unset, and wakes a thread that sleeps on it, with and
+// without a time-out.
+TEST(WakeFlag, WakesItsWaiterAndStaysSetUntilReset)
+{
+    WakeFlag flag;
+    EXPECT_FALSE(flag.Wait(0));
+    EXPECT_FALSE(flag.Wait(30));
+    flag.Set();
+    EXPECT_TRUE(flag.Wait(0) && flag.Wait(WakeFlag::NoTimeout) && flag.IsSet());
+    flag.Reset();
+    EXPECT_FALSE(flag.IsSet());
+    for (unsigned long limit : {5000ul, WakeFlag::NoTimeout})
+    {
+        flag.Reset();
+        std::atomic<bool> woken{false};
+        std::thread waiter([&] { woken = flag.Wait(limit); });
+        std::this_thread::sleep_for(std::chrono::milliseconds(50)); // asleep on the word by now
+        flag.Set();
+        waiter.join();
+        EXPECT_TRUE(woken.load()) << limit;
+    }
+}
+
 using CountedNode = orvexTest::DestroyCounted<QueueNode, std::atomic<int>>;
 
 TEST(EventQueue, GetsInPutOrderAndADrainedSignalGivesAnEmptyWake)
