@@ -445,6 +445,7 @@ bool RemoteApp::Connect(int socket)
     m_Ended = false;
     m_Closing = false;
     m_Address = SocketIo::PeerAddress(socket);
+    (void)SocketIo::SetNoDelay(socket); // a socket a host accepted itself may lack it; not TCP: no matter
     m_QuitEvent.Drain();
     m_Socket.store(socket);
     m_Lock.ReleaseLock();

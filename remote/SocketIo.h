@@ -52,6 +52,10 @@ const char *IoStatusName(IoStatus status);
 // blocking, TCP_NODELAY). IO_TimedOut if none came.
 [[nodiscard]] IoStatus Accept(int listenFd, int timeoutMs, int &fd);
 
+// Sets TCP_NODELAY, so that small packets never wait for a delayed acknowledgement. False if the
+// socket refused (not TCP, say).
+bool SetNoDelay(int fd);
+
 // The IPv4 address of the socket's peer in network order, or 0.
 uint32_t PeerAddress(int fd);
 

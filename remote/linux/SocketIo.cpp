@@ -151,7 +151,7 @@ bool ShutdownSend(int fd)
 }
 
 // Small packets must not wait for a delayed acknowledgement: both ends set TCP_NODELAY.
-static bool SetNoDelay(int fd)
+bool SetNoDelay(int fd)
 {
     int on = 1;
     return Sys().setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on)) == 0;
