@@ -291,6 +291,11 @@ RemoteApp::~RemoteApp()
         FreePkt(node->packet);
         delete node;
     }
+    while (PacketNode *node = PopFront(m_Handoff, m_HandoffTail))
+    {
+        FreePkt(node->packet);
+        delete node;
+    }
     ReleaseWrite();
     m_Lock.ReleaseLock();
     int fd = m_Socket.exchange(kNoSocket);
@@ -444,6 +449,7 @@ bool RemoteApp::Connect(int socket)
     m_Reader.TrustShortReads(true); // the thread polls before every round of reads
     m_Ended = false;
     m_Closing = false;
+    m_LeaderMode = OpenEventSets(socket);
     m_Address = SocketIo::PeerAddress(socket);
     (void)SocketIo::SetNoDelay(socket); // a socket a host accepted itself may lack it; not TCP: no matter
     m_QuitEvent.Drain();
@@ -472,6 +478,31 @@ bool RemoteApp::Connect(int socket)
         return false;
     }
     return true;
+}
+
+// The blocked caller's set must hold the socket before the thread's set does: of the sets that hold
+// a socket exclusively, the first added that has a waiter is the one woken.
+bool RemoteApp::OpenEventSets(int socket)
+{
+    m_ThreadSet.Close();
+    m_LeaderSet.Close();
+    if (!m_LeaderEvent.IsOpen() && !m_LeaderEvent.Open()) return false;
+    m_LeaderEvent.Drain();
+    const bool ready = m_LeaderSet.Open() && m_LeaderSet.Add(socket, 0, true) &&
+                       m_LeaderSet.Add(m_LeaderEvent.Fd(), 1, false) && m_ThreadSet.Open() &&
+                       m_ThreadSet.Add(m_QuitEvent.Fd(), 0, false) && m_ThreadSet.Add(m_WriteEvent.Fd(), 1, false) &&
+                       m_ThreadSet.Add(socket, 2, true);
+    if (!ready)
+    {
+        m_ThreadSet.Close();
+        m_LeaderSet.Close();
+    }
+    return ready;
+}
+
+bool RemoteApp::OnConnectionThread() const
+{
+    return m_ThreadId.load() == std::this_thread::get_id();
 }
 
 bool RemoteApp::Connect()
@@ -561,6 +592,7 @@ void RemoteApp::JoinThread()
 int RemoteApp::AppThreadFunc()
 {
     Platform::SetCurrentThreadName("RemoteApp Thread");
+    m_ThreadId.store(std::this_thread::get_id());
     ThreadLoop();
     FinishConnection();
     Recycle(); // may destroy the record
@@ -569,7 +601,8 @@ int RemoteApp::AppThreadFunc()
 
 bool RemoteApp::Drained() const
 {
-    return m_RequestsOpen == 0 && m_RepliesOwed == 0 && !m_SendQueue && !m_WriteState.Busy() && !m_Replies;
+    return m_RequestsOpen == 0 && m_RepliesOwed == 0 && !m_SendQueue && !m_WriteState.Busy() && !m_Replies &&
+           !m_Handoff;
 }
 
 bool RemoteApp::WriteOpen()
@@ -599,8 +632,17 @@ void RemoteApp::ThreadLoop()
         const bool wantWritable = WriteOpen();
         m_Lock.ReleaseLock();
         SocketIo::ConnectionEvents events;
-        SocketIo::IoStatus status =
-            SocketIo::WaitConnection(m_QuitEvent.Fd(), m_WriteEvent.Fd(), fd, wantWritable, waitMs, events);
+        SocketIo::IoStatus status;
+        if (m_LeaderMode && !wantWritable)
+        {
+            uint32_t ready = 0;
+            status = m_ThreadSet.Wait(waitMs, ready);
+            events.quit = (ready & 1u) != 0;
+            events.write = (ready & 2u) != 0;
+            events.readable = (ready & 4u) != 0;
+        }
+        else
+            status = SocketIo::WaitConnection(m_QuitEvent.Fd(), m_WriteEvent.Fd(), fd, wantWritable, waitMs, events);
         m_Lock.ObtainLock();
         if (status == SocketIo::IO_Error)
         {
@@ -619,6 +661,7 @@ void RemoteApp::ThreadLoop()
             DoWrite();
         }
         if (events.readable || events.hangup || m_ReadPending) DoRead();
+        if (m_Handoff) RunHandoff();
         if (events.writable) DoWrite();
         if (m_Closing && Drained()) break;
         CheckDeadlines();
@@ -636,7 +679,7 @@ void RemoteApp::CheckDeadlines()
         if (m_RequestsOpen) --m_RequestsOpen;
         waiter->done = true;
         if (waiter->callback) waiter->callback(waiter->user, this, nullptr, waiter->sequence);
-        if (waiter->hasEvent) waiter->Wake(nullptr);
+        if (waiter->hasEvent) WakeWaiter(waiter, nullptr);
         // The record stays, done, so that a late reply is recognised and freed.
     }
 }
@@ -662,11 +705,16 @@ void RemoteApp::FinishConnection()
         {
             waiter->done = true;
             if (waiter->callback) waiter->callback(waiter->user, this, nullptr, waiter->sequence);
-            if (waiter->hasEvent) waiter->Wake(nullptr);
+            if (waiter->hasEvent) WakeWaiter(waiter, nullptr);
         }
         waiter->Release();
     }
     while (PacketNode *node = PopFront(m_SendQueue, m_SendTail))
+    {
+        FreePkt(node->packet);
+        delete node;
+    }
+    while (PacketNode *node = PopFront(m_Handoff, m_HandoffTail))
     {
         FreePkt(node->packet);
         delete node;
@@ -923,15 +971,19 @@ Packet *RemoteApp::WaitPkt(unsigned long sequence, double timeout)
     waiter->deadline = timeout > 0 ? NowMs() + static_cast<uint64_t>(timeout * 1000.0 + 0.5) : 0;
     Append(m_Waiters, m_WaitersTail, waiter);
     Use();
+    const bool lead = m_LeaderMode && !m_Leader;
+    if (lead)
+    {
+        m_Leader = waiter;
+        m_LeaderThread = std::this_thread::get_id();
+    }
     m_Lock.ReleaseLock();
 
     // The deadline is enforced by the connection thread; twice the time-out is a backstop in case
     // that thread is stuck.
-    bool woken;
-    if (timeout > 0)
-        woken = waiter->woken.Wait(static_cast<unsigned long>(timeout * 2000.0 + 0.5));
-    else
-        woken = waiter->woken.Wait(WakeFlag::NoTimeout);
+    const unsigned long backstop =
+        timeout > 0 ? static_cast<unsigned long>(timeout * 2000.0 + 0.5) : WakeFlag::NoTimeout;
+    bool woken = lead ? LeadUntilWoken(waiter, backstop) : waiter->woken.Wait(backstop);
     if (!woken)
     {
         // The backstop: give up; the record stays on the list, done, for the late reply. A wake
@@ -953,6 +1005,73 @@ Packet *RemoteApp::WaitPkt(unsigned long sequence, double timeout)
     waiter->Release();
     Recycle();
     return packet;
+}
+
+void RemoteApp::WakeWaiter(Waiter *waiter, Packet *packet)
+{
+    waiter->Wake(packet);
+    // A leader waits on its set, not on its flag; it needs no signal when it woke itself.
+    if (waiter == m_Leader && m_LeaderThread != std::this_thread::get_id()) (void)m_LeaderEvent.Signal();
+}
+
+// The leader's wait: it reads the socket whenever the socket has something, dispatching all of it as
+// the connection thread would, until its own reply (or the end of its wait) has been handed to it.
+bool RemoteApp::LeadUntilWoken(Waiter *waiter, unsigned long backstopMs)
+{
+    const bool forever = backstopMs >= WakeFlag::NoTimeout;
+    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(forever ? 0 : backstopMs);
+    bool failed = false;
+    bool readOn = false;
+    while (!waiter->woken.IsSet())
+    {
+        int waitMs = kIdleWaitMs;
+        if (!forever)
+        {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+            if (left <= 0) break;
+            waitMs = static_cast<int>(std::min<long long>(left, kIdleWaitMs));
+        }
+        uint32_t ready = 0;
+        SocketIo::IoStatus status = m_LeaderSet.Wait(readOn ? 0 : waitMs, ready);
+        if (status == SocketIo::IO_Error)
+        {
+            failed = true;
+            break;
+        }
+        if (ready & 2u) m_LeaderEvent.Drain();
+        if ((ready & 1u) || readOn)
+        {
+            m_Lock.ObtainLock();
+            if (Connected() && !m_Ended) DoRead();
+            readOn = m_ReadPending && !m_Ended;
+            m_Lock.ReleaseLock();
+        }
+    }
+    m_Lock.ObtainLock();
+    m_Leader = nullptr;
+    m_LeaderThread = std::thread::id();
+    // Whole packets still in hand would wake nobody: the connection thread takes them on.
+    if (m_ReadPending || m_Reader.HasStaged()) (void)m_WriteEvent.Signal();
+    m_Lock.ReleaseLock();
+    if (failed)
+    {
+        const auto left = forever ? 0 : std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        return waiter->woken.Wait(forever ? WakeFlag::NoTimeout : static_cast<unsigned long>(left > 0 ? left : 0));
+    }
+    return waiter->woken.IsSet();
+}
+
+// On the connection thread with the lock held: runs the commands that a leader read, in order.
+void RemoteApp::RunHandoff()
+{
+    while (PacketNode *node = PopFront(m_Handoff, m_HandoffTail))
+    {
+        Packet *packet = node->packet;
+        delete node;
+        m_Lock.ReleaseLock();
+        RunCommand(packet);
+        m_Lock.ObtainLock();
+    }
 }
 
 Packet *RemoteApp::WaitServing(uint32_t sequence, double timeout)
@@ -1072,7 +1191,7 @@ void RemoteApp::MatchReply(Packet *packet)
     bool taken = waiter->callback && waiter->callback(waiter->user, this, packet, sequence);
     if (waiter->hasEvent)
     {
-        waiter->Wake(taken ? nullptr : packet); // the blocked thread owns the packet now
+        WakeWaiter(waiter, taken ? nullptr : packet); // the blocked thread owns the packet now
     }
     else if (!taken)
         FreePkt(packet); // an async reply that its callback did not keep
@@ -1150,11 +1269,21 @@ void RemoteApp::DispatchPacket(Packet *packet)
                 return;
             Recycle();
         }
-        // No window: the command runs here, with the connection unlocked so that other threads go on
-        // sending while it runs.
-        m_Lock.ReleaseLock();
-        RunCommand(packet);
-        m_Lock.ObtainLock();
+        // No window: commands run on the connection thread, in order of arrival, with the connection
+        // unlocked so that other threads go on sending meanwhile. One that a leader read waits for it.
+        PacketNode *node = new (std::nothrow) PacketNode;
+        if (!node)
+        {
+            SendError(packet->m_Sequence, SE_Unknown, "Out of memory.");
+            FreePkt(packet);
+            return;
+        }
+        node->packet = packet;
+        Append(m_Handoff, m_HandoffTail, node);
+        if (OnConnectionThread())
+            RunHandoff();
+        else
+            (void)m_WriteEvent.Signal();
         return;
     }
     default:

@@ -191,6 +191,11 @@ private:
     ORVEX_INTERNAL bool WriteOpen();
     ORVEX_INTERNAL void EndConnection(const char *why);
     ORVEX_INTERNAL Packet *WaitServing(uint32_t sequence, double timeout);
+    ORVEX_INTERNAL bool OpenEventSets(int socket);
+    ORVEX_INTERNAL bool LeadUntilWoken(Waiter *waiter, unsigned long backstopMs);
+    ORVEX_INTERNAL void WakeWaiter(Waiter *waiter, Packet *packet);
+    ORVEX_INTERNAL void RunHandoff();
+    ORVEX_INTERNAL bool OnConnectionThread() const;
     ORVEX_INTERNAL Packet *TakeReply(uint32_t sequence, bool countDone);
     ORVEX_INTERNAL void MatchReply(Packet *packet);
     ORVEX_INTERNAL void Unlink(Waiter *waiter);
@@ -239,6 +244,18 @@ private:
     static constexpr size_t kBatchBytes = 64 * 1024;
     bool m_Corked = false;
     std::thread m_Thread; // the connection thread
+    std::atomic<std::thread::id> m_ThreadId{}; // its id, once it runs
+    // A caller blocked for its reply reads the socket itself while it waits (the leader), so that the
+    // reply needs no hand-over from the connection thread: its set holds the socket exclusively and was
+    // added first, so while it waits the connection thread is not woken by the socket.
+    SocketIo::EventSet m_ThreadSet; // quit (bit 0), write (bit 1), socket (bit 2)
+    SocketIo::EventSet m_LeaderSet; // socket (bit 0), the leader's wake event (bit 1)
+    SocketIo::EventFd m_LeaderEvent;
+    bool m_LeaderMode = false; // the sets are ready
+    Waiter *m_Leader = nullptr;
+    std::thread::id m_LeaderThread;
+    PacketNode *m_Handoff = nullptr; // commands read by a leader, for the connection thread to run
+    PacketNode *m_HandoffTail = nullptr;
     Event m_ThreadGate;   // opened once m_Thread is stored (and the constructor is done)
     bool m_Constructing = false;
     bool m_ReadPending = false; // more packets may be in hand: read on without waiting

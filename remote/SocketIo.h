@@ -186,6 +186,31 @@ private:
     int m_Fd = kNoFd;
 };
 
+// An epoll set over a few descriptors, each reported by the bit it was added with (0 to 31), when
+// readable, hung up or in error. A descriptor added exclusively wakes one set only: of the sets that
+// hold it exclusively, the first to have been added to it that has a thread waiting. So a thread can
+// take over the reading of a socket from another that waits on it too, without telling it: its set
+// was added first, and while it waits the other is not woken.
+class EventSet
+{
+public:
+    EventSet() = default;
+    EventSet(const EventSet &) = delete;
+    EventSet &operator=(const EventSet &) = delete;
+    ~EventSet() { Close(); }
+
+    [[nodiscard]] bool Open();
+    void Close();
+    bool IsOpen() const { return m_Fd != kNoFd; }
+    [[nodiscard]] bool Add(int fd, unsigned bit, bool exclusive);
+    // Waits at most timeoutMs (negative: no limit). IO_Ok with the bits of what is ready, IO_TimedOut,
+    // or IO_Error.
+    [[nodiscard]] IoStatus Wait(int timeoutMs, uint32_t &ready);
+
+private:
+    int m_Fd = kNoFd;
+};
+
 // What woke a connection thread.
 struct ConnectionEvents
 {

@@ -42,6 +42,9 @@ static SocketSys RealSys()
     sys.eventfd = ::eventfd;
     sys.read = ::read;
     sys.write = ::write;
+    sys.epoll_create1 = ::epoll_create1;
+    sys.epoll_ctl = ::epoll_ctl;
+    sys.epoll_wait = ::epoll_wait;
     return sys;
 }
 
@@ -536,6 +539,51 @@ bool EventFd::Drain()
         if (Sys().read(m_Fd, &count, sizeof(count)) == static_cast<ssize_t>(sizeof(count))) return count != 0;
         if (errno != EINTR) return false; // EAGAIN: not signalled
     }
+}
+
+bool EventSet::Open()
+{
+    Close();
+    m_Fd = Sys().epoll_create1(EPOLL_CLOEXEC);
+    if (m_Fd < 0) m_Fd = kNoFd;
+    return m_Fd != kNoFd;
+}
+
+void EventSet::Close()
+{
+    CloseFd(m_Fd);
+}
+
+bool EventSet::Add(int fd, unsigned bit, bool exclusive)
+{
+    if (m_Fd == kNoFd || fd < 0 || bit > 31) return false;
+    epoll_event event{};
+    event.events = EPOLLIN | (exclusive ? EPOLLEXCLUSIVE : 0u);
+    event.data.u32 = 1u << bit;
+    return Sys().epoll_ctl(m_Fd, EPOLL_CTL_ADD, fd, &event) == 0;
+}
+
+IoStatus EventSet::Wait(int timeoutMs, uint32_t &ready)
+{
+    ready = 0;
+    epoll_event events[8];
+    const bool forever = timeoutMs < 0;
+    Clock::time_point deadline = DeadlineAfter(timeoutMs);
+    int n;
+    for (;;)
+    {
+        n = Sys().epoll_wait(m_Fd, events, 8, forever ? -1 : MsLeft(deadline));
+        if (n >= 0) break;
+        if (errno != EINTR) return IO_Error;
+    }
+    if (n == 0)
+    {
+        errno = ETIMEDOUT;
+        return IO_TimedOut;
+    }
+    for (int i = 0; i < n; ++i)
+        ready |= events[i].data.u32;
+    return IO_Ok;
 }
 
 IoStatus WaitConnection(int quitFd, int writeFd, int socketFd, bool wantWritable, int timeoutMs,

@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/types.h>
 
@@ -30,6 +31,9 @@ struct SocketSys
     int (*eventfd)(unsigned int initial, int flags);
     ssize_t (*read)(int fd, void *data, size_t size);
     ssize_t (*write)(int fd, const void *data, size_t size);
+    int (*epoll_create1)(int flags);
+    int (*epoll_ctl)(int epfd, int op, int fd, epoll_event *event);
+    int (*epoll_wait)(int epfd, epoll_event *events, int max, int timeoutMs);
 };
 
 // The table in use; its entries may be replaced.
