@@ -221,35 +221,46 @@ private:
     uint16_t m_Port = 0;
 };
 
-// The host process of the whole program and a connection to it, made at first use.
+// The host process of the whole program, forked at first use.
+HostPeer *TheHost()
+{
+    static HostPeer *host = [] {
+        auto *peer = new HostPeer;
+        return peer->Start() ? peer : nullptr;
+    }();
+    return host;
+}
+
+// A connection of its own for one benchmark run, as the raw runs have: TCP keeps state per connection
+// (acknowledgement modes), which one benchmark should not leave to the next.
 struct HostLink
 {
-    HostPeer peer;
     RemoteApp *app = nullptr;
     ScriptVal root;
 
-    static HostLink &Get()
-    {
-        static HostLink link;
-        return link;
-    }
-
-private:
     HostLink()
     {
-        if (!peer.Start()) return;
-        g_ScriptServerPort = peer.Port();
+        HostPeer *host = TheHost();
+        if (!host) return;
+        g_ScriptServerPort = host->Port();
         app = new RemoteApp;
         app->Use();
         app->SetHost("127.0.0.1");
         app->SetTimeOut(RemoteBench::kPeerWaitMs / 1000.0);
         if (app->Connect()) root = app->FindRemoteObject(1);
     }
+    ~HostLink()
+    {
+        root = ScriptVal();
+        if (!app) return;
+        app->_Disconnect();
+        app->Recycle();
+    }
 };
 
 void BM_RemoteCall(benchmark::State &state)
 {
-    HostLink &link = HostLink::Get();
+    HostLink link;
     if (!link.root.IsRemoteObject())
     {
         state.SkipWithError("no host");
@@ -293,7 +304,7 @@ struct AsyncWindow
 
 void BM_RemotePipelined(benchmark::State &state)
 {
-    HostLink &link = HostLink::Get();
+    HostLink link;
     RemoteObject *root = link.root.ToRemoteObject();
     if (!root)
     {

@@ -211,6 +211,11 @@ public:
     void Cork();
     void Uncork();
 
+    // The window's side of a watched socket: reads what arrived (on the window's thread), and gives
+    // back the window's use once the connection has ended.
+    static void ReadOnWindow(void *app);
+    static void ReleaseWatch(void *app);
+
     // For the dispatcher: runs a peer's command on the calling thread (unlocked) and replies. Owns the
     // packet. Hosts never call this; it is how the window's command message is served.
     void RunCommand(Packet *packet);
@@ -252,6 +257,7 @@ private:
     SocketIo::EventSet m_LeaderSet; // socket (bit 0), the leader's wake event (bit 1)
     SocketIo::EventFd m_LeaderEvent;
     bool m_LeaderMode = false; // the sets are ready
+    bool m_Watched = false;    // the script window reads the socket while it waits
     Waiter *m_Leader = nullptr;
     std::thread::id m_LeaderThread;
     PacketNode *m_Handoff = nullptr; // commands read by a leader, for the connection thread to run

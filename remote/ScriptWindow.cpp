@@ -6,6 +6,7 @@
 
 #include "remote/RemoteApp.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <new>
@@ -90,6 +91,27 @@ void ScriptWindow::SetHandler(uint32_t message, Handler handler)
     m_Handlers[message - SWM_Command] = handler;
 }
 
+bool ScriptWindow::WatchSocket(int fd, void *cookie)
+{
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    if (m_Closing || !cookie) return false;
+    if (!m_Sockets.IsOpen())
+    {
+        if (!m_SetWake.Open() || !m_Sockets.Open() || !m_Sockets.AddPointer(m_SetWake.Fd(), &m_SetWake, false))
+        {
+            m_Sockets.Close();
+            return false;
+        }
+    }
+    return m_Sockets.AddPointer(fd, cookie, true);
+}
+
+void ScriptWindow::SetSocketReady(void (*ready)(void *cookie))
+{
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    m_SocketReady = ready;
+}
+
 void ScriptWindow::SetIdle(void (*idle)())
 {
     std::lock_guard<std::mutex> lock(m_Mutex);
@@ -150,6 +172,7 @@ bool ScriptWindow::Post(uint32_t message, uintptr_t param1, uintptr_t param2)
     node->param1 = param1;
     node->param2 = param2;
     bool notify;
+    bool inSet;
     {
         std::lock_guard<std::mutex> lock(m_Mutex);
         if (!Enqueue(node))
@@ -159,9 +182,16 @@ bool ScriptWindow::Post(uint32_t message, uintptr_t param1, uintptr_t param2)
         }
         notify = m_NotifyPending;
         m_NotifyPending = false;
+        inSet = m_OwnerInSet.load();
     }
     // Outside the mutex, so that the woken owner does not at once block on it.
-    if (notify) m_Wake.Set();
+    if (notify)
+    {
+        if (inSet)
+            (void)m_SetWake.Signal();
+        else
+            m_Wake.Set();
+    }
     return true;
 }
 
@@ -199,7 +229,10 @@ ScriptWindow::SendResult ScriptWindow::SendEntered(std::unique_lock<std::mutex> 
     if (m_NotifyPending)
     {
         m_NotifyPending = false;
-        m_Wake.Set();
+        if (m_OwnerInSet.load())
+            (void)m_SetWake.Signal();
+        else
+            m_Wake.Set();
     }
 
     auto finished = [&wait] { return wait.state == SendWait::Ran || wait.state == SendWait::Failed; };
@@ -263,6 +296,29 @@ ScriptWindow::PumpResult ScriptWindow::Pump(unsigned maxMessages, unsigned long 
     return result;
 }
 
+// With m_Mutex held through `lock`: waits for a post or a watched socket, at most `left` ms, and lets
+// the connections of ready sockets read (they post what they read). False on a time-out or a failure.
+bool ScriptWindow::WaitOnSockets(std::unique_lock<std::mutex> &lock, unsigned long left)
+{
+    m_OwnerInSet.store(true);
+    void (*ready)(void *) = m_SocketReady;
+    lock.unlock();
+    void *cookies[16];
+    int count = 0;
+    const int timeoutMs = left >= WakeFlag::NoTimeout ? -1 : static_cast<int>(std::min<unsigned long>(left, 0x7FFFFFFF));
+    SocketIo::IoStatus status = m_Sockets.WaitPointers(timeoutMs, cookies, 16, count);
+    m_OwnerInSet.store(false);
+    for (int i = 0; i < count; ++i)
+    {
+        if (cookies[i] == &m_SetWake)
+            m_SetWake.Drain();
+        else if (ready)
+            ready(cookies[i]);
+    }
+    lock.lock();
+    return status == SocketIo::IO_Ok;
+}
+
 ScriptWindow::PumpResult ScriptWindow::PumpMessages(unsigned maxMessages, unsigned long timeoutMs, int &exitCode)
 {
     if (!IsOwnerThread()) return Pump_WrongThread;
@@ -277,15 +333,21 @@ ScriptWindow::PumpResult ScriptWindow::PumpMessages(unsigned maxMessages, unsign
         const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(forever ? 0 : timeoutMs);
         while (!m_Head)
         {
-            m_Wake.Reset();
-            lock.unlock();
             unsigned long left = WakeFlag::NoTimeout;
             if (!forever)
             {
                 const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
                 left = ms > 0 ? static_cast<unsigned long>(ms) : 0;
+                if (left == 0) break;
             }
-            const bool woken = left > 0 && m_Wake.Wait(left);
+            if (m_Sockets.IsOpen())
+            {
+                if (!WaitOnSockets(lock, left)) break;
+                continue;
+            }
+            m_Wake.Reset();
+            lock.unlock();
+            const bool woken = m_Wake.Wait(left);
             lock.lock();
             if (!woken) break;
         }

@@ -3,6 +3,7 @@
 // adds Fd() to its own event loop. No protocol logic here: connection messages go to handlers.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -84,6 +85,14 @@ public:
     // Called on the owner thread whenever Pump returns, for work held back while messages waited.
     void SetIdle(void (*idle)());
 
+    // Sockets whose input the owner takes itself while it waits in Pump: a connection served on this
+    // thread then reads its commands here, without a hand-over from its own thread. `ready(cookie)`
+    // runs on the owner when the socket has input. The window holds the socket exclusively and
+    // first, ahead of the connection's own waiters, which are woken only while the owner is busy.
+    // From any thread; false if the socket could not be added (the connection reads it as before).
+    bool WatchSocket(int fd, void *cookie);
+    void SetSocketReady(void (*ready)(void *cookie));
+
 private:
     struct Node;
     struct SendWait;
@@ -93,6 +102,7 @@ private:
     Node *TakeFirst();        // with m_Mutex held
     void Unlink(Node *node);  // with m_Mutex held
     PumpResult PumpMessages(unsigned maxMessages, unsigned long timeoutMs, int &exitCode);
+    bool WaitOnSockets(std::unique_lock<std::mutex> &lock, unsigned long left);
     void Dispatch(uint32_t message, uintptr_t param1, uintptr_t param2, int &exitCode, bool &quit);
     SendResult SendEntered(std::unique_lock<std::mutex> &lock, uint32_t message, uintptr_t param1,
                            uintptr_t param2, unsigned long timeoutMs);
@@ -102,6 +112,11 @@ private:
     mutable bool m_FdWanted = false; // Fd() was asked for: m_Ready follows the queue
     mutable std::mutex m_Mutex;
     WakeFlag m_Wake; // set when the queue stops being empty: the owner waits for it
+    // With watched sockets the owner waits on this set instead, woken for posts by m_SetWake.
+    SocketIo::EventSet m_Sockets;
+    SocketIo::EventFd m_SetWake;
+    std::atomic<bool> m_OwnerInSet{false};
+    void (*m_SocketReady)(void *cookie) = nullptr;
     std::condition_variable m_Ran;     // senders wait for their message; the destructor for senders
     Node *m_Head = nullptr;
     Node *m_Tail = nullptr;

@@ -206,6 +206,9 @@ public:
     // Waits at most timeoutMs (negative: no limit). IO_Ok with the bits of what is ready, IO_TimedOut,
     // or IO_Error.
     [[nodiscard]] IoStatus Wait(int timeoutMs, uint32_t &ready);
+    // The same with a pointer for each descriptor instead of a bit; up to `max` of them are given.
+    [[nodiscard]] bool AddPointer(int fd, void *cookie, bool exclusive);
+    [[nodiscard]] IoStatus WaitPointers(int timeoutMs, void **ready, int max, int &count);
 
 private:
     int m_Fd = kNoFd;

@@ -563,6 +563,40 @@ bool EventSet::Add(int fd, unsigned bit, bool exclusive)
     return Sys().epoll_ctl(m_Fd, EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
+bool EventSet::AddPointer(int fd, void *cookie, bool exclusive)
+{
+    if (m_Fd == kNoFd || fd < 0) return false;
+    epoll_event event{};
+    event.events = EPOLLIN | (exclusive ? EPOLLEXCLUSIVE : 0u);
+    event.data.ptr = cookie;
+    return Sys().epoll_ctl(m_Fd, EPOLL_CTL_ADD, fd, &event) == 0;
+}
+
+IoStatus EventSet::WaitPointers(int timeoutMs, void **ready, int max, int &count)
+{
+    count = 0;
+    epoll_event events[16];
+    if (max > 16) max = 16;
+    if (max <= 0) return IO_Error;
+    const bool forever = timeoutMs < 0;
+    Clock::time_point deadline = DeadlineAfter(timeoutMs);
+    int n;
+    for (;;)
+    {
+        n = Sys().epoll_wait(m_Fd, events, max, forever ? -1 : MsLeft(deadline));
+        if (n >= 0) break;
+        if (errno != EINTR) return IO_Error;
+    }
+    if (n == 0)
+    {
+        errno = ETIMEDOUT;
+        return IO_TimedOut;
+    }
+    for (int i = 0; i < n; ++i)
+        ready[count++] = events[i].data.ptr;
+    return IO_Ok;
+}
+
 IoStatus EventSet::Wait(int timeoutMs, uint32_t &ready)
 {
     ready = 0;
