@@ -449,6 +449,15 @@ bool RemoteApp::Connect(int socket)
     m_Reader.TrustShortReads(true); // the thread polls before every round of reads
     m_Ended = false;
     m_Closing = false;
+    // In a process with a script window the window's thread reads the socket itself while it waits
+    // for work, so that commands reach it without a hand-over; it holds a use until the end.
+    m_Watched = false;
+    if (ScriptWindow *window = GetScriptWnd())
+    {
+        Use();
+        m_Watched = window->WatchSocket(socket, this);
+        if (!m_Watched) Recycle();
+    }
     m_LeaderMode = OpenEventSets(socket);
     m_Address = SocketIo::PeerAddress(socket);
     (void)SocketIo::SetNoDelay(socket); // a socket a host accepted itself may lack it; not TCP: no matter
@@ -696,6 +705,19 @@ void RemoteApp::FinishConnection()
 {
     int fd = m_Socket.exchange(kNoSocket);
     SocketIo::CloseFd(fd);
+    // The window saw the socket go with the close; its use is given back on its own thread, after any
+    // read it had begun.
+    m_Lock.ObtainLock();
+    const bool watched = m_Watched;
+    m_Watched = false;
+    m_Lock.ReleaseLock();
+    if (watched)
+    {
+        ScriptWindow *window = GetScriptWnd();
+        if (!window ||
+            !window->Post(SWM_Call, reinterpret_cast<uintptr_t>(&ReleaseWatch), reinterpret_cast<uintptr_t>(this)))
+            Recycle();
+    }
 
     m_Lock.ObtainLock();
     // Every waiter learns that no reply will come.
@@ -1005,6 +1027,23 @@ Packet *RemoteApp::WaitPkt(unsigned long sequence, double timeout)
     waiter->Release();
     Recycle();
     return packet;
+}
+
+void RemoteApp::ReleaseWatch(void *app)
+{
+    static_cast<RemoteApp *>(app)->Recycle();
+}
+
+void RemoteApp::ReadOnWindow(void *app)
+{
+    auto *self = static_cast<RemoteApp *>(app);
+    self->m_Lock.ObtainLock();
+    if (self->Connected() && !self->m_Ended)
+    {
+        self->DoRead();
+        if (self->m_ReadPending) (void)self->m_WriteEvent.Signal(); // the connection thread reads on
+    }
+    self->m_Lock.ReleaseLock();
 }
 
 void RemoteApp::WakeWaiter(Waiter *waiter, Packet *packet)
@@ -1848,12 +1887,17 @@ bool HookSendReply(ScriptArgs &args)
 // The connection whose replies wait while more commands are queued on the window: a run of commands
 // is answered with one send. Only the window's thread touches it.
 RemoteApp *s_Corked = nullptr;
+unsigned s_CorkedRun = 0; // replies held back in the current run
+// A run leaves after this many replies even while more commands wait, so that a pipelining peer
+// gets answers flowing and keeps sending.
+constexpr unsigned kCorkedRunMax = 16;
 
 void UncorkReplies()
 {
     if (RemoteApp *app = s_Corked)
     {
         s_Corked = nullptr;
+        s_CorkedRun = 0;
         app->Uncork();
         app->Recycle();
     }
@@ -1876,7 +1920,7 @@ void HandleMessage(uint32_t message, uintptr_t param1, uintptr_t param2)
             s_Corked = app;
         }
         app->RunCommand(reinterpret_cast<Packet *>(param2));
-        if (s_Corked && (!window || window->Waiting() == 0)) UncorkReplies();
+        if (s_Corked && (!window || window->Waiting() == 0 || ++s_CorkedRun >= kCorkedRunMax)) UncorkReplies();
         app->Recycle();
         break;
     }
@@ -1900,6 +1944,12 @@ void HandleMessage(uint32_t message, uintptr_t param1, uintptr_t param2)
 void ReleaseMessage(uint32_t message, uintptr_t param1, uintptr_t param2)
 {
     UncorkReplies();
+    if (message == SWM_Call && param1 == reinterpret_cast<uintptr_t>(&RemoteApp::ReleaseWatch))
+    {
+        RemoteApp::ReleaseWatch(reinterpret_cast<void *>(param2));
+        return;
+    }
+    if (message < SWM_Command || message > SWM_ConnectFailed) return;
     auto *app = reinterpret_cast<RemoteApp *>(param1);
     if (!app) return;
     if (message == SWM_Command) FreePkt(reinterpret_cast<Packet *>(param2));
@@ -1913,6 +1963,7 @@ void InstallConnectionHandlers(ScriptWindow &window)
         window.SetHandler(message, HandleMessage);
     window.SetRelease(ReleaseMessage);
     window.SetIdle(UncorkReplies);
+    window.SetSocketReady(RemoteApp::ReadOnWindow);
 }
 
 void InstallRemoteHooks()

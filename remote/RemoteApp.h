@@ -213,8 +213,8 @@ public:
 
     // The window's side of a watched socket: reads what arrived (on the window's thread), and gives
     // back the window's use once the connection has ended.
-    static void ReadOnWindow(void *app);
-    static void ReleaseWatch(void *app);
+    ORVEX_INTERNAL static void ReadOnWindow(void *app);
+    ORVEX_INTERNAL static void ReleaseWatch(void *app);
 
     // For the dispatcher: runs a peer's command on the calling thread (unlocked) and replies. Owns the
     // packet. Hosts never call this; it is how the window's command message is served.
