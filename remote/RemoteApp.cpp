@@ -176,6 +176,15 @@ template <typename Node> void Remove(Node *&head, Node *&tail, Node *node)
 }
 } // namespace
 
+void RemoteApp::FreePackets(PacketNode *&head, PacketNode *&tail)
+{
+    while (PacketNode *node = PopFront(head, tail))
+    {
+        FreePkt(node->packet);
+        delete node;
+    }
+}
+
 void RemoteApp::Unlink(Waiter *waiter)
 {
     Remove(m_Waiters, m_WaitersTail, waiter);
@@ -281,21 +290,9 @@ RemoteApp::~RemoteApp()
     DropAllLocal();
     while (Waiter *waiter = PopFront(m_Waiters, m_WaitersTail))
         waiter->Release();
-    while (PacketNode *node = PopFront(m_Replies, m_RepliesTail))
-    {
-        FreePkt(node->packet);
-        delete node;
-    }
-    while (PacketNode *node = PopFront(m_SendQueue, m_SendTail))
-    {
-        FreePkt(node->packet);
-        delete node;
-    }
-    while (PacketNode *node = PopFront(m_Handoff, m_HandoffTail))
-    {
-        FreePkt(node->packet);
-        delete node;
-    }
+    FreePackets(m_Replies, m_RepliesTail);
+    FreePackets(m_SendQueue, m_SendTail);
+    FreePackets(m_Handoff, m_HandoffTail);
     ReleaseWrite();
     m_Lock.ReleaseLock();
     int fd = m_Socket.exchange(kNoSocket);
@@ -731,16 +728,8 @@ void RemoteApp::FinishConnection()
         }
         waiter->Release();
     }
-    while (PacketNode *node = PopFront(m_SendQueue, m_SendTail))
-    {
-        FreePkt(node->packet);
-        delete node;
-    }
-    while (PacketNode *node = PopFront(m_Handoff, m_HandoffTail))
-    {
-        FreePkt(node->packet);
-        delete node;
-    }
+    FreePackets(m_SendQueue, m_SendTail);
+    FreePackets(m_Handoff, m_HandoffTail);
     ReleaseWrite();
     m_QueuedBytes = 0;
     m_Reader.Reset();

@@ -199,6 +199,7 @@ private:
     ORVEX_INTERNAL Packet *TakeReply(uint32_t sequence, bool countDone);
     ORVEX_INTERNAL void MatchReply(Packet *packet);
     ORVEX_INTERNAL void Unlink(Waiter *waiter);
+    ORVEX_INTERNAL static void FreePackets(PacketNode *&head, PacketNode *&tail);
     ORVEX_INTERNAL void SendError(uint32_t sequence, ScriptError code, const char *message);
     ORVEX_INTERNAL bool DropLocalRecord(RemoteObject *record, bool &freed);
     ORVEX_INTERNAL void DropAllLocal();

@@ -572,52 +572,46 @@ bool EventSet::AddPointer(int fd, void *cookie, bool exclusive)
     return Sys().epoll_ctl(m_Fd, EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
-IoStatus EventSet::WaitPointers(int timeoutMs, void **ready, int max, int &count)
+// One epoll_wait within the time-out (negative: none), waiting on after EINTR for the time left.
+static IoStatus WaitEvents(int epollFd, int timeoutMs, epoll_event *events, int max, int &count)
 {
     count = 0;
-    epoll_event events[16];
-    if (max > 16) max = 16;
-    if (max <= 0) return IO_Error;
     const bool forever = timeoutMs < 0;
     Clock::time_point deadline = DeadlineAfter(timeoutMs);
-    int n;
     for (;;)
     {
-        n = Sys().epoll_wait(m_Fd, events, max, forever ? -1 : MsLeft(deadline));
-        if (n >= 0) break;
-        if (errno != EINTR) return IO_Error;
+        count = Sys().epoll_wait(epollFd, events, max, forever ? -1 : MsLeft(deadline));
+        if (count >= 0) break;
+        if (errno != EINTR)
+        {
+            count = 0;
+            return IO_Error;
+        }
     }
-    if (n == 0)
-    {
-        errno = ETIMEDOUT;
-        return IO_TimedOut;
-    }
-    for (int i = 0; i < n; ++i)
-        ready[count++] = events[i].data.ptr;
-    return IO_Ok;
+    if (count > 0) return IO_Ok;
+    errno = ETIMEDOUT;
+    return IO_TimedOut;
+}
+
+IoStatus EventSet::WaitPointers(int timeoutMs, void **ready, int max, int &count)
+{
+    epoll_event events[16];
+    if (max <= 0) return IO_Error;
+    IoStatus status = WaitEvents(m_Fd, timeoutMs, events, max > 16 ? 16 : max, count);
+    for (int i = 0; i < count; ++i)
+        ready[i] = events[i].data.ptr;
+    return status;
 }
 
 IoStatus EventSet::Wait(int timeoutMs, uint32_t &ready)
 {
     ready = 0;
     epoll_event events[8];
-    const bool forever = timeoutMs < 0;
-    Clock::time_point deadline = DeadlineAfter(timeoutMs);
-    int n;
-    for (;;)
-    {
-        n = Sys().epoll_wait(m_Fd, events, 8, forever ? -1 : MsLeft(deadline));
-        if (n >= 0) break;
-        if (errno != EINTR) return IO_Error;
-    }
-    if (n == 0)
-    {
-        errno = ETIMEDOUT;
-        return IO_TimedOut;
-    }
-    for (int i = 0; i < n; ++i)
+    int count = 0;
+    IoStatus status = WaitEvents(m_Fd, timeoutMs, events, 8, count);
+    for (int i = 0; i < count; ++i)
         ready |= events[i].data.u32;
-    return IO_Ok;
+    return status;
 }
 
 IoStatus WaitConnection(int quitFd, int writeFd, int socketFd, bool wantWritable, int timeoutMs,
