@@ -24,7 +24,10 @@ ScriptObject *TestRoot(void *user, void *)
     return static_cast<testhost::Root *>(user);
 }
 
-// Scripting once per process, with a test host root; the calling thread is the main thread.
+std::atomic<int> s_Connects{0}, s_Disconnects{0}, s_ConnectFailures{0};
+
+// Scripting once per process, with a test host root and counted notifications; the calling thread is
+// the main thread.
 void EnsureScripting()
 {
     static testhost::Root *root = new testhost::Root;
@@ -33,6 +36,9 @@ void EnsureScripting()
         c.name = "RemoteAppTest";
         c.user = root;
         c.root = TestRoot;
+        c.onConnect = [](void *, RemoteApp *, void *, void *) { ++s_Connects; };
+        c.onDisconnect = [](void *, RemoteApp *, void *, void *) { ++s_Disconnects; };
+        c.onConnectFailed = [](void *, RemoteApp *, void *, void *) { ++s_ConnectFailures; };
         return c;
     }();
     InitScripting(config);
@@ -282,6 +288,28 @@ TEST(RemoteApp, WithAScriptWindowCommandsRunOnItsThread)
         closer.join();
     }
     int exitCode = 0;
+    // The host heard of the connection coming and going, on its own thread.
+    EXPECT_TRUE(orvexTest::WaitUntil([&] {
+        (void)GetScriptWnd()->Pump(0, 5, exitCode);
+        return s_Disconnects.load() >= 1;
+    }));
+    EXPECT_GE(s_Connects.load(), 1);
+
+    // A connect that fails on its own thread is reported there too.
+    uint16_t closedPort = 0;
+    int listener = SocketIo::kNoFd;
+    ASSERT_TRUE(SocketIo::ListenLoopback(0, listener, closedPort));
+    SocketIo::CloseFd(listener); // nothing listens there now
+    g_ScriptServerPort = closedPort;
+    RemoteApp *failing = new RemoteApp;
+    failing->Use();
+    failing->SetHost("127.0.0.1");
+    failing->AsyncConnect();
+    EXPECT_TRUE(orvexTest::WaitUntil([&] {
+        (void)GetScriptWnd()->Pump(0, 5, exitCode);
+        return s_ConnectFailures.load() == 1;
+    }));
+    failing->Recycle();
     (void)GetScriptWnd()->Pump(0, 0, exitCode);
     DestroyScriptWindow();
 }
