@@ -19,23 +19,10 @@ namespace orvexScript
 namespace
 {
 
-ScriptObject *TestRoot(void *user, void *)
-{
-    return static_cast<testhost::Root *>(user);
-}
-
 // Scripting once per process, with a test host root; the calling thread is the main thread.
 void EnsureScripting()
 {
-    static testhost::Root *root = new testhost::Root;
-    static ScriptConfig config = [] {
-        ScriptConfig c;
-        c.name = "RemoteAppTest";
-        c.user = root;
-        c.root = TestRoot;
-        return c;
-    }();
-    InitScripting(config);
+    (void)testhost::InitTestScripting("RemoteAppTest");
 }
 
 // A listening end that wraps every accepted socket in a connection, and a client connected to it.
