@@ -206,8 +206,13 @@ RemoteApp::RemoteApp(int socket)
 
     if (socket != kNoSocket)
     {
+        // A record that lives by its counts may end and be freed by its own thread as soon as the
+        // peer closes: the thread waits for the connection lock, so it starts only once the
+        // constructor is done with the record.
+        m_Lock.ObtainLock();
         (void)Connect(socket);
         Announce();
+        m_Lock.ReleaseLock();
     }
 }
 
@@ -398,10 +403,11 @@ bool RemoteApp::Connect(int socket)
     m_Address = SocketIo::PeerAddress(socket);
     m_QuitEvent.Drain();
     m_Socket.store(socket);
-    m_Lock.ReleaseLock();
     s_Connections.fetch_add(1);
     s_EverConnected.store(true);
     Use(); // the thread's own
+    // The lock is held until m_Thread is stored: the thread takes it first, so it never sees (or,
+    // ending at once, destroys) the record before the store.
     try
     {
         m_Thread = std::thread([this] { AppThreadFunc(); });
@@ -412,10 +418,13 @@ bool RemoteApp::Connect(int socket)
         int fd = m_Socket.exchange(kNoSocket);
         SocketIo::CloseFd(fd);
         s_Connections.fetch_sub(1);
+        m_Lock.ReleaseLock();
         Recycle();
         return false;
     }
-    return Connected();
+    const bool connected = Connected();
+    m_Lock.ReleaseLock();
+    return connected;
 }
 
 bool RemoteApp::Connect()
