@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,7 +24,8 @@ namespace orvexScript
 namespace
 {
 
-// A listening end that wraps accepted sockets in connections, and a client connected to it.
+// A listening end that wraps accepted sockets in connections, and a client connected to it. The
+// accepted records are held and let go at the end, so that their threads are joined by then.
 class Pair
 {
 public:
@@ -35,7 +37,11 @@ public:
             while (!m_Stop.load())
             {
                 int fd = SocketIo::kNoFd;
-                if (SocketIo::Accept(m_Listen, 20, fd) == SocketIo::IO_Ok) new RemoteApp(fd);
+                if (SocketIo::Accept(m_Listen, 20, fd) != SocketIo::IO_Ok) continue;
+                auto *server = new RemoteApp(fd);
+                server->Use();
+                std::lock_guard<std::mutex> hold(m_Lock);
+                m_Servers.push_back(server);
             }
         });
         client = new RemoteApp;
@@ -53,6 +59,11 @@ public:
         SocketIo::CloseFd(m_Listen);
         client->_Disconnect();
         client->Recycle();
+        for (RemoteApp *server : m_Servers)
+        {
+            server->_Disconnect();
+            server->Recycle();
+        }
         EXPECT_TRUE(orvexTest::WaitUntil([] { return RemoteApp::GetNumConnections() == 0; }));
     }
     uint16_t Port() const { return m_Port; }
@@ -65,6 +76,8 @@ private:
     uint16_t m_Port = 0;
     std::atomic<bool> m_Stop{false};
     std::thread m_Acceptor;
+    std::mutex m_Lock;
+    std::vector<RemoteApp *> m_Servers;
 };
 
 // The server's log switched on for the life of the object; its text at the end.

@@ -5,8 +5,9 @@
 
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <atomic>
+#include <csignal>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -174,6 +175,8 @@ TEST(RemoteAppProcess, ObjectsCrossBothWaysWithAndWithoutTheHostsWindow)
 TEST(RemoteAppProcess, AClientKilledWhileHoldingProxiesLetsGoOfItsObjects)
 {
     Listener listener;
+    testhost::Root *root = testhost::InitTestScripting("RemoteAppProcessTest");
+    (void)ScriptVal(static_cast<ScriptObject *>(root)).CallMember("Drop");
     const int liveBefore = testhost::Item::s_Live.load();
     const int connectionsBefore = RemoteApp::GetNumConnections();
     orvexTest::ChildProcess client(
@@ -184,11 +187,24 @@ TEST(RemoteAppProcess, AClientKilledWhileHoldingProxiesLetsGoOfItsObjects)
     EXPECT_EQ(testhost::Item::s_Live.load(), liveBefore + 3);
     EXPECT_EQ(RemoteApp::GetNumConnections(), connectionsBefore + 1);
 
+    // Our root keeps a proxy of the client's own item.
+    ScriptVal kept;
+    {
+        std::lock_guard<std::mutex> hold(root->m_Lock);
+        ASSERT_EQ(root->m_Kept.size(), 1u);
+        kept = root->m_Kept[0];
+    }
+    EXPECT_EQ(kept.CallMember("Name"), "client's own");
+
     client.Signal(SIGKILL);
     EXPECT_TRUE(orvexTest::WaitUntil([&] { return testhost::Item::s_Live.load() == liveBefore; }));
     EXPECT_TRUE(orvexTest::WaitUntil([&] { return RemoteApp::GetNumConnections() == connectionsBefore; }));
     EXPECT_EQ(client.Wait().signal, SIGKILL);
     EXPECT_EQ(listener.Accepted(), 1);
+    // The proxy of the dead client's object answers nil, and letting it go frees the record.
+    EXPECT_TRUE(kept.CallMember("Name").IsNil());
+    kept = ScriptVal();
+    (void)ScriptVal(static_cast<ScriptObject *>(root)).CallMember("Drop");
 }
 
 } // namespace

@@ -6,7 +6,8 @@
 // until standard input reaches its end (the test that started it went away).
 //   orvexTestHost --connect PORT [--items N]
 // The client mode: connects to 127.0.0.1:PORT, makes N items (3 by default) on the peer's root and
-// keeps their proxies, prints "READY <n>" with the peer's objects it holds, then waits as above.
+// keeps their proxies, has the peer's root keep an item of its own, prints "READY <n>" with the
+// peer's objects it holds, then waits as above.
 #include <atomic>
 #include <csignal>
 #include <cstdio>
@@ -67,6 +68,9 @@ int RunClient(uint16_t port, unsigned items)
         std::snprintf(name, sizeof(name), "client-%u", i);
         kept.push_back(root.CallMember("Make", name));
     }
+    auto *own = new testhost::Item("client's own");
+    (void)root.CallMember("Keep", ScriptVal(static_cast<ScriptObject *>(own)));
+    own->DecRef(); // the peer's hold keeps it
     std::printf("READY %u\n", app->GetRemoteObjectCount());
     std::fflush(stdout);
     WatchStdin();
