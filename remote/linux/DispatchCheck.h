@@ -1,7 +1,7 @@
 // The run that the dispatch fuzz target and its corpus test share: bytes from a peer go through packet
 // reading and dispatch against a test host root, over a socket pair. The peer writes the bytes, ends
 // its sending side and reads replies until the connection closes; then whatever the root keeps is let
-// go and the record must end. Header only: it is no part of the library.
+// go, and the record must end with every item the peer made. Header only: it is no part of the library.
 #pragma once
 
 #include <fcntl.h>
@@ -54,6 +54,7 @@ inline DispatchCheck RunDispatch(const uint8_t *data, size_t size, int limitMs =
     using Clock = std::chrono::steady_clock;
     DispatchCheck result;
     testhost::Root *root = DispatchRoot();
+    const int liveBefore = testhost::Item::s_Live.load();
     int fds[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0)
     {
@@ -111,6 +112,10 @@ inline DispatchCheck RunDispatch(const uint8_t *data, size_t size, int limitMs =
     if (!detail::WaitFor([&] { return app->GetUseCount() == 1; }, deadline) && result.failure.empty())
         result.failure = "the record is still held: " + std::to_string(app->GetUseCount()) + " uses";
     app->Recycle();
+    // Items the peer made and held died with the connection.
+    if (!detail::WaitFor([&] { return testhost::Item::s_Live.load() == liveBefore; }, deadline) &&
+        result.failure.empty())
+        result.failure = "items outlived the connection: " + std::to_string(testhost::Item::s_Live.load() - liveBefore);
     return result;
 }
 
