@@ -207,5 +207,19 @@ TEST(RemoteAppProcess, AClientKilledWhileHoldingProxiesLetsGoOfItsObjects)
     (void)ScriptVal(static_cast<ScriptObject *>(root)).CallMember("Drop");
 }
 
+TEST(RemoteAppProcess, AHostWithAWindowLetsGoOfAKilledClientsObjects)
+{
+    HostProcess host;
+    orvexTest::ChildProcess client({ORVEX_TEST_HOST, "--connect", std::to_string(host.port), "--items", "3"});
+    ASSERT_TRUE(client.WaitForLine("READY ").has_value());
+    Client observer(host.port);
+    EXPECT_EQ(observer.root.CallMember("Live"), 3.0);
+
+    client.Signal(SIGKILL);
+    EXPECT_TRUE(orvexTest::WaitUntil([&] { return observer.root.CallMember("Live") == 0.0; }));
+    (void)observer.root.CallMember("Drop"); // the proxy of the client's own item, on a dead connection
+    EXPECT_EQ(observer.root.CallMember("Add", 1, 1), 2.0);
+}
+
 } // namespace
 } // namespace orvexScript
