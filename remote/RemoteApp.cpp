@@ -480,6 +480,11 @@ bool RemoteApp::Connect(int socket)
         int fd = m_Socket.exchange(kNoSocket);
         SocketIo::CloseFd(fd);
         s_Connections.fetch_sub(1);
+        if (m_Watched)
+        {
+            m_Watched = false;
+            Recycle(); // the window's use: the socket it watched is closed
+        }
         Recycle();
         return false;
     }

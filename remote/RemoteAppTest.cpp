@@ -19,29 +19,10 @@ namespace orvexScript
 namespace
 {
 
-ScriptObject *TestRoot(void *user, void *)
+// Scripting once per process, with a test host root; the calling thread is the main thread.
+testhost::Root *EnsureScripting()
 {
-    return static_cast<testhost::Root *>(user);
-}
-
-std::atomic<int> s_Connects{0}, s_Disconnects{0}, s_ConnectFailures{0};
-
-// Scripting once per process, with a test host root and counted notifications; the calling thread is
-// the main thread.
-void EnsureScripting()
-{
-    static testhost::Root *root = new testhost::Root;
-    static ScriptConfig config = [] {
-        ScriptConfig c;
-        c.name = "RemoteAppTest";
-        c.user = root;
-        c.root = TestRoot;
-        c.onConnect = [](void *, RemoteApp *, void *, void *) { ++s_Connects; };
-        c.onDisconnect = [](void *, RemoteApp *, void *, void *) { ++s_Disconnects; };
-        c.onConnectFailed = [](void *, RemoteApp *, void *, void *) { ++s_ConnectFailures; };
-        return c;
-    }();
-    InitScripting(config);
+    return testhost::InitTestScripting("RemoteAppTest");
 }
 
 // A listening end that wraps every accepted socket in a connection, and a client connected to it.
@@ -291,9 +272,9 @@ TEST(RemoteApp, WithAScriptWindowCommandsRunOnItsThread)
     // The host heard of the connection coming and going, on its own thread.
     EXPECT_TRUE(orvexTest::WaitUntil([&] {
         (void)GetScriptWnd()->Pump(0, 5, exitCode);
-        return s_Disconnects.load() >= 1;
+        return EnsureScripting()->m_Disconnects.load() >= 1;
     }));
-    EXPECT_GE(s_Connects.load(), 1);
+    EXPECT_GE(EnsureScripting()->m_Connects.load(), 1);
 
     // A connect that fails on its own thread is reported there too.
     uint16_t closedPort = 0;
@@ -307,7 +288,7 @@ TEST(RemoteApp, WithAScriptWindowCommandsRunOnItsThread)
     failing->AsyncConnect();
     EXPECT_TRUE(orvexTest::WaitUntil([&] {
         (void)GetScriptWnd()->Pump(0, 5, exitCode);
-        return s_ConnectFailures.load() == 1;
+        return EnsureScripting()->m_ConnectFailures.load() == 1;
     }));
     failing->Recycle();
     (void)GetScriptWnd()->Pump(0, 0, exitCode);

@@ -7,6 +7,7 @@
 #include <atomic>
 
 #include "objects/ObjectHooks.h"
+#include "remote/RemoteApp.h"
 #include "values/model/ScriptVal.h"
 #include "values/model/UUID.h"
 
@@ -47,6 +48,9 @@ void InitScripting(ScriptConfig &config, TagList * /*tags*/)
     s_Ready.store(true); // publishes the UUID and the configuration to the hooks' callers
     SetIsDebugHook(ConfigIsDebug);
     SetRootObjectHook(ConfigRoot);
+    // The value layer's remote hooks (member calls, proxy counts) are set here, before the host
+    // starts threads that use values, rather than by the first connection on whatever thread.
+    InstallRemoteHooks();
 }
 
 const ScriptVal &GetAppUUID()

@@ -2,11 +2,13 @@
 #include "testsupport/TestSupport.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -95,6 +97,130 @@ ProcessResult RunProcess(const std::vector<std::string> &argv, int timeoutMs)
     }
     result.out = ReadFile(out);
     result.err = ReadFile(err);
+    if (WIFEXITED(status))
+        result.exitCode = WEXITSTATUS(status);
+    else if (WIFSIGNALED(status))
+        result.signal = WTERMSIG(status);
+    return result;
+}
+
+ChildProcess::ChildProcess(const std::vector<std::string> &argv)
+{
+    int in[2], out[2];
+    if (pipe2(in, O_CLOEXEC) != 0) return;
+    if (pipe2(out, O_CLOEXEC) != 0)
+    {
+        close(in[0]);
+        close(in[1]);
+        return;
+    }
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, in[0], 0);
+    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+
+    std::vector<std::string> strings(argv);
+    std::vector<char *> pointers;
+    for (std::string &text : strings)
+        pointers.push_back(text.data());
+    pointers.push_back(nullptr);
+    pid_t pid = -1;
+    const int rc = posix_spawn(&pid, pointers[0], &actions, nullptr, pointers.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(in[0]);
+    close(out[1]);
+    if (rc != 0)
+    {
+        close(in[1]);
+        close(out[0]);
+        return;
+    }
+    m_Pid = pid;
+    m_Stdin = in[1];
+    m_Stdout = out[0];
+}
+
+ChildProcess::~ChildProcess()
+{
+    if (m_Pid > 0)
+    {
+        kill(m_Pid, SIGKILL);
+        while (waitpid(m_Pid, nullptr, 0) < 0 && errno == EINTR)
+        {
+        }
+    }
+    CloseStdin();
+    if (m_Stdout >= 0) close(m_Stdout);
+}
+
+std::optional<std::string> ChildProcess::ReadLine(int timeoutMs)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;)
+    {
+        const size_t end = m_Pending.find('\n');
+        if (end != std::string::npos)
+        {
+            std::string line = m_Pending.substr(0, end);
+            m_Pending.erase(0, end + 1);
+            return line;
+        }
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (m_Stdout < 0 || left.count() <= 0) return std::nullopt;
+        pollfd p{m_Stdout, POLLIN, 0};
+        const int ready = poll(&p, 1, static_cast<int>(left.count()));
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready <= 0) return std::nullopt;
+        char buffer[512];
+        const ssize_t n = read(m_Stdout, buffer, sizeof(buffer));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return std::nullopt;
+        m_Pending.append(buffer, static_cast<size_t>(n));
+    }
+}
+
+std::optional<std::string> ChildProcess::WaitForLine(const std::string &prefix, int timeoutMs)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;)
+    {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        std::optional<std::string> line = ReadLine(static_cast<int>(std::max<long>(left.count(), 0)));
+        if (!line) return std::nullopt;
+        if (line->rfind(prefix, 0) == 0) return line->substr(prefix.size());
+    }
+}
+
+void ChildProcess::Signal(int signal)
+{
+    if (m_Pid > 0) kill(m_Pid, signal);
+}
+
+void ChildProcess::CloseStdin()
+{
+    if (m_Stdin >= 0) close(m_Stdin);
+    m_Stdin = -1;
+}
+
+ProcessResult ChildProcess::Wait(int timeoutMs)
+{
+    ProcessResult result;
+    if (m_Pid <= 0) return result;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    int status = 0;
+    for (pid_t done; (done = waitpid(m_Pid, &status, WNOHANG)) != m_Pid;)
+    {
+        if (done < 0 && errno != EINTR) return result;
+        if (std::chrono::steady_clock::now() > deadline)
+        {
+            result.timedOut = true;
+            return result;
+        }
+        usleep(2000);
+    }
+    m_Pid = -1;
     if (WIFEXITED(status))
         result.exitCode = WEXITSTATUS(status);
     else if (WIFSIGNALED(status))

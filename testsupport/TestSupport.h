@@ -45,6 +45,39 @@ struct ProcessResult
 // Runs `argv[0]` with the arguments, waits at most `timeoutMs`, kills it after that.
 ProcessResult RunProcess(const std::vector<std::string> &argv, int timeoutMs = 30000);
 
+// A child process that runs alongside the test: its stdin and stdout are pipes, so the test reads the
+// lines it prints and its end of stdin tells it that the test went away. Killed (SIGKILL) and reaped
+// when the object goes, if it still runs.
+class ChildProcess
+{
+public:
+    // Starts `argv[0]` with the arguments; Running() tells whether that worked.
+    explicit ChildProcess(const std::vector<std::string> &argv);
+    ~ChildProcess();
+    ChildProcess(const ChildProcess &) = delete;
+    ChildProcess &operator=(const ChildProcess &) = delete;
+
+    bool Running() const { return m_Pid > 0; }
+    int Pid() const { return m_Pid; }
+    // The next line of its stdout without the newline, waiting at most timeoutMs; nullopt on a
+    // time-out or the end of its output.
+    std::optional<std::string> ReadLine(int timeoutMs = 10000);
+    // Reads lines until one starts with `prefix` and gives the rest of it; nullopt as ReadLine.
+    std::optional<std::string> WaitForLine(const std::string &prefix, int timeoutMs = 10000);
+    void Signal(int signal);
+    // Closes the child's stdin (it reads the end).
+    void CloseStdin();
+    // Waits at most timeoutMs for it to end; its status as ProcessResult gives it (out and err empty),
+    // timedOut if it still runs.
+    ProcessResult Wait(int timeoutMs = 10000);
+
+private:
+    int m_Pid = -1;
+    int m_Stdin = -1;
+    int m_Stdout = -1;
+    std::string m_Pending; // read from stdout, not yet given as a line
+};
+
 // Reads a whole file; empty if it can't be read.
 std::string ReadFile(const std::string &path);
 

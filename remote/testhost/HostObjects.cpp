@@ -1,6 +1,8 @@
 // The test host's classes and their members.
 #include "remote/testhost/HostObjects.h"
 
+#include "remote/Scripting.h"
+
 #include <chrono>
 #include <stdexcept>
 #include <thread>
@@ -9,6 +11,7 @@ namespace orvexScript::testhost
 {
 
 std::atomic<int> Item::s_Live{0};
+std::atomic<double> Root::s_MaxSleep{10.0};
 
 namespace
 {
@@ -52,7 +55,8 @@ void Make(void *, ScriptArgs &args, ScriptSymbol *, bool)
 void Sleep(void *, ScriptArgs &args, ScriptSymbol *, bool)
 {
     double seconds = args[1].ToNumber();
-    if (seconds > 10) seconds = 10;
+    const double most = Root::s_MaxSleep.load();
+    if (!(seconds <= most)) seconds = most; // NaN too
     if (seconds > 0) std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
     args.ReturnBoolean(true);
 }
@@ -149,6 +153,25 @@ Item::~Item()
 Root::Root() : m_MainThread(std::this_thread::get_id())
 {
     _SetScriptInfo(this, s_RootInfo);
+}
+
+Root *InitTestScripting(const char *name)
+{
+    static Root *root = new Root;
+    static ScriptConfig config = [name] {
+        ScriptConfig c;
+        c.name = name;
+        c.user = root;
+        c.root = [](void *user, void *) -> ScriptObject * { return static_cast<Root *>(user); };
+        c.onConnect = [](void *user, RemoteApp *, void *, void *) { ++static_cast<Root *>(user)->m_Connects; };
+        c.onDisconnect = [](void *user, RemoteApp *, void *, void *) { ++static_cast<Root *>(user)->m_Disconnects; };
+        c.onConnectFailed = [](void *user, RemoteApp *, void *, void *) {
+            ++static_cast<Root *>(user)->m_ConnectFailures;
+        };
+        return c;
+    }();
+    InitScripting(config);
+    return root;
 }
 
 } // namespace orvexScript::testhost

@@ -48,11 +48,19 @@ public:
 
     std::mutex m_Lock;
     std::vector<ScriptVal> m_Kept;
+    // The configuration's connection notices, counted.
+    std::atomic<int> m_Connects{0}, m_Disconnects{0}, m_ConnectFailures{0};
     ScriptVal m_Value;
     std::thread::id m_MainThread;
+    // The longest Sleep in seconds; a harness that feeds random commands sets it to 0.
+    static std::atomic<double> s_MaxSleep;
 
 private:
     ScriptInfo *m_Info = nullptr;
 };
+
+// Scripting once per process with a Root as the configuration's root and `name` as the application's
+// name (the first call's); gives the root. The calling thread becomes the main thread.
+Root *InitTestScripting(const char *name);
 
 } // namespace orvexScript::testhost
