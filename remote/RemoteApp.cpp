@@ -444,6 +444,7 @@ bool RemoteApp::Connect(int socket)
     m_Lock.ObtainLock();
     m_Reader.Reset();
     m_Reader.TrustShortReads(true); // the thread polls before every round of reads
+    m_WaitingCommandBytes.store(0);
     m_Ended = false;
     m_Closing = false;
     // In a process with a script window the window's thread reads the socket itself while it waits
@@ -1295,6 +1296,19 @@ void RemoteApp::DispatchPacket(Packet *packet)
             FreePkt(packet);
             return;
         }
+        // Commands wait to be run, on the window or the connection thread; a peer that sends them
+        // faster than they run could otherwise take all memory. Past the cap the connection ends.
+        const int64_t waiting = m_WaitingCommandBytes.fetch_add(packet->m_Size) + packet->m_Size;
+        if (waiting > static_cast<int64_t>(s_MaxSendQueue.load()))
+        {
+            m_WaitingCommandBytes.fetch_sub(packet->m_Size);
+            FreePkt(packet);
+            char why[112];
+            std::snprintf(why, sizeof(why), "the peer sends commands faster than they run: %lld bytes wait",
+                          static_cast<long long>(waiting));
+            EndConnection(why);
+            return;
+        }
         if (ScriptWindow *window = GetScriptWnd())
         {
             Use(); // released after the main thread ran the command
@@ -1353,6 +1367,7 @@ bool CallHandler(ScriptSymbol *symbol, ScriptObject *object, ScriptArgs &args, s
 void RemoteApp::RunCommand(Packet *packet)
 {
     if (!packet) return;
+    m_WaitingCommandBytes.fetch_sub(packet->m_Size);
     const uint32_t sequence = packet->m_Sequence;
     ScriptError error = SE_None;
     const char *message = nullptr;

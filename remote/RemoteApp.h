@@ -143,7 +143,7 @@ public:
     PacketObjects *Objects() { return &m_Objects; }
 
     // The most bytes the send queue may hold before the connection is ended (a peer that stopped
-    // reading); 0 restores the default of 64 MiB.
+    // reading), and likewise the commands read and waiting to run; 0 restores the default of 64 MiB.
     static void SetMaxSendQueue(size_t bytes);
 
     static bool IsLocalIP(uint32_t ip);
@@ -243,6 +243,7 @@ private:
     PacketNode *m_SendQueue = nullptr;
     PacketNode *m_SendTail = nullptr;
     size_t m_QueuedBytes = 0;
+    std::atomic<int64_t> m_WaitingCommandBytes{0}; // commands read and not yet run
     SocketIo::PacketReader m_Reader;
     Packet *m_WritePacket = nullptr;
     SocketIo::SendState m_WriteState;

@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "remote/ScriptWindow.h"
 #include "remote/linux/DispatchCheck.h"
 #include "remote/linux/SocketSys.h"
 #include "remote/testhost/HostObjects.h"
@@ -244,6 +245,42 @@ struct Faults
         watches.clear();
     }
 };
+
+// Commands that arrive faster than a busy main thread runs them: past the cap the connection ends,
+// and what waited on the window is let go when the window runs again.
+TEST(RemoteAppFaultsThreads, APeerThatFloodsABusyWindowIsCutOff)
+{
+    ServerLog log;
+    (void)testhost::InitTestScripting("RemoteAppFaultTest");
+    ASSERT_TRUE(CreateScriptWindow());
+    RemoteApp::SetMaxSendQueue(1u << 20);
+    int exitCode = 0;
+    {
+        Pair pair;
+        int raw = SocketIo::kNoFd;
+        ASSERT_EQ(SocketIo::ConnectTcp("127.0.0.1", pair.Port(), 5000, raw), SocketIo::IO_Ok);
+        ScriptArgs args;
+        args[0] = "Echo";
+        args[1] = ScriptVal(std::string(8 << 10, 'x').c_str());
+        Packet *echo = ToPacket(static_cast<PacketObjects *>(nullptr), GlobalObjectTable::kRootId,
+                                SST_CallMemberFunction, nullptr, &args);
+        ASSERT_NE(echo, nullptr);
+        for (uint32_t i = 1; i <= 256; ++i) // 2 MiB while this thread does not pump
+        {
+            echo->m_Sequence = i;
+            if (SocketIo::SendPacket(raw, echo, 5000) != SocketIo::IO_Ok) break;
+        }
+        FreePkt(echo);
+        EXPECT_TRUE(orvexTest::WaitUntil(
+            [&] { return log.Text().find("faster than they run") != std::string::npos; }));
+        SocketIo::CloseFd(raw);
+        for (int i = 0; i < 20; ++i)
+            (void)GetScriptWnd()->Pump(0, 5, exitCode);
+    }
+    (void)GetScriptWnd()->Pump(0, 0, exitCode);
+    DestroyScriptWindow();
+    RemoteApp::SetMaxSendQueue(0);
+}
 
 TEST(RemoteAppFaultsThreads, ShortIoAndEintrStillCompleteCallsAndAResetWakesWaiters)
 {
