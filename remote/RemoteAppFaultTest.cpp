@@ -17,6 +17,7 @@
 #include "remote/linux/DispatchCheck.h"
 #include "remote/linux/SocketSys.h"
 #include "remote/testhost/HostObjects.h"
+#include "remote/testhost/Loopback.h"
 #include "testsupport/TestSupport.h"
 #include "values/sync/DebugLog.h"
 
@@ -25,60 +26,17 @@ namespace orvexScript
 namespace
 {
 
-// A listening end that wraps accepted sockets in connections, and a client connected to it. The
-// accepted records are held and let go at the end, so that their threads are joined by then.
-class Pair
+// Both ends of a connection in this process; the accepted records are held until the end, so that
+// their threads are done before the system call table is put back.
+struct Pair
 {
-public:
-    Pair()
-    {
-        (void)testhost::InitTestScripting("RemoteAppFaultTest");
-        EXPECT_TRUE(SocketIo::ListenLoopback(0, m_Listen, m_Port));
-        m_Acceptor = std::thread([this] {
-            while (!m_Stop.load())
-            {
-                int fd = SocketIo::kNoFd;
-                if (SocketIo::Accept(m_Listen, 20, fd) != SocketIo::IO_Ok) continue;
-                auto *server = new RemoteApp(fd);
-                server->Use();
-                std::lock_guard<std::mutex> hold(m_Lock);
-                m_Servers.push_back(server);
-            }
-        });
-        client = new RemoteApp;
-        client->Use();
-        client->SetHost("127.0.0.1");
-        g_ScriptServerPort = m_Port;
-        EXPECT_TRUE(client->Connect());
-        root = client->FindRemoteObject(GlobalObjectTable::kRootId);
-    }
-    ~Pair()
-    {
-        root = ScriptVal();
-        m_Stop.store(true);
-        m_Acceptor.join();
-        SocketIo::CloseFd(m_Listen);
-        client->_Disconnect();
-        client->Recycle();
-        for (RemoteApp *server : m_Servers)
-        {
-            server->_Disconnect();
-            server->Recycle();
-        }
-        EXPECT_TRUE(orvexTest::WaitUntil([] { return RemoteApp::GetNumConnections() == 0; }));
-    }
-    uint16_t Port() const { return m_Port; }
+    testhost::Root *host = testhost::InitTestScripting("RemoteAppFaultTest");
+    testhost::Listener listener{true};
+    testhost::Client connection{listener.Port()};
+    RemoteApp *client = connection.app;
+    ScriptVal &root = connection.root;
 
-    RemoteApp *client = nullptr;
-    ScriptVal root;
-
-private:
-    int m_Listen = SocketIo::kNoFd;
-    uint16_t m_Port = 0;
-    std::atomic<bool> m_Stop{false};
-    std::thread m_Acceptor;
-    std::mutex m_Lock;
-    std::vector<RemoteApp *> m_Servers;
+    uint16_t Port() const { return listener.Port(); }
 };
 
 // The server's log switched on for the life of the object; its text at the end.

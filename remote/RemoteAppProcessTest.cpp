@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "remote/testhost/HostObjects.h"
+#include "remote/testhost/Loopback.h"
 #include "testsupport/TestSupport.h"
 
 namespace orvexScript
@@ -41,67 +42,23 @@ struct HostProcess
     uint16_t port = 0;
 };
 
-// A client connection of this process to `port`, with the peer's root.
-struct Client
+// This program's scripting, made before the first connection.
+uint16_t WithScripting(uint16_t port)
 {
-    explicit Client(uint16_t port)
-    {
-        (void)testhost::InitTestScripting("RemoteAppProcessTest");
-        app = new RemoteApp;
-        app->Use();
-        app->SetHost("127.0.0.1");
-        g_ScriptServerPort = port;
-        EXPECT_TRUE(app->Connect());
-        root = app->FindRemoteObject(GlobalObjectTable::kRootId);
-    }
-    ~Client()
-    {
-        root = ScriptVal();
-        app->_Disconnect();
-        app->Recycle();
-        EXPECT_TRUE(orvexTest::WaitUntil([] { return RemoteApp::GetNumConnections() == 0; }));
-    }
+    (void)testhost::InitTestScripting("RemoteAppProcessTest");
+    return port;
+}
 
-    RemoteApp *app = nullptr;
-    ScriptVal root;
+// A connection of this process to `port`, with the peer's root.
+struct Client : testhost::Client
+{
+    explicit Client(uint16_t port) : testhost::Client(WithScripting(port)) {}
 };
 
-// A listening end in this process that wraps every accepted socket in a connection (which then lives
-// by its counts).
-class Listener
+// A listening end in this process; accepted connections live by their counts.
+struct Listener : testhost::Listener
 {
-public:
-    Listener()
-    {
-        (void)testhost::InitTestScripting("RemoteAppProcessTest");
-        EXPECT_TRUE(SocketIo::ListenLoopback(0, m_Listen, m_Port));
-        m_Acceptor = std::thread([this] {
-            while (!m_Stop.load())
-            {
-                int fd = SocketIo::kNoFd;
-                if (SocketIo::Accept(m_Listen, 20, fd) == SocketIo::IO_Ok)
-                {
-                    new RemoteApp(fd);
-                    ++m_Accepted;
-                }
-            }
-        });
-    }
-    ~Listener()
-    {
-        m_Stop.store(true);
-        m_Acceptor.join();
-        SocketIo::CloseFd(m_Listen);
-    }
-    uint16_t Port() const { return m_Port; }
-    int Accepted() const { return m_Accepted.load(); }
-
-private:
-    int m_Listen = SocketIo::kNoFd;
-    uint16_t m_Port = 0;
-    std::atomic<bool> m_Stop{false};
-    std::atomic<int> m_Accepted{0};
-    std::thread m_Acceptor;
+    Listener() : testhost::Listener(WithScripting(0) != 0) {}
 };
 
 TEST(RemoteAppProcess, AKilledHostWakesEveryBlockedCallerWithNil)

@@ -12,6 +12,7 @@
 #include "remote/ScriptWindow.h"
 #include "remote/Scripting.h"
 #include "remote/testhost/HostObjects.h"
+#include "remote/testhost/Loopback.h"
 #include "testsupport/TestSupport.h"
 
 namespace orvexScript
@@ -25,47 +26,14 @@ testhost::Root *EnsureScripting()
     return testhost::InitTestScripting("RemoteAppTest");
 }
 
-// A listening end that wraps every accepted socket in a connection, and a client connected to it.
-class Link
+// Both ends of a connection in this process.
+struct Link
 {
-public:
-    Link()
-    {
-        EnsureScripting();
-        EXPECT_TRUE(SocketIo::ListenLoopback(0, m_Listen, m_Port));
-        m_Acceptor = std::thread([this] {
-            while (!m_Stop.load())
-            {
-                int fd = SocketIo::kNoFd;
-                if (SocketIo::Accept(m_Listen, 50, fd) == SocketIo::IO_Ok)
-                {
-                    RemoteApp *server = new RemoteApp(fd);
-                    m_Server.store(server);
-                }
-            }
-        });
-        client = new RemoteApp;
-        client->Use();
-        client->SetHost("127.0.0.1");
-        g_ScriptServerPort = m_Port;
-        EXPECT_TRUE(client->Connect());
-        EXPECT_TRUE(orvexTest::WaitUntil([this] { return m_Server.load() != nullptr; }));
-        root = client->FindRemoteObject(1);
-    }
-
-    ~Link()
-    {
-        root = ScriptVal();
-        m_Stop.store(true);
-        m_Acceptor.join();
-        SocketIo::CloseFd(m_Listen);
-        client->_Disconnect();
-        client->Recycle();
-        // The server's record ends itself once its connection has gone.
-        EXPECT_TRUE(orvexTest::WaitUntil([] { return RemoteApp::GetNumConnections() == 0; }));
-    }
-
-    RemoteApp *Server() const { return m_Server.load(); }
+    testhost::Root *host = EnsureScripting();
+    testhost::Listener listener;
+    testhost::Client connection{listener.Port()};
+    RemoteApp *client = connection.app;
+    ScriptVal &root = connection.root;
 
     // A raw command to the server and its reply's second value.
     ScriptVal Raw(uint32_t type, uint32_t object, uint32_t symbol)
@@ -82,16 +50,6 @@ public:
         }
         return result;
     }
-
-    RemoteApp *client = nullptr;
-    ScriptVal root;
-
-private:
-    int m_Listen = SocketIo::kNoFd;
-    uint16_t m_Port = 0;
-    std::atomic<bool> m_Stop{false};
-    std::atomic<RemoteApp *> m_Server{nullptr};
-    std::thread m_Acceptor;
 };
 
 TEST(RemoteApp, MemberCallsGiveTheirResultsAndErrorsComeAsReplies)
