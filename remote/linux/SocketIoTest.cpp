@@ -140,62 +140,6 @@ TEST(SocketIoThreads, LoopbackPairCarriesPacketsOfSeveralSizes)
     }
 }
 
-// Echoes every packet back the way a connection thread would: one poll, reads until EAGAIN, and a
-// half-sent packet that waits for POLLOUT. Ends after the peer's end of stream, with its own.
-bool EchoLoop(int fd, int &halfSentWaits)
-{
-    PacketReader reader;
-    SendState out;
-    std::deque<Packet *> queue; // the front is being sent
-    bool ok = true, peerDone = false;
-    while (ok && !(peerDone && queue.empty()))
-    {
-        ConnectionEvents events;
-        halfSentWaits += out.Busy();
-        ok = WaitConnection(kNoFd, kNoFd, fd, out.Busy(), kWaitMs, events) == IO_Ok;
-        for (IoStatus status = IO_Ok; ok && events.readable && !peerDone && status != IO_WouldBlock;)
-        {
-            Packet *packet = nullptr;
-            status = reader.ReadSome(fd, packet);
-            if (status == IO_Ok) queue.push_back(packet);
-            peerDone = status == IO_Closed;
-            ok = status == IO_Ok || status == IO_WouldBlock || peerDone;
-        }
-        while (ok && !queue.empty())
-        {
-            if (!out.Busy()) out.Start(queue.front());
-            const IoStatus status = SendSome(fd, out);
-            if (status == IO_WouldBlock) break;
-            ok = status == IO_Ok;
-            FreePkt(queue.front());
-            queue.pop_front();
-        }
-    }
-    for (Packet *packet : queue)
-        FreePkt(packet);
-    return ShutdownSend(fd) && ok;
-}
-
-TEST(SocketIoThreads, EchoLoopWithHalfSentPackets)
-{
-    Pair pair(2000);
-    ASSERT_NE(pair.server, kNoFd);
-    // Small buffers, so that the echo cannot hand over a large packet in one send.
-    int small = 32768;
-    ASSERT_EQ(setsockopt(pair.server, SOL_SOCKET, SO_SNDBUF, &small, sizeof(small)), 0);
-    ASSERT_EQ(setsockopt(pair.client, SOL_SOCKET, SO_RCVBUF, &small, sizeof(small)), 0);
-    Packets sent;
-    for (uint32_t i = 0; i < 24; ++i)
-        sent.push_back(MakePacket(i % 3 == 0 ? 32 + i : 700000 + 4099 * i, i));
-    bool echoed = false;
-    int halfSentWaits = 0;
-    std::thread echo([&] { echoed = EchoLoop(pair.server, halfSentWaits); });
-    SendAndReadBack(pair.client, pair.client, sent);
-    echo.join();
-    EXPECT_TRUE(echoed);
-    EXPECT_GT(halfSentWaits, 0) << "the POLLOUT path ran";
-}
-
 TEST(SocketIo, AcceptTimesOutAndConnectToAClosedPortFailsQuickly)
 {
     int listener = kNoFd, fd = 123;
