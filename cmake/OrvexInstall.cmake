@@ -16,7 +16,8 @@ foreach(dir values objects remote languages)
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/${dir} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orvexScript
     FILES_MATCHING PATTERN "*.h"
     PATTERN "*Test.h" EXCLUDE PATTERN "Test*.h" EXCLUDE PATTERN "*LoadCheck.h" EXCLUDE
-    PATTERN "fuzz" EXCLUDE PATTERN "testdata" EXCLUDE)
+    PATTERN "DispatchCheck.h" EXCLUDE PATTERN "fuzz" EXCLUDE PATTERN "testdata" EXCLUDE
+    PATTERN "testhost" EXCLUDE)
 endforeach()
 
 install(EXPORT orvexScriptTargets NAMESPACE orvexScript:: DESTINATION ${ORVEX_CMAKE_DIR})

@@ -1,6 +1,8 @@
-// A host of the installed library: builds a table, reads it back, and prints what it found.
+// A host of the installed library: builds a table, reads it back, and prints what it found; then
+// makes a connection record, as a host that talks to other processes does.
 #include <cstdio>
 
+#include "remote/RemoteApp.h"
 #include "values/model/ScriptVal.h"
 
 int main()
@@ -9,5 +11,9 @@ int main()
     table["name"] = "host";
     table["answer"] = 42;
     std::printf("%s %ld %d\n", table["name"].ToString(""), table["answer"].ToInteger(), table.NumKeys());
-    return 0;
+    auto *app = new orvexScript::RemoteApp;
+    app->Use();
+    const bool connected = app->Connected();
+    app->Recycle();
+    return connected ? 1 : 0;
 }
