@@ -1377,18 +1377,20 @@ void RemoteApp::RunCommand(Packet *packet)
         error = SE_NotInitialized;
     else if (packet->m_Type == PKT_NoMoreRefs)
     {
-        RemoteObject *record = FindLocalObject(packet->m_Object);
-        if (!record)
+        ScriptObject *object = nullptr;
+        if (!FindLocalObject(packet->m_Object, object))
         {
             error = SE_InvalidObject;
             message = "Cannot find object for PKT_NoMoreRefs.";
         }
         else
         {
-            if (record->m_Object) record->m_Object->DecRef();
+            object->DecRef(); // the look-up's
+            // Looked up again under the lock: the connection may have ended meanwhile.
             m_Lock.ObtainLock();
+            RemoteObject *record = m_LocalObjects.FindId(packet->m_Object);
             bool freed = false;
-            while (!freed && !record->IsFree())
+            while (record && !freed && !record->IsFree())
                 (void)DropLocalRecord(record, freed);
             ReleasePending(freed ? 1 : 0);
             (void)SendPkt(CreateReply(packet, Objects(), nullptr, nullptr));
@@ -1403,8 +1405,8 @@ void RemoteApp::RunCommand(Packet *packet)
     }
     else
     {
-        RemoteObject *record = FindLocalObject(packet->m_Object);
-        ScriptObject *object = record ? record->m_Object : nullptr;
+        ScriptObject *object = nullptr;
+        (void)FindLocalObject(packet->m_Object, object);
         ScriptInfo *info = object ? object->GetScriptInfo() : nullptr;
         if (!info)
             error = SE_InvalidRemoteObject;
@@ -1566,6 +1568,15 @@ void RemoteApp::DropAllLocal()
 
 RemoteObject *RemoteApp::FindLocalObject(unsigned long id)
 {
+    ScriptObject *object = nullptr;
+    return FindLocalObject(id, object);
+}
+
+// The record may go as soon as the lock is let go (the connection ends on its own thread), so the
+// object is read under the lock; its extra reference keeps it alive for the caller.
+RemoteObject *RemoteApp::FindLocalObject(unsigned long id, ScriptObject *&object)
+{
+    object = nullptr;
     if (id == 0 || id > 0xFFFFFFFFul) return nullptr;
     m_Lock.ObtainLock();
     RemoteObject *record = m_LocalObjects.FindId(static_cast<uint32_t>(id));
@@ -1576,7 +1587,10 @@ RemoteObject *RemoteApp::FindLocalObject(unsigned long id)
         GlobalObjectLock hold(table);
         RemoteObject *global = table.Records().FindId(record->m_ID);
         if (global && global->m_Object == record->m_Object)
-            record->m_Object->IncRef();
+        {
+            object = record->m_Object;
+            object->IncRef();
+        }
         else
             record = nullptr;
     }
@@ -1712,9 +1726,8 @@ const char *RemoteApp::AppObjects::RemoteUUID(RemoteObject *object)
 
 void RemoteApp::AppObjects::ReadOwnObject(uint32_t id, const char *, ScriptVal &out)
 {
-    RemoteObject *record = m_App->FindLocalObject(id);
-    if (!record) return;
-    ScriptObject *object = record->m_Object;
+    ScriptObject *object = nullptr;
+    if (!m_App->FindLocalObject(id, object)) return;
     out = ScriptVal(SV_LocalObject, &object);
     object->DecRef(); // the look-up's extra reference; the value holds its own
 }

@@ -196,6 +196,7 @@ private:
     ORVEX_INTERNAL void WakeWaiter(Waiter *waiter, Packet *packet);
     ORVEX_INTERNAL void RunHandoff();
     ORVEX_INTERNAL bool OnConnectionThread() const;
+    ORVEX_INTERNAL RemoteObject *FindLocalObject(unsigned long id, ScriptObject *&object);
     ORVEX_INTERNAL Packet *TakeReply(uint32_t sequence, bool countDone);
     ORVEX_INTERNAL void MatchReply(Packet *packet);
     ORVEX_INTERNAL void Unlink(Waiter *waiter);
