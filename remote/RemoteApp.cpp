@@ -30,7 +30,9 @@ namespace orvexScript
 
 unsigned short g_ScriptServerPort = 10251;
 RemoteApp *g_AppList = nullptr;
-Lock g_AppLock;
+// Never destroyed, like the other process-wide state below: a connection thread may still be ending
+// while the process exits.
+Lock &g_AppLock = *new Lock;
 
 namespace
 {
@@ -71,8 +73,8 @@ uint32_t AtomicLoad(const uint32_t &word)
 
 DebugLog &GetServerLog()
 {
-    static DebugLog log("KESCRIPT_LOG_SERVER", "/tmp/orvexScriptServer", false);
-    return log;
+    static DebugLog *log = new DebugLog("KESCRIPT_LOG_SERVER", "/tmp/orvexScriptServer", false);
+    return *log;
 }
 
 #define SERVER_LOG(...) GetServerLog().PrintF(__VA_ARGS__)

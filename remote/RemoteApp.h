@@ -287,7 +287,7 @@ private:
 
 // The head of all records, guarded by g_AppLock.
 ORVEX_API extern RemoteApp *g_AppList;
-ORVEX_API extern Lock g_AppLock;
+ORVEX_API extern Lock &g_AppLock;
 
 // ---- packets on a connection --------------------------------------------------------------------
 // The same as the PacketObjects forms, naming objects through the connection's tables (null: none).

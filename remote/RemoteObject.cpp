@@ -133,8 +133,9 @@ uint32_t GlobalObjectTable::ClearObject(const ScriptObject *object)
 
 GlobalObjectTable &GetGlobalObjectTable()
 {
-    static GlobalObjectTable table;
-    return table;
+    // Never destroyed: connection threads that end while the process exits still give back counts.
+    static GlobalObjectTable *table = new GlobalObjectTable;
+    return *table;
 }
 
 } // namespace orvexScript
