@@ -39,6 +39,15 @@ struct Pair
     uint16_t Port() const { return listener.Port(); }
 };
 
+// The bytes of a command that calls the root's Echo with a string of `bytes` characters.
+Packet *EchoCommand(size_t bytes)
+{
+    ScriptArgs args;
+    args[0] = "Echo";
+    args[1] = ScriptVal(std::string(bytes, 'x').c_str());
+    return ToPacket(nullptr, GlobalObjectTable::kRootId, SST_CallMemberFunction, nullptr, &args);
+}
+
 // The server's log switched on for the life of the object; its text at the end.
 struct ServerLog
 {
@@ -63,11 +72,7 @@ TEST(RemoteAppFaultsThreads, APeerThatStopsReadingIsCutOffAndOthersGoOn)
         // A raw peer that sends Echo commands of 1 MB each and never reads a reply.
         int raw = SocketIo::kNoFd;
         ASSERT_EQ(SocketIo::ConnectTcp("127.0.0.1", pair.Port(), 5000, raw), SocketIo::IO_Ok);
-        ScriptArgs args;
-        args[0] = "Echo";
-        args[1] = ScriptVal(std::string(1 << 20, 'x').c_str());
-        Packet *echo = ToPacket(static_cast<PacketObjects *>(nullptr), GlobalObjectTable::kRootId,
-                                SST_CallMemberFunction, nullptr, &args);
+        Packet *echo = EchoCommand(1u << 20);
         ASSERT_NE(echo, nullptr);
         std::atomic<bool> flooding{true};
         std::thread flood([&] {
@@ -217,11 +222,7 @@ TEST(RemoteAppFaultsThreads, APeerThatFloodsABusyWindowIsCutOff)
         Pair pair;
         int raw = SocketIo::kNoFd;
         ASSERT_EQ(SocketIo::ConnectTcp("127.0.0.1", pair.Port(), 5000, raw), SocketIo::IO_Ok);
-        ScriptArgs args;
-        args[0] = "Echo";
-        args[1] = ScriptVal(std::string(8 << 10, 'x').c_str());
-        Packet *echo = ToPacket(static_cast<PacketObjects *>(nullptr), GlobalObjectTable::kRootId,
-                                SST_CallMemberFunction, nullptr, &args);
+        Packet *echo = EchoCommand(8u << 10);
         ASSERT_NE(echo, nullptr);
         for (uint32_t i = 1; i <= 256; ++i) // 2 MiB while this thread does not pump
         {

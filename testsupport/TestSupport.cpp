@@ -55,6 +55,22 @@ std::string ReadFile(const std::string &path)
     return ss.str();
 }
 
+namespace
+{
+// Starts argv[0] with these file actions, which it then destroys; posix_spawn's result.
+int Spawn(const std::vector<std::string> &argv, posix_spawn_file_actions_t &actions, pid_t &pid)
+{
+    std::vector<std::string> strings(argv);
+    std::vector<char *> pointers;
+    for (std::string &text : strings)
+        pointers.push_back(text.data());
+    pointers.push_back(nullptr);
+    const int rc = posix_spawn(&pid, pointers[0], &actions, nullptr, pointers.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    return rc;
+}
+} // namespace
+
 // The child writes into files rather than pipes, so that only its exit has to be waited for.
 ProcessResult RunProcess(const std::vector<std::string> &argv, int timeoutMs)
 {
@@ -67,15 +83,8 @@ ProcessResult RunProcess(const std::vector<std::string> &argv, int timeoutMs)
     posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
 
-    std::vector<std::string> strings(argv);
-    std::vector<char *> pointers;
-    for (std::string &text : strings)
-        pointers.push_back(text.data());
-    pointers.push_back(nullptr);
-
     pid_t pid = -1;
-    const int rc = posix_spawn(&pid, pointers[0], &actions, nullptr, pointers.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
+    const int rc = Spawn(argv, actions, pid);
     if (rc != 0)
     {
         result.err = "spawn failed: " + std::string(strerror(rc));
@@ -119,14 +128,8 @@ ChildProcess::ChildProcess(const std::vector<std::string> &argv)
     posix_spawn_file_actions_adddup2(&actions, in[0], 0);
     posix_spawn_file_actions_adddup2(&actions, out[1], 1);
 
-    std::vector<std::string> strings(argv);
-    std::vector<char *> pointers;
-    for (std::string &text : strings)
-        pointers.push_back(text.data());
-    pointers.push_back(nullptr);
     pid_t pid = -1;
-    const int rc = posix_spawn(&pid, pointers[0], &actions, nullptr, pointers.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
+    const int rc = Spawn(argv, actions, pid);
     close(in[0]);
     close(out[1]);
     if (rc != 0)
