@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "languages/lua/LuaBase.h"
+#include "languages/lua/LuaBridge.h"
 #include "languages/lua/LuaGuard.h"
 
 namespace
@@ -93,6 +94,7 @@ ORVEX_LUA_FUNCTION(PrepareState)
     lua_pushboolean(L, 1);
     lua_setfield(L, LUA_REGISTRYINDEX, "QMLocalConnect");
     orvexScript::OpenBaseLibs(L);
+    orvexScript::OpenObjectTypes(L);
     lua_settop(L, 0);
     SetArguments(L, arguments);
     return 0;

@@ -22,6 +22,7 @@ class ScriptArgs;
 class TagList;
 class ScriptInfo;
 struct LuaType;
+struct LuaType_LuaClass;
 class List; // host list types that hold RefObjects
 class Node;
 
@@ -49,7 +50,7 @@ public:
     using PushNilFunction = int (*)(lua_State *state);
     ORVEX_INTERNAL static void SetPushNil(PushNilFunction push);
 
-    static LuaType s_LuaType; // the class's Lua descriptor, defined by the Lua language library
+    static LuaType_LuaClass s_LuaType; // the class's Lua descriptor, defined by the Lua language library
 };
 
 // What scripts and peers see. Abstract: IncRef, DecRef, GetScriptInfo and SetScriptInfo.
