@@ -871,8 +871,8 @@ void lua_pushLuaObject(lua_State *state, void *object, LuaType *type, unsigned l
 
 bool lua_istype(lua_State *state, int index, const char *typeName)
 {
-    if (!typeName || lua_type(state, index) != LUA_TUSERDATA || !lua_getmetatable(state, index)) return false;
     index = lua_absindex(state, index);
+    if (!typeName || lua_type(state, index) != LUA_TUSERDATA || !lua_getmetatable(state, index)) return false;
     lua_getfield(state, -1, "_istypeof");
     lua_remove(state, -2);
     if (!lua_isfunction(state, -1))

@@ -1,5 +1,5 @@
 // Tests of RunScript run in-process on script files in a temporary folder: result codes, the argument
-// table, what reaches stderr, and what a fresh state offers (lpeg, ffi, the registry flag).
+// table, what reaches stderr, and what a fresh state offers (lpeg, ffi, object types, the registry flag).
 #include "languages/lua/RunScript.h"
 
 #include <gtest/gtest.h>
@@ -132,7 +132,7 @@ TEST_F(RunScriptTest, LoadFailuresNameTheFileWithoutRunning)
     }
 }
 
-TEST_F(RunScriptTest, FreshStateOffersLpegFfiAndTheLocalConnectFlag)
+TEST_F(RunScriptTest, FreshStateOffersLpegFfiObjectTypesAndTheLocalConnectFlag)
 {
     RunResult result = RunText(R"(
         assert(type(lpeg) == "table" and lpeg == require("lpeg"), "lpeg global")
@@ -142,6 +142,7 @@ TEST_F(RunScriptTest, FreshStateOffersLpegFfiAndTheLocalConnectFlag)
         assert(bit.band(6, 3) == 2 and jit ~= nil, "bit and jit")
         assert(debug.getregistry().QMLocalConnect == true, "registry flag")
         assert(_ALERT == nil, "no _ALERT")
+        assert(MemBlock(3).Size == 3 and type(class._ScriptObject) == "function", "object types")
         leftover = 1 lpeg.mark = true
         return 7)");
     EXPECT_EQ(7, result.code) << result.err;
