@@ -332,6 +332,8 @@ public:
 
     // The head of the entry list of a table or args value, or null.
     TableEntry *FirstEntry() const;
+    // Lets go of the entry list without freeing it: the caller owns the entries from then on.
+    ORVEX_INTERNAL void DetachEntries();
 
     // A constant nil, for `nil` and other read-only values made at load time.
     struct ConstTag

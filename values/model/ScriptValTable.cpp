@@ -136,8 +136,44 @@ void ScriptVal::Append(TableEntry *entry)
 // drop it, lists the paged entries in key order: prefetching the next few of them whose keys lie
 // above the entry being freed hides most of those misses. Prefetching never touches the memory, so
 // entries already freed don't matter.
+namespace
+{
+// Moves the entries of a nested table (key or value of an entry being freed) to the front of
+// `pending`, leaving the table empty.
+void AdoptEntries(ScriptVal &nested, TableEntry *&pending)
+{
+    const ScriptValType kind = nested.Type();
+    if (kind != SV_Table && kind != SV_Args) return;
+    TableEntry *head = nested.FirstEntry();
+    if (!head) return;
+    nested.DetachEntries();
+    TableEntry *tail = head;
+    while (tail->m_Next)
+        tail = tail->m_Next;
+    tail->m_Next = pending;
+    pending = head;
+}
+
+void ReleaseEntry(TableEntry *entry, TableEntry *&pending)
+{
+    AdoptEntries(entry->m_Value, pending);
+    AdoptEntries(entry->m_Key, pending);
+    entry->m_Value.CleanUp();
+    entry->m_Key.CleanUp();
+    delete entry;
+}
+} // namespace
+
+void ScriptVal::DetachEntries()
+{
+    if (m_Index) DropIndex();
+    m_Value.m_Table.m_Table = nullptr;
+    if (Type() == SV_Table) m_Value.m_Table.m_Last = nullptr;
+}
+
 void ScriptVal::CleanTable()
 {
+    TableEntry *pending = nullptr;
     uint32_t handle = m_Index ? std::atomic_ref<uint32_t>(m_Index).exchange(0, std::memory_order_acq_rel) : 0;
     TableIndex *index = handle ? TableIndex::Get(handle) : nullptr;
     if (index && index->m_Owner != this)
@@ -176,11 +212,16 @@ void ScriptVal::CleanTable()
             refill();
         }
         m_Value.m_Table.m_Table = e->m_Next;
-        e->m_Value.CleanUp();
-        e->m_Key.CleanUp();
-        delete e;
+        ReleaseEntry(e, pending);
     }
     if (handle) TableIndex::Release(handle);
+    // The entries of nested tables, freed here rather than by recursion, so that no depth of nesting
+    // can exhaust the stack.
+    while (TableEntry *e = pending)
+    {
+        pending = e->m_Next;
+        ReleaseEntry(e, pending);
+    }
     if (Type() == SV_Table) m_Value.m_Table.m_Last = nullptr;
 }
 

@@ -237,6 +237,22 @@ TEST(ScriptValTableNest, CreateOnANonTableGivesNull)
         }
 }
 
+TEST(ScriptValTable, DeepNestingInKeysAndValuesFreesWithoutRecursion)
+{
+    // Deep enough to exhaust any thread's stack if each level cost a frame.
+    ScriptVal root(SV_Table, nullptr);
+    ScriptVal *level = &root;
+    for (int i = 0; i < 200000; ++i)
+    {
+        ScriptVal &next = level->FindKey(1);
+        next = ScriptVal(SV_Table, nullptr);
+        if (i % 1000 == 0) next.AddKey(ScriptVal(SV_Table, nullptr)) = "a table as key";
+        level = &next;
+    }
+    root.CleanUp();
+    EXPECT_TRUE(root.IsNil());
+}
+
 TEST(ScriptValTableCopy, CopiesAreDeepAndShareStringKeys)
 {
     ScriptVal t = Table();
