@@ -1,7 +1,7 @@
 // Scripting inside a host: the host's configuration record and the first call a host makes,
 // InitScripting, which keeps the configuration, notes the main thread, makes the application's UUID
 // and puts the configuration's debug switch and root object behind the object layer's hooks.
-// Start-up proper (window, server registration) and its reverse build on this and live elsewhere.
+// Start-up proper (window, server registration) and its reverse follow.
 #pragma once
 
 #include <cstdint>
@@ -59,6 +59,27 @@ ORVEX_API extern bool g_ScriptingActive;
 // UUID and installs the configuration's IsDebug and root callbacks into the object layer. The tags are
 // not read.
 ORVEX_API void InitScripting(ScriptConfig &config, TagList *tags = nullptr);
+
+// Completes start-up before it returns (always true; a second call changes nothing): keeps `info` (a
+// table, copied, or a new one) with Name, ProcessID, UUID and SupportsNewConnect set as the host's
+// entry; in a host (SCF_Host) makes the script window, adds the connection members to the root's class,
+// and registers with the machine's script server, starting one if none answers (a configuration
+// without a name starts none). Then scripting is active. On the main thread.
+ORVEX_API bool StartScripting(void *instance, const ScriptVal &info, TagList *tags = nullptr);
+// The same, except that the registering runs later, from the script window's first pump.
+ORVEX_API bool DeferStartScripting(void *instance, const ScriptVal &info, TagList *tags = nullptr);
+// The work of both.
+ORVEX_API bool DoStartScripting();
+// Reverse start-up: takes this process out of the server's list, destroys the script window; can start
+// again afterwards. The two are the same.
+ORVEX_API void StopScripting(TagList *tags = nullptr);
+ORVEX_API void CleanupScripting(TagList *tags = nullptr);
+// Starts a script server (`orvexScript -s`, with -p for a port other than the default) as a detached
+// process in a session of its own, with no zombie left behind. Always true; a failure is logged.
+ORVEX_API bool StartServer(TagList *tags = nullptr);
+// The front end that StartServer runs: by default orvexScript beside the running executable or beside
+// this library. The environment variable ORVEXSCRIPT_SERVER_PROGRAM wins over it; null restores it.
+ORVEX_API void SetServerProgram(const char *path);
 
 // The application's UUID as a string value; nil before InitScripting.
 ORVEX_API const ScriptVal &GetAppUUID();
