@@ -36,7 +36,7 @@ public:
 // and gives the proxy of its root object, or nil. `subtype` (may be null) picks among instances by
 // their priorities; a non-nil `uuid` names one instance. `timeout` in seconds bounds the connect and
 // becomes the connection's time-out (0: none). A named connect first waits until scripting has started
-// in this process. Reads ORVEX_CONNECTLOCK and ORVEX_EARLY_CONNECTLOCK (anything but "false" is on).
+// in this process. Reads KELMAR_CONNECTLOCK and KELMAR_EARLY_CONNECTLOCK (anything but "false" is on).
 ORVEX_API ScriptVal ScriptApp(const char *name, const char *subtype, ScriptVal uuid, const char *host,
                               double timeout);
 // Wraps a connected socket in a new connection (name null: "unknown") and gives the peer's root.
