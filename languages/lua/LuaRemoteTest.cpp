@@ -209,6 +209,26 @@ TEST(LuaRemote, ProxiesOfAKilledHostAnswerNil)
     EXPECT_EQ(s.host.Process().Wait().signal, SIGKILL);
 }
 
+// The proxies a state holds keep their connection's record: the state may close after the connection
+// ended and its owner let go (a leak or a freed record read here is the sanitizers' to find).
+TEST(LuaRemote, AStateThatOutlivesItsConnectionGivesBackItsProxiesWhenItCloses)
+{
+    orvexTest::LuaState L(true);
+    OpenObjectTypes(L);
+    {
+        orvexTest::ListeningChild host({ORVEX_TEST_HOST});
+        testhost::Client client(WithScripting(host.Port()));
+        ASSERT_TRUE(client.root.IsRemoteObject());
+        _PushScriptObject(L, client.root.ToRemoteObject(), true);
+        lua_setglobal(L, "root");
+        ASSERT_EQ(luaL_dostring(L, "item = root:Make('kept') assert(item:Name() == 'kept')"), 0)
+            << lua_tostring(L, -1);
+    }
+    EXPECT_EQ(RemoteApp::GetNumConnections(), 0);
+    EXPECT_EQ(luaL_dostring(L, "assert(root.Value == nil and item.Name == nil and not root:IsAppConnected())"), 0)
+        << lua_tostring(L, -1);
+}
+
 TEST(LuaRemote, AnObjectOfThisProcessGoesToTheHostAndIsCalledBack)
 {
     RemoteScript s;
