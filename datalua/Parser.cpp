@@ -228,7 +228,7 @@ private:
         if (IsNewline()) IncLine();
         for (;;)
         {
-            if (cur == EOZ) Error(isString ? "unfinished long string" : "unfinished long comment", isString ? TK_STRING : TK_EOS);
+            if (cur == EOZ) Error(isString ? "unfinished long string" : "unfinished long comment", TK_EOS);
             if (cur == ']')
             {
                 if (SkipSep() == sep)
