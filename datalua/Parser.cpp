@@ -1204,7 +1204,7 @@ private:
     Stmt *ExprStat(int line)
     {
         Expr *e = PrimaryExp();
-        if (lx.t.tok == '=' || lx.t.tok == ',')
+        if (e->k != E_CALL && e->k != E_METHCALL)
         {
             std::vector<Expr *> targets{e};
             while (TestNext(','))
@@ -1222,7 +1222,6 @@ private:
             s->nexprs = static_cast<int>(v.size());
             return s;
         }
-        if (e->k != E_CALL && e->k != E_METHCALL) lx.SyntaxError("syntax error");
         Stmt *s = NewStmt(S_CALL, line);
         std::vector<Expr *> v{e};
         s->exprs = Copy(S, v);

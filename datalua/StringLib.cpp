@@ -528,7 +528,7 @@ int FindAux(State &S, int base, int nargs, bool find)
     const String *p = CheckString(S, base, nargs, 1);
     long init = RelPos(OptNumber(S, base, nargs, 2, 1), s->len) - 1;
     if (init < 0) init = 0;
-    if (init > static_cast<long>(s->len)) return Return(S, Value());
+    if (init > static_cast<long>(s->len)) init = static_cast<long>(s->len);
     if (find && (Arg(S, base, nargs, 3).Truthy() || !std::strpbrk(p->data, "^$*+?.([%-")))
     {
         // plain search
