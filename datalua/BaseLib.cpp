@@ -325,7 +325,7 @@ int B_assert(State &S, int base, int nargs)
 
 int B_error(State &S, int base, int nargs)
 {
-    const int level = static_cast<int>(OptNumber(S, base, nargs, 1, 1));
+    const int level = ToInt32(OptNumber(S, base, nargs, 1, 1));
     Value v = Arg(S, base, nargs, 0);
     if (v.t == T_STR && level > 0)
     {
@@ -378,7 +378,7 @@ int B_select(State &S, int base, int nargs)
 {
     const Value first = Arg(S, base, nargs, 0);
     if (first.t == T_STR && first.s->len == 1 && first.s->data[0] == '#') return Return(S, Value::Num(nargs - 1));
-    int n = static_cast<int>(CheckNumber(S, base, nargs, 0));
+    int n = ToInt32(CheckNumber(S, base, nargs, 0));
     if (n < 0)
         n = nargs + n;
     else if (n > nargs - 1)
@@ -392,12 +392,13 @@ int B_unpack(State &S, int base, int nargs)
     Table *t = CheckTable(S, base, nargs, 0);
     const double i = OptNumber(S, base, nargs, 1, 1);
     const double e = Arg(S, base, nargs, 2).IsNil() ? TLength(t) : CheckNumber(S, base, nargs, 2);
-    if (i > e) return 0;
+    if (!(i <= e)) return 0;
     const double n = e - i + 1;
     if (n >= 8000000 || S.top + static_cast<size_t>(n) + 16 >= S.stackSize) RunError(S, "too many results to unpack");
-    for (double k = i; k <= e; ++k)
-        S.Push(TGet(t, Value::Num(k)));
-    return static_cast<int>(n);
+    const int count = static_cast<int>(n);
+    for (int k = 0; k < count; ++k)
+        S.Push(TGet(t, Value::Num(i + k)));
+    return count;
 }
 
 int B_rawget(State &S, int base, int nargs)
@@ -495,7 +496,7 @@ Closure *LevelFunction(State &S, const Value &v, bool &isGlobal)
     if (v.t == T_CFUNC) return nullptr;
     double d;
     if (!ToNumber(v, d)) RunError(S, "bad argument #1 to '%s' (number expected, got %s)", CurrentName(S), TypeName(v));
-    const int level = static_cast<int>(d);
+    const int level = ToInt32(d);
     if (level < 0) RunError(S, "bad argument #1 to '%s' (level must be non-negative)", CurrentName(S));
     if (level == 0)
     {
@@ -594,7 +595,7 @@ int B_sethashstate(State &S, int base, int nargs)
 {
     double d;
     const Value v = Arg(S, base, nargs, 0);
-    S.hashstate = ToNumber(v, d) && std::isfinite(d) ? static_cast<uint8_t>(static_cast<int64_t>(d)) : 0;
+    S.hashstate = ToNumber(v, d) && std::isfinite(d) ? static_cast<uint8_t>(ToInt(d)) : 0;
     return 0;
 }
 
@@ -606,7 +607,7 @@ int B_gettableflags(State &S, int base, int nargs)
 
 int32_t FlagWord(double d)
 {
-    return std::isfinite(d) ? static_cast<int32_t>(static_cast<int64_t>(d)) : 0;
+    return static_cast<int32_t>(static_cast<uint32_t>(static_cast<uint64_t>(ToInt(d))));
 }
 
 int B_settableflags(State &S, int base, int nargs)

@@ -270,6 +270,19 @@ void TFree(State &S, Table *t);
 // ---- numbers and strings --------------------------------------------------------------------------
 
 bool StrToNumber(const char *s, size_t len, double &out);
+// A number as an integer, truncated toward zero and clamped to +-2^62; NaN gives 0.
+inline int64_t ToInt(double d)
+{
+    if (!(d == d)) return 0;
+    if (d > 4.6e18) return int64_t(1) << 62;
+    if (d < -4.6e18) return -(int64_t(1) << 62);
+    return static_cast<int64_t>(d);
+}
+inline int ToInt32(double d)
+{
+    const int64_t v = ToInt(d);
+    return v > 0x7FFFFFFF ? 0x7FFFFFFF : v < -0x7FFFFFFF ? -0x7FFFFFFF : static_cast<int>(v);
+}
 String *NumberToString(State &S, double n);
 bool ToNumber(const Value &v, double &out);
 // tostring without metamethods, or null for kinds that need an address

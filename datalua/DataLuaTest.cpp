@@ -207,6 +207,7 @@ TEST(DataLuaLimits, StopRunawayTexts)
         {"return " + std::string(100000, '(') , "chunk has too many syntax levels"},
         {"return " + std::string(100000, '#') + "1", "chunk has too many syntax levels"},
         {"local x = ('x'):rep(100000000)", "not enough memory"},
+        {"return unpack({}, -1e300, 1e300)", "too many results"},
     };
     for (const Case &c : cases)
     {
@@ -217,6 +218,22 @@ TEST(DataLuaLimits, StopRunawayTexts)
     // a recursion within the depth limit still runs
     EXPECT_EQ(Read("local function f(n) if n == 0 then return 0 end return 1 + f(n - 1) end return f(150)").text,
               "150");
+}
+
+TEST(DataLuaLimits, LongChainsEndInAnErrorNotACrash)
+{
+    std::string sum = "return 1", index = "local a = {} return a", calls = "local function f() return f end return f";
+    for (int i = 0; i < 300000; ++i)
+    {
+        sum += "+1";
+        index += ".b";
+        calls += "()";
+    }
+    for (const std::string *text : {&sum, &index, &calls})
+    {
+        const Result r = Read(*text);
+        EXPECT_TRUE(r.ok || r.error.find("stack overflow") != std::string::npos) << r.error;
+    }
 }
 
 TEST(DataLuaConvert, GivesTheFlagsNamesAndKindsOfTheResult)

@@ -386,6 +386,7 @@ Closure *Eval::MakeClosure(Frame &f, Proto *p)
 
 Value Eval::Get(Frame &f, const Expr *e)
 {
+    S.CheckCStack(); // chains like a.b.c... or 1+1+1... nest without parser levels
     switch (e->k)
     {
     case E_NIL: return Value();

@@ -87,7 +87,7 @@ class Lexer
 {
 public:
     Lexer(State &state, const SourcePieces &src, String *chunk, int firstLine)
-        : S(state), line(firstLine), m_Src(src), m_Chunk(chunk)
+        : S(state), line(firstLine), m_Src(src)
     {
         m_Id = ChunkId(chunk->data, chunk->len);
         Next();
@@ -162,7 +162,6 @@ public:
 
 private:
     const SourcePieces &m_Src;
-    String *m_Chunk;
     std::string m_Id;
     int m_Piece = 0;
     size_t m_Pos = 0;

@@ -84,7 +84,7 @@ int M_newindex(State &S, int base, int nargs)
     const Value key = Arg(S, base, nargs, 1);
     const Value val = Arg(S, base, nargs, 2);
     if (u && key.t == T_NUM && val.t == T_NUM && key.n >= 1 && key.n <= u->size && std::isfinite(val.n))
-        u->data[static_cast<uint32_t>(key.n) - 1] = static_cast<unsigned char>(static_cast<int64_t>(val.n));
+        u->data[static_cast<uint32_t>(key.n) - 1] = static_cast<unsigned char>(ToInt(val.n));
     return 0;
 }
 

@@ -28,7 +28,7 @@ Value Str(State &S, const std::string &s)
 // Lua's relative string positions: negatives count from the end.
 long RelPos(double pos, size_t len)
 {
-    long p = static_cast<long>(pos);
+    long p = static_cast<long>(ToInt32(pos));
     if (p < 0) p += static_cast<long>(len) + 1;
     return p >= 0 ? p : 0;
 }
@@ -64,7 +64,7 @@ int S_rep(State &S, int base, int nargs)
 {
     const String *s = CheckString(S, base, nargs, 0);
     const double n = CheckNumber(S, base, nargs, 1);
-    if (n <= 0 || s->len == 0) return Return(S, Value::Str(S.Intern("")));
+    if (!(n > 0) || s->len == 0) return Return(S, Value::Str(S.Intern("")));
     const double total = n * s->len;
     if (total > 0x7FFFFFF0) RunError(S, "resulting string too large");
     S.Charge(static_cast<size_t>(total));
@@ -103,7 +103,7 @@ int S_char(State &S, int base, int nargs)
     for (int i = 0; i < nargs; ++i)
     {
         const double c = CheckNumber(S, base, nargs, i);
-        if (c < 0 || c > 255 || c != static_cast<int>(c)) ArgError(S, i, "invalid value");
+        if (!(c >= 0 && c <= 255) || c != static_cast<int>(c)) ArgError(S, i, "invalid value");
         out.push_back(static_cast<char>(static_cast<int>(c)));
     }
     return Return(S, Str(S, out));
@@ -174,13 +174,13 @@ int S_format(State &S, int base, int nargs)
         switch (conv)
         {
         case 'c':
-            out.push_back(static_cast<char>(static_cast<int>(CheckNumber(S, base, nargs, arg))));
+            out.push_back(static_cast<char>(ToInt(CheckNumber(S, base, nargs, arg))));
             break;
         case 'd':
         case 'i':
         {
             spec += "lld";
-            std::snprintf(buffer, sizeof buffer, spec.c_str(), static_cast<long long>(CheckNumber(S, base, nargs, arg)));
+            std::snprintf(buffer, sizeof buffer, spec.c_str(), static_cast<long long>(ToInt(CheckNumber(S, base, nargs, arg))));
             out += buffer;
             break;
         }
@@ -192,7 +192,7 @@ int S_format(State &S, int base, int nargs)
             spec += "ll";
             spec.push_back(conv);
             const double d = CheckNumber(S, base, nargs, arg);
-            const auto v = static_cast<unsigned long long>(static_cast<long long>(d));
+            const auto v = static_cast<unsigned long long>(ToInt(d));
             std::snprintf(buffer, sizeof buffer, spec.c_str(), v);
             out += buffer;
             break;
