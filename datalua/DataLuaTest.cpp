@@ -59,8 +59,8 @@ TEST(DataLuaTables, KeepInsertionOrderThroughRehashes)
 {
     // ordered or not, the hash part iterates in insertion order; numbers come first in the result
     const char *texts[] = {
-        "sethashstate(0) local t = {} t.z = 1 t.a = 2 t.m = 3 for i = 1, 200 do t['k' .. i] = i end "
-        "for i = 1, 200 do t['k' .. i] = nil end return t",
+        "sethashstate(0) local t = {} t.z = 1 t.a = 2 t.m = 3 for i = 1, 200 do t['k' .. i] = i end\n\
+for i = 1, 200 do t['k' .. i] = nil end return t",
         "local t = { z = 1, a = 2 } t.m = 3 for i = 1, 50 do t[-i] = i; t[-i] = nil end return t",
         "local t = {} t.z = 1; t[3] = 'c'; t.a = 2; t[1] = 'a'; t.m = 3; t[2] = 'b' return t",
     };

@@ -18,10 +18,6 @@ namespace
 
 constexpr size_t kStackValues = size_t(1) << 20;
 
-const char *const kTagMethodNames[TM_N] = {"__index", "__newindex", "__gc",  "__mode", "__eq",     "__add",
-                                            "__sub",   "__mul",      "__div", "__mod",  "__pow",    "__unm",
-                                            "__len",   "__lt",       "__le",  "__concat", "__call", "__iter"};
-
 uint32_t HashBytes(const char *s, size_t len)
 {
     uint32_t h = 2166136261u ^ static_cast<uint32_t>(len);
