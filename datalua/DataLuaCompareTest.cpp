@@ -137,6 +137,37 @@ const char *const kPrograms[] = {
     "local s = {} for k = 1, 100 do s[k] = k end for k = 1, 100, 2 do s[k] = nil end local n = 0 for _ in pairs(s) do n = n + 1 end put(n)\n"
     "local big = {} for k = 1, 60 do big[k] = k end local copy = {unpack(big)} put(#copy, copy[60])\n"
     "return result()",
+
+    // tables: borders, traversal while clearing, numeric keys of every kind
+    "local t = {} for i = 1, 20 do t[i] = i * i end put(#t) t[20] = nil put(#t)\n"
+    "local c = 0 for k in pairs(t) do t[k] = nil c = c + 1 end put(c, next(t))\n"
+    "local m = {} m[1] = 'a' m[2.0] = 'b' m['1'] = 'c' m[-1] = 'd' m[0] = 'e' put(m[1], m[2], m['1'], m[-1], m[0], #m)\n"
+    "local holes = {n = 0} for i = 100, 1, -1 do holes[i] = i end put(#holes, holes[50])\n"
+    "local keys = {} for k, v in ipairs({5, 6, 7}) do keys[#keys + 1] = k .. '=' .. v end put(keys[1], keys[3])\n"
+    "local sum = 0 for k, v in pairs({10, 20, 30}) do sum = sum + k * v end put(sum)\n"
+    "local nan = 0/0 put(pcall(rawset, {}, nan, 1)) put(pcall(function() local q = {} q[nil] = 1 end))\n"
+    "return result()",
+
+    // more patterns: anchors, classes, captures, balance, frontier, limits of gsub
+    "put(('  trim  '):match('^%s*(.-)%s*$'), ('2024-01-15'):match('(%d+)-(%d+)-(%d+)'))\n"
+    "put(('a1b2c3'):gsub('%d', ''), ('a1b2c3'):gsub('%a', '', 2), ('abc'):gsub('^a', 'A'), ('aaa'):gsub('^a', 'b'))\n"
+    "put(('f(a(b)c)d'):match('%b()'), ('THE END'):lower():gsub('%f[%w]%w', function(w) return w:upper() end))\n"
+    "put(('x'):rep(3, nil), ('[test]'):find('[', 1, true), ('a+b'):find('+', 1, true), ('a.b'):find('.', 2, true))\n"
+    "put(('hello'):find('l', -2), ('hello'):sub(2, 100), ('hello'):byte(10), ('%a'):len())\n"
+    "put(('CamelCaseString'):gsub('(%u)', ' %1'), ('one;two;;three'):gsub(';;', ';'))\n"
+    "put(('abc'):match('((a)(b))'), ('abc'):match('()b()'), ('  x'):find('%S'), ('[]'):match('^%[%]$'))\n"
+    "return result()",
+
+    // closures in loops with break, recursion through locals, upvalues shared by siblings
+    "local fs = {} for i = 1, 10 do if i > 3 then break end local j = i * 2 fs[#fs + 1] = function() j = j + 1 return j end end\n"
+    "put(#fs, fs[1](), fs[1](), fs[2](), fs[3]())\n"
+    "local function mk() local v = 0 local function a() v = v + 1 return v end local function b() return v * 10 end return a, b end\n"
+    "local a, b = mk() a() a() put(b())\n"
+    "local function fact(n) return n <= 1 and 1 or n * fact(n - 1) end put(fact(10), fact(20))\n"
+    "local even, odd function even(n) if n == 0 then return true end return odd(n - 1) end function odd(n) if n == 0 then return false end return even(n - 1) end put(even(10), odd(7))\n"
+    "local acc = {} for _, name in ipairs({'x', 'y'}) do acc[name] = function() return name end end put(acc.x(), acc.y())\n"
+    "local function va(...) local t = {...} return function() return unpack(t) end end put(va(1, nil, 3)())\n"
+    "return result()",
 };
 
 std::string RunOnLuaJit(const std::string &program)
