@@ -739,7 +739,15 @@ void RemoteApp::EndConnection(const char *why)
 
 void RemoteApp::FinishConnection()
 {
+    m_Lock.ObtainLock();
+    const bool watched = m_Watched;
+    m_Watched = false;
+    m_Lock.ReleaseLock();
     int fd = m_Socket.exchange(kNoSocket);
+    // The window stops watching before the close: a socket shared with another process (handed over)
+    // would otherwise stay in its set after the close, with this record as its cookie.
+    ScriptWindow *watcher = watched ? GetScriptWnd() : nullptr;
+    if (watcher) watcher->UnwatchSocket(fd);
     if (m_KeepSocket.load())
     {
         // For ReleaseSocket; one that gave up waiting left kReleaseAbandoned, and the socket is closed.
@@ -748,12 +756,7 @@ void RemoteApp::FinishConnection()
     }
     else
         SocketIo::CloseFd(fd);
-    // The window saw the socket go with the close; its use is given back on its own thread, after any
-    // read it had begun.
-    m_Lock.ObtainLock();
-    const bool watched = m_Watched;
-    m_Watched = false;
-    m_Lock.ReleaseLock();
+    // The window's use is given back on its own thread, after any read it had begun.
     if (watched)
     {
         ScriptWindow *window = GetScriptWnd();

@@ -130,6 +130,7 @@ bool TakeOver(ScriptArgs &args)
     ScriptVal root = ScriptApp(app, fd, name.IsString() ? name.ToString() : "unknown", args.FindKeyConst(3));
     if (root.IsNil()) return false; // the record has gone with its connection
     app->KeepRoot(root);
+    SERVER_LOG("__NewConnect: socket %d taken over by %p\n", fd, static_cast<void *>(app));
     return true;
 }
 
@@ -186,6 +187,10 @@ int ConnectApp::AppThreadFunc()
 
 void ConnectApp::OnZeroLocalCount()
 {
+    // The client holds nothing of ours any more: let go of its root too, which closes the connection.
+    // With the connection lock held (the caller's), taken again by the proxy's release.
+    ScriptVal root(std::move(m_Root));
+    root.CleanUp();
     RemoteApp::OnZeroLocalCount();
 }
 
@@ -240,6 +245,7 @@ ScriptVal ScriptApp(const char *name, const char *subtype, ScriptVal uuid, const
         held = false;
     }
     if (!app->Connected() && !app->Connect()) result.CleanUp();
+    SERVER_LOG("ScriptApp('%s') - %p %s\n", name ? name : "", static_cast<void *>(app), result.IsNil() ? "failed" : "connected");
     app->Recycle();
     if (held) ConnectLock().ReleaseLock();
     return result;

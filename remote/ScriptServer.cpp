@@ -177,7 +177,7 @@ std::atomic<int> s_LiveHostApps{0};
 // ---- pending hand-overs -----------------------------------------------------------------------------
 
 // A client socket offered to a host: the host that shows the token from the named process gets a
-// copy of `fd`. The token is the number of that copy, unique while the offer stands.
+// copy of `fd`. The token holds the number of that copy, and a count that keeps it unique.
 struct Handover
 {
     uint64_t token;
@@ -284,7 +284,13 @@ public:
         --s_LiveHostApps;
     }
     int AppThreadFunc() override;
-    void OnZeroLocalCount() override { RemoteApp::OnZeroLocalCount(); }
+    // The peer holds nothing of ours any more: let go of its root too, which closes the connection.
+    void OnZeroLocalCount() override
+    {
+        ScriptVal value(std::move(m_Value));
+        value.CleanUp();
+        RemoteApp::OnZeroLocalCount();
+    }
     void OnZeroRemoteCount() override { RemoteApp::OnZeroRemoteCount(); }
 
     // Keeps the value ScriptApp gave for the socket, unless the connection has ended already.
@@ -643,7 +649,9 @@ void ConnectHost(void *self, ScriptArgs &args, ScriptSymbol *, bool)
         host->Recycle();
         return;
     }
-    offer.token = static_cast<uint64_t>(offer.fd);
+    // The socket's number, with a count above it: a number comes back once closed, the token never.
+    static std::atomic<uint32_t> s_Offers{0};
+    offer.token = (static_cast<uint64_t>(s_Offers.fetch_add(1) + 1) << 32) | static_cast<uint32_t>(offer.fd);
     OfferHandover(offer);
 
     ScriptArgs call;
@@ -758,13 +766,14 @@ int ScriptServerMain(void *, void *)
     }
     else
     {
+        // Listening before "Started" is printed: whoever waits for that line may connect at once.
+        if (!ServerNet::Listen(tcpFd, 0x7FFFFFFF, err)) SERVER_LOG("listen: Error %d\n", err);
         SERVER_LOG("Script Server Started\n");
         SERVER_PRINT("orvexScript Server [%d] Started\n", pid);
         pingFd = ServerNet::OpenPingSocket(port, err);
         if (pingFd < 0) SERVER_LOG("failed to bind pingsocket: Error %d\n", err);
         localFd = ServerNet::ListenHandover(port, pid, err);
         if (localFd < 0) SERVER_LOG("failed to listen for hand-overs: Error %d\n", err);
-        if (!ServerNet::Listen(tcpFd, 0x7FFFFFFF, err)) SERVER_LOG("listen: Error %d\n", err);
 
         bool done = false;
         int lastSelect = 0;
