@@ -114,12 +114,13 @@ bool TakeOver(ScriptArgs &args)
     const uint64_t token = record[1];
     if (serverPid == 0 || serverPid > 0x7FFFFFFFu)
     {
-        SERVER_LOG("__NewConnect: refused, no such server process %llu\n", static_cast<unsigned long long>(serverPid));
+        SERVER_LOG("__NewConnect: refused, no such server process %llu\n",
+                   static_cast<unsigned long long>(serverPid));
         return false;
     }
     const char *why = nullptr;
-    int fd = ServerNet::TakeHandedSocket(g_ScriptServerPort, static_cast<int>(serverPid), token, kHandoverTimeoutMs,
-                                         why);
+    int fd = ServerNet::TakeHandedSocket(g_ScriptServerPort, static_cast<int>(serverPid), token,
+                                         kHandoverTimeoutMs, why);
     if (fd < 0)
     {
         SERVER_LOG("__NewConnect: failed: %s\n", why ? why : "unknown");
@@ -149,7 +150,8 @@ void LoginMember(void *, ScriptArgs &args, ScriptSymbol *, bool)
         user = s_LoginUser;
     }
     RemoteApp *app = args.GetApp();
-    const bool ok = !hook || hook(user, app, args.FindKeyConst(1).ToString(""), args.FindKeyConst(2).ToString(""));
+    const bool ok =
+        !hook || hook(user, app, args.FindKeyConst(1).ToString(""), args.FindKeyConst(2).ToString(""));
     if (app)
     {
         // Under the connection lock: the connection thread reads the flag for every command.
@@ -245,7 +247,8 @@ ScriptVal ScriptApp(const char *name, const char *subtype, ScriptVal uuid, const
         held = false;
     }
     if (!app->Connected() && !app->Connect()) result.CleanUp();
-    SERVER_LOG("ScriptApp('%s') - %p %s\n", name ? name : "", static_cast<void *>(app), result.IsNil() ? "failed" : "connected");
+    SERVER_LOG("ScriptApp('%s') - %p %s\n", name ? name : "", static_cast<void *>(app),
+               result.IsNil() ? "failed" : "connected");
     app->Recycle();
     if (held) ConnectLock().ReleaseLock();
     return result;
@@ -280,8 +283,8 @@ ScriptVal ScriptApp(int socket, const char *name, ScriptVal uuid)
     return ScriptApp(new RemoteApp, socket, name, uuid);
 }
 
-ScriptVal AsyncScriptApp(const char *name, const char *subtype, ScriptVal uuid, const char *host, double timeout,
-                         bool start)
+ScriptVal AsyncScriptApp(const char *name, const char *subtype, ScriptVal uuid, const char *host,
+                         double timeout, bool start)
 {
     if (!host || !*host) host = "127.0.0.1";
     if (LoopbackOnly() && !IsLoopback(IPFromStr(host))) return ScriptVal();
@@ -314,7 +317,8 @@ bool ScriptLogin(const char *host, const char *name, const char *user, const cha
 void SetPingBroadcastAddress(const char *address)
 {
     std::lock_guard<std::mutex> hold(s_PingMutex);
-    std::snprintf(s_PingAddress, sizeof(s_PingAddress), "%s", address && *address ? address : "255.255.255.255");
+    std::snprintf(s_PingAddress, sizeof(s_PingAddress), "%s",
+                  address && *address ? address : "255.255.255.255");
 }
 
 bool Ping(const char *name, double timeout, ScriptVal &result)
@@ -350,7 +354,8 @@ bool Ping(const char *name, double timeout, ScriptVal &result)
         const uint64_t now = NowMs();
         if (now >= base + waitMs) break;
         bool ready = false;
-        if (ServerNet::WaitReadable(&fd, &ready, 1, static_cast<long>((base + waitMs - now) * 1000), err) < 0) break;
+        if (ServerNet::WaitReadable(&fd, &ready, 1, static_cast<long>((base + waitMs - now) * 1000), err) < 0)
+            break;
         if (!ready) continue;
         char answer[1024];
         uint32_t from = 0;

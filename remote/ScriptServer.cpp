@@ -32,11 +32,11 @@ namespace
 #define SERVER_LOG(...) GetServerLog().PrintF(__VA_ARGS__)
 
 // Printed lines go out at once: whoever started the server may be reading them.
-#define SERVER_PRINT(...)                                                                                         \
-    do                                                                                                            \
-    {                                                                                                             \
-        std::printf(__VA_ARGS__);                                                                                 \
-        std::fflush(stdout);                                                                                      \
+#define SERVER_PRINT(...)                                                                                    \
+    do                                                                                                       \
+    {                                                                                                        \
+        std::printf(__VA_ARGS__);                                                                            \
+        std::fflush(stdout);                                                                                 \
     } while (0)
 
 // The select limit of one pass of the main loop.
@@ -585,8 +585,9 @@ void ConnectHost(void *self, ScriptArgs &args, ScriptSymbol *, bool)
     const ScriptVal &uuid = args.FindKeyConst(2);
     const ScriptVal &subtype = args.FindKeyConst(5);
     const bool bySubtype = subtype.IsString() && *subtype.ToString();
-    SERVER_LOG("Connect to Host '%s' (UUID: %s) from '%s' (UUID: %s): \n", name.ToString(), TextOr(uuid, "any"),
-               TextOr(args.FindKeyConst(3), "unknown"), TextOr(args.FindKeyConst(4), "unknown"));
+    SERVER_LOG("Connect to Host '%s' (UUID: %s) from '%s' (UUID: %s): \n", name.ToString(),
+               TextOr(uuid, "any"), TextOr(args.FindKeyConst(3), "unknown"),
+               TextOr(args.FindKeyConst(4), "unknown"));
     RemoteApp *client = args.GetApp();
     if (!client)
     {

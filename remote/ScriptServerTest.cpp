@@ -35,9 +35,9 @@ bool IsFalse(const ScriptVal &value)
 }
 
 // A server on a free port with this process as its client.
-struct ServerTest : ::testing::Test
+struct ScriptServer : ::testing::Test
 {
-    ServerTest() : port(testhost::FreeServerPort()), server(port) { testhost::BecomeClient(port); }
+    ScriptServer() : port(testhost::FreeServerPort()), server(port) { testhost::BecomeClient(port); }
 
     // The server's own root, over a bare connection.
     ScriptVal Bare(double timeout = 5.0) { return ScriptApp("", nullptr, nil, "127.0.0.1", timeout); }
@@ -46,7 +46,7 @@ struct ServerTest : ::testing::Test
     ServerProcess server;
 };
 
-TEST_F(ServerTest, HandsTheClientsOwnSocketToTheHost)
+TEST_F(ScriptServer, HandsTheClientsOwnSocketToTheHost)
 {
     HostProcess host("alpha", port);
     ScriptVal root = ScriptApp("alpha", nullptr, nil, "127.0.0.1", 5.0);
@@ -66,7 +66,7 @@ TEST_F(ServerTest, HandsTheClientsOwnSocketToTheHost)
     EXPECT_EQ(root.CallMember("Add", 1, 1), 2.0);
 }
 
-TEST_F(ServerTest, AnswersQueriesAndKeepsServingAfterAnUnknownName)
+TEST_F(ScriptServer, AnswersQueriesAndKeepsServingAfterAnUnknownName)
 {
     HostProcess host("alpha", port);
     ScriptVal bare = Bare();
@@ -96,7 +96,7 @@ TEST_F(ServerTest, AnswersQueriesAndKeepsServingAfterAnUnknownName)
     EXPECT_TRUE(bare.CallMember("FindHost", "alpha").IsNil());
 }
 
-TEST_F(ServerTest, AKilledHostVanishesAndTheServerEndsWithItsLastConnection)
+TEST_F(ScriptServer, AKilledHostVanishesAndTheServerEndsWithItsLastConnection)
 {
     {
         HostProcess host("alpha", port);
@@ -114,7 +114,7 @@ TEST_F(ServerTest, AKilledHostVanishesAndTheServerEndsWithItsLastConnection)
     EXPECT_EQ(end.exitCode, 0);
 }
 
-TEST_F(ServerTest, ASecondServerOnThePortExitsWithOne)
+TEST_F(ScriptServer, ASecondServerOnThePortExitsWithOne)
 {
     const orvexTest::ProcessResult second =
         orvexTest::RunProcess({ORVEX_FRONT_END, "-s", "-p", std::to_string(port), "-l"}, 10000);
@@ -122,7 +122,7 @@ TEST_F(ServerTest, ASecondServerOnThePortExitsWithOne)
     EXPECT_NE(second.out.find("failed to bind socket"), std::string::npos) << second.out;
 }
 
-TEST_F(ServerTest, ChoosesAmongHostsOfOneName)
+TEST_F(ScriptServer, ChoosesAmongHostsOfOneName)
 {
     HostProcess first("beta", port, {"--priority", "draft=1", "--priority", "final=5"});
     HostProcess second("beta", port, {"--priority", "draft=3"});
@@ -131,7 +131,7 @@ TEST_F(ServerTest, ChoosesAmongHostsOfOneName)
     {
         const char *what;
         const char *subtype;
-        const std::string *uuid; // asked for; null: any
+        const std::string *uuid;     // asked for; null: any
         const std::string *expected; // null: none is chosen
     } cases[] = {
         {"first registered wins", nullptr, nullptr, &first.uuid},
@@ -157,7 +157,7 @@ TEST_F(ServerTest, ChoosesAmongHostsOfOneName)
     }
 }
 
-TEST_F(ServerTest, PingIsAnsweredForTheServerAndForRegisteredNamesOnly)
+TEST_F(ScriptServer, PingIsAnsweredForTheServerAndForRegisteredNamesOnly)
 {
     HostProcess host("alpha", port);
     struct Case
@@ -178,7 +178,7 @@ TEST_F(ServerTest, PingIsAnsweredForTheServerAndForRegisteredNamesOnly)
     }
 }
 
-TEST_F(ServerTest, AnUnansweredPktTestTimesOutAndTheConnectionGoesOn)
+TEST_F(ScriptServer, AnUnansweredPktTestTimesOutAndTheConnectionGoesOn)
 {
     ScriptVal bare = Bare(0.5);
     ASSERT_FALSE(bare.IsNil());
@@ -188,9 +188,11 @@ TEST_F(ServerTest, AnUnansweredPktTestTimesOutAndTheConnectionGoesOn)
 }
 
 // The hand-over refuses what does not come from the chosen host, and says so in the server's log.
-struct HandoverTest : ::testing::Test
+struct ScriptServerHandover : ::testing::Test
 {
-    HandoverTest() : log("KESCRIPT_LOG_SERVER", "true"), tmp("TMPDIR", dir.Path().c_str()), port(testhost::FreeServerPort()), server(port)
+    ScriptServerHandover()
+        : log("KESCRIPT_LOG_SERVER", "true"), tmp("TMPDIR", dir.Path().c_str()),
+          port(testhost::FreeServerPort()), server(port)
     {
         testhost::BecomeClient(port);
     }
@@ -202,7 +204,7 @@ struct HandoverTest : ::testing::Test
     ServerProcess server;
 };
 
-TEST_F(HandoverTest, RefusesAHostOfAnotherProcessAndUnknownTokens)
+TEST_F(ScriptServerHandover, RefusesAHostOfAnotherProcessAndUnknownTokens)
 {
     // This process registers "fake" under another process id: when asked to take a client over it
     // shows up at the local socket as itself, and the server refuses.
@@ -216,7 +218,8 @@ TEST_F(HandoverTest, RefusesAHostOfAnotherProcessAndUnknownTokens)
     info["SupportsNewConnect"] = true;
     ASSERT_TRUE(bare.CallMember("AddHost", info).ToBoolean());
     EXPECT_TRUE(ScriptApp("fake", nullptr, nil, "127.0.0.1", 5.0).IsNil());
-    EXPECT_TRUE(orvexTest::WaitUntil([&] { return Log().find("offered to another process") != std::string::npos; }));
+    EXPECT_TRUE(
+        orvexTest::WaitUntil([&] { return Log().find("offered to another process") != std::string::npos; }));
 
     // A token the server never offered.
     const char *why = nullptr;
@@ -237,12 +240,12 @@ TEST_F(HandoverTest, RefusesAHostOfAnotherProcessAndUnknownTokens)
     EXPECT_EQ(root.CallMember("Add", 1, 2), 3.0); // and the connection goes on
 }
 
-TEST_F(ServerTest, StartHostRunsADetachedApplicationAndReapsIt)
+TEST_F(ScriptServer, StartHostRunsADetachedApplicationAndReapsIt)
 {
     ScriptVal bare = Bare();
     ASSERT_FALSE(bare.IsNil());
-    const std::string command =
-        std::string(ORVEX_TEST_HOST) + " --register gamma --server-port " + std::to_string(port) + " --max-seconds 30";
+    const std::string command = std::string(ORVEX_TEST_HOST) + " --register gamma --server-port " +
+                                std::to_string(port) + " --max-seconds 30";
     ScriptArgs args;
     args[1] = "gamma";
     args[2] = command.c_str();

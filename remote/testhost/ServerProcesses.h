@@ -60,7 +60,8 @@ inline void BecomeClient(uint16_t port, const char *name = "ScriptServerTest")
 // The script server as a child: `orvexScript -s -p PORT -l`. Started once it printed its first line.
 struct ServerProcess
 {
-    explicit ServerProcess(uint16_t port_) : port(port_), child({ORVEX_FRONT_END, "-s", "-p", std::to_string(port_), "-l"})
+    explicit ServerProcess(uint16_t port_)
+        : port(port_), child({ORVEX_FRONT_END, "-s", "-p", std::to_string(port_), "-l"})
     {
         const std::optional<std::string> line = child.WaitForLine("orvexScript Server [");
         started = line && line->find("Started") != std::string::npos;
@@ -87,9 +88,11 @@ struct HostProcess
         EXPECT_TRUE(line.has_value()) << "the host " << name << " did not register";
         uuid = line.value_or("");
     }
-    static std::vector<std::string> Arguments(const std::string &name, uint16_t port, std::vector<std::string> extra)
+    static std::vector<std::string> Arguments(const std::string &name, uint16_t port,
+                                              std::vector<std::string> extra)
     {
-        std::vector<std::string> args{ORVEX_TEST_HOST, "--register", name, "--server-port", std::to_string(port)};
+        std::vector<std::string> args{ORVEX_TEST_HOST, "--register", name, "--server-port",
+                                      std::to_string(port)};
         args.insert(args.end(), extra.begin(), extra.end());
         return args;
     }

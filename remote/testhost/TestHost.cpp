@@ -76,7 +76,8 @@ bool CheckLogin(void *, RemoteApp *, const char *user, const char *password)
     return std::strcmp(user, "user") == 0 && std::strcmp(password, s_Password) == 0;
 }
 
-int RunRegistered(const char *name, uint16_t port, const std::vector<std::string> &priorities, double maxSeconds)
+int RunRegistered(const char *name, uint16_t port, const std::vector<std::string> &priorities,
+                  double maxSeconds)
 {
     if (!CreateScriptWindow())
     {
@@ -100,12 +101,14 @@ int RunRegistered(const char *name, uint16_t port, const std::vector<std::string
         {
             const size_t equals = pair.find('=');
             if (equals != std::string::npos)
-                table.FindKey(pair.substr(0, equals).c_str()) = ScriptVal(std::strtod(pair.c_str() + equals + 1, nullptr));
+                table.FindKey(pair.substr(0, equals).c_str()) =
+                    ScriptVal(std::strtod(pair.c_str() + equals + 1, nullptr));
         }
     }
     if (server.IsNil() || !server.CallMember("AddHost", info).ToBoolean())
     {
-        std::fprintf(stderr, "orvexTestHost: cannot register with the server at port %u\n", static_cast<unsigned>(port));
+        std::fprintf(stderr, "orvexTestHost: cannot register with the server at port %u\n",
+                     static_cast<unsigned>(port));
         return 1;
     }
     std::printf("REGISTERED %s\n", GetAppUUID().ToString(""));
@@ -199,7 +202,8 @@ int main(int argc, char **argv)
     config.root = RootOf;
     InitScripting(config);
     if (connectPort) return RunClient(static_cast<uint16_t>(connectPort), items);
-    if (registerName) return RunRegistered(registerName, static_cast<uint16_t>(serverPort), priorities, maxSeconds);
+    if (registerName)
+        return RunRegistered(registerName, static_cast<uint16_t>(serverPort), priorities, maxSeconds);
     if (window && !CreateScriptWindow())
     {
         std::fprintf(stderr, "orvexTestHost: no script window\n");
