@@ -609,6 +609,13 @@ int RemoteApp::ReleaseSocket(unsigned long timeoutMs)
     return m_KeptSocket.exchange(kNoSocket);
 }
 
+void RemoteApp::Abandon()
+{
+    m_Lock.ObtainLock();
+    if (!Connected()) DropAllLocal(); // gives the lock back and takes it again
+    m_Lock.ReleaseLock();
+}
+
 void RemoteApp::_Disconnect()
 {
     if (!Connected()) return;

@@ -162,6 +162,10 @@ public:
     // thread here waits on it any more; not on that thread, and not for a connection whose socket a
     // script window reads. kNoSocket if there was no connection or the thread did not let go in time.
     int ReleaseSocket(unsigned long timeoutMs);
+    // For a record that is not connected and will not be: lets go of what the connection would have
+    // dropped at its end (the root entry's hold), so that the record goes with its last use. A record
+    // that never connected is otherwise kept by that hold. The caller holds a use.
+    void Abandon();
 
     // The process-wide list of records, under g_AppLock.
     RemoteApp *m_NextApp = nullptr;

@@ -246,7 +246,11 @@ ScriptVal ScriptApp(const char *name, const char *subtype, ScriptVal uuid, const
         ConnectLock().ReleaseLock();
         held = false;
     }
-    if (!app->Connected() && !app->Connect()) result.CleanUp();
+    if (!app->Connected() && !app->Connect())
+    {
+        result.CleanUp();
+        app->Abandon();
+    }
     SERVER_LOG("ScriptApp('%s') - %p %s\n", name ? name : "", static_cast<void *>(app),
                result.IsNil() ? "failed" : "connected");
     app->Recycle();
@@ -273,6 +277,8 @@ ScriptVal ScriptApp(RemoteApp *app, int socket, const char *name, ScriptVal uuid
         ConnectionAccess::Announce(*app);
         result = app->FindRemoteObject(GlobalObjectTable::kRootId);
     }
+    else
+        app->Abandon();
     g_AppLock.ReleaseLock();
     app->Recycle();
     return result;

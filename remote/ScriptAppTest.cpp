@@ -31,6 +31,7 @@ bool IsFalse(const ScriptVal &value)
 
 TEST(ScriptAppLogin, AClientOfAHostThatChecksLoginsCanOnlyLogInFirst)
 {
+    testhost::RecordsGone gone; // last to go
     const uint16_t port = testhost::FreeServerPort();
     ServerProcess server(port);
     testhost::BecomeClient(port, "ScriptAppTest");
@@ -57,6 +58,7 @@ TEST(ScriptAppLogin, AClientOfAHostThatChecksLoginsCanOnlyLogInFirst)
 
 TEST(ScriptApp, EveryConnectLockSettingConnectsConcurrentCallers)
 {
+    testhost::RecordsGone gone; // last to go
     const uint16_t port = testhost::FreeServerPort();
     ServerProcess server(port);
     testhost::BecomeClient(port, "ScriptAppTest");
@@ -88,6 +90,7 @@ TEST(ScriptApp, EveryConnectLockSettingConnectsConcurrentCallers)
 
 TEST(ScriptApp, ConnectsThatCannotSucceedGiveNil)
 {
+    testhost::RecordsGone gone; // last to go
     const uint16_t port = testhost::FreeServerPort(); // no server there
     testhost::BecomeClient(port, "ScriptAppTest");
     EXPECT_TRUE(ScriptApp("alpha", nullptr, nil, "127.0.0.1", 0.5).IsNil());
@@ -109,6 +112,11 @@ TEST(ScriptApp, ConnectsThatCannotSucceedGiveNil)
     EXPECT_FALSE(waiting.GetApp()->Connected());
     EXPECT_STREQ(waiting.GetApp()->GetName(), "alpha");
     EXPECT_TRUE(waiting.CallMember("Add", 1, 2).IsNil());
+    RemoteApp *app = waiting.GetApp();
+    app->Use();
+    waiting.CleanUp();
+    app->Abandon(); // never to be connected: it goes with the use
+    app->Recycle();
 
     // A record with no socket.
     EXPECT_TRUE(ScriptApp(kNoSocket, "peer", nil).IsNil());

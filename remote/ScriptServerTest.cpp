@@ -42,6 +42,7 @@ struct ScriptServer : ::testing::Test
     // The server's own root, over a bare connection.
     ScriptVal Bare(double timeout = 5.0) { return ScriptApp("", nullptr, nil, "127.0.0.1", timeout); }
 
+    testhost::RecordsGone gone; // last to go
     uint16_t port;
     ServerProcess server;
 };
@@ -198,6 +199,7 @@ struct ScriptServerHandover : ::testing::Test
     }
     std::string Log() const { return orvexTest::ReadFile(server.LogPath(dir.Path())); }
 
+    testhost::RecordsGone gone; // last to go
     orvexTest::TempDir dir;
     orvexTest::ScopedEnv log, tmp;
     uint16_t port;

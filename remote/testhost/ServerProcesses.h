@@ -101,6 +101,34 @@ struct HostProcess
     std::string uuid;
 };
 
+// Waits (at most 5 s) when it goes until this process has no connection record left: the records end
+// on their own threads once their peers are gone, and must be done before the process exits.
+struct RecordsGone
+{
+    RecordsGone() = default;
+    RecordsGone(const RecordsGone &) = delete;
+    RecordsGone &operator=(const RecordsGone &) = delete;
+    ~RecordsGone()
+    {
+        EXPECT_TRUE(orvexTest::WaitUntil([] {
+            g_AppLock.ObtainLock();
+            const bool none = g_AppList == nullptr;
+            g_AppLock.ReleaseLock();
+            return none;
+        })) << "connection records are left: " << Left();
+    }
+    static std::string Left()
+    {
+        std::string names;
+        g_AppLock.ObtainLock();
+        for (RemoteApp *app = g_AppList; app; app = app->m_NextApp)
+            names += std::string("'") + app->GetName() + "' uses " + std::to_string(app->GetUseCount()) +
+                     (app->Connected() ? " connected; " : "; ");
+        g_AppLock.ReleaseLock();
+        return names;
+    }
+};
+
 // The UUID of the application a root proxy leads to, as the server named it.
 inline std::string UUIDOf(const ScriptVal &root)
 {
