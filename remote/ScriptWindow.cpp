@@ -106,6 +106,12 @@ bool ScriptWindow::WatchSocket(int fd, void *cookie)
     return m_Sockets.AddPointer(fd, cookie, true);
 }
 
+void ScriptWindow::UnwatchSocket(int fd)
+{
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    if (m_Sockets.IsOpen()) (void)m_Sockets.Remove(fd);
+}
+
 void ScriptWindow::SetSocketReady(void (*ready)(void *cookie))
 {
     std::lock_guard<std::mutex> lock(m_Mutex);
