@@ -41,6 +41,7 @@ constexpr int kConnectsPerStart = 10;
 constexpr uint32_t kRetryPauseMs = 100;
 
 void *s_Instance = nullptr;
+bool s_DeferredStart = false; // a deferred start waits for the pump; StopScripting cancels it
 ScriptVal s_ServerObject; // the proxy of the server's root; holding it keeps the registration
 ScriptVal s_Registration; // what AddHost answered; nil: not registered
 
@@ -122,6 +123,8 @@ void RegisterWithServer()
 
 void RunDeferredStart(void *)
 {
+    if (!s_DeferredStart) return;
+    s_DeferredStart = false;
     (void)DoStartScripting();
 }
 
@@ -172,8 +175,13 @@ bool DeferStartScripting(void *instance, const ScriptVal &info, TagList * /*tags
     // A process that is no host has nothing to wait for; and without a window nothing would ever run
     // the deferred start, so it runs now.
     if (!(ConfigFlags() & SCF_Host) || !CreateScriptWindow(s_Instance)) return DoStartScripting();
+    if (s_DeferredStart) return true; // one is on its way already
+    s_DeferredStart = true;
     if (!GetScriptWnd()->Post(SWM_Call, reinterpret_cast<uintptr_t>(&RunDeferredStart), 0))
+    {
+        s_DeferredStart = false;
         return DoStartScripting();
+    }
     return true;
 }
 
@@ -195,6 +203,7 @@ bool DoStartScripting()
 
 void StopScripting(TagList * /*tags*/)
 {
+    s_DeferredStart = false;
     if (!IsActive()) return;
     SetActive(false);
     if ((ConfigFlags() & SCF_Host) && HasName() && !s_ServerObject.IsNil())

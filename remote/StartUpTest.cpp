@@ -88,19 +88,28 @@ void StartTwiceStopAndRestart()
     EXPECT_FALSE(g_ScriptingActive);
 }
 
-// The deferred start waits for the window's first pump; the test looks in between.
+// The deferred start waits for the window's first pump, and a stop before it cancels it; the test
+// looks in between.
 void DeferredStart()
 {
     InitChild(kChildName, SCF_Host);
     EXPECT_TRUE(DeferStartScripting(nullptr, nil));
-    EXPECT_FALSE(g_ScriptingActive);
     ScriptWindow *window = GetScriptWnd();
     ASSERT_NE(window, nullptr);
+    StopScripting();
+    int cancelled = 0;
+    EXPECT_EQ(window->Pump(0, 0, cancelled), ScriptWindow::Pump_Idle);
+    EXPECT_FALSE(g_ScriptingActive);
+
+    EXPECT_TRUE(DeferStartScripting(nullptr, nil));
+    EXPECT_TRUE(DeferStartScripting(nullptr, nil)); // the same start, still waiting
+    EXPECT_FALSE(g_ScriptingActive);
+    EXPECT_EQ(GetScriptWnd(), window);
     std::printf("POSTED\n");
     std::fflush(stdout);
     WaitForStdinEnd();
     int exitCode = 0;
-    EXPECT_EQ(window->Pump(1, 0, exitCode), ScriptWindow::Pump_Idle);
+    EXPECT_EQ(window->Pump(0, 0, exitCode), ScriptWindow::Pump_Idle);
     EXPECT_TRUE(g_ScriptingActive);
     StopScripting();
 }
