@@ -1,7 +1,7 @@
-// Start-up inside a host, watched from outside. Each host runs as a child process (this program again,
-// running the same test as a scenario of the host's side, or the demo host) and registers with this process, whose test root records
-// AddHost and RemoveHost as a script server does. Starting a server is watched through a stand-in
-// program, a shell script that reports how it was run.
+// Start-up inside a host, watched from outside. Each host is a child process (this program running
+// the same test, which then plays the host's side, or the demo host) and registers with this
+// process, whose test root records AddHost and RemoveHost as a script server does. Starting a server
+// is watched through a stand-in program, a shell script that reports how it was run.
 
 #include "remote/Scripting.h"
 
@@ -18,8 +18,6 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <fstream>
 #include <map>
 #include <regex>
 #include <sstream>
@@ -40,7 +38,7 @@ namespace orvexScript
 namespace
 {
 
-constexpr const char *kScenarioVariable = "ORVEX_STARTUP_SCENARIO";
+constexpr const char *kChildVariable = "ORVEX_STARTUP_CHILD";
 constexpr const char *kPortVariable = "ORVEX_STARTUP_PORT";
 constexpr const char *kProgramVariable = "ORVEX_STARTUP_PROGRAM";
 constexpr const char *kChildName = "startup-child";
@@ -148,16 +146,6 @@ void StartsTheServer()
     EXPECT_TRUE(StartScripting(nullptr, nil));
     EXPECT_TRUE(g_ScriptingActive);
     StopScripting();
-}
-
-const std::map<std::string, void (*)()> &Scenarios()
-{
-    static const std::map<std::string, void (*)()> scenarios{
-        {"twice", StartTwiceStopAndRestart}, {"deferred", DeferredStart},
-        {"unnamed", UnnamedHost},            {"not-a-host", NotAHost},
-        {"starts-server", StartsTheServer},
-    };
-    return scenarios;
 }
 
 // ---- the server's side, in this process ----------------------------------------------------------
@@ -268,7 +256,7 @@ class StartUp : public ::testing::Test
 protected:
     void SetUp() override
     {
-        if (std::getenv(kScenarioVariable)) return; // a child: its scenario makes its own configuration
+        if (std::getenv(kChildVariable)) return; // a child: the host's side makes its own configuration
         m_Root = testhost::InitTestScripting("startup-tests");
         Forget();
     }
@@ -286,14 +274,11 @@ protected:
         }
     }
 
-    // In a child that StartChild made, runs the scenario it named and gives true.
-    static bool RanAsChild()
+    // In a child that StartChild made, runs the host's side and gives true.
+    static bool RanAsChild(void (*hostSide)())
     {
-        const char *scenario = std::getenv(kScenarioVariable);
-        if (!scenario) return false;
-        auto found = Scenarios().find(scenario);
-        EXPECT_NE(found, Scenarios().end()) << scenario;
-        if (found != Scenarios().end()) found->second();
+        if (!std::getenv(kChildVariable)) return false;
+        hostSide();
         return true;
     }
 
@@ -308,13 +293,13 @@ protected:
         return m_Root->m_Removed;
     }
 
-    // Runs this test again in a child, which runs `scenario` against `port` with `program` as its
-    // server program and, if asked, the server log on.
-    std::unique_ptr<orvexTest::ChildProcess> StartChild(const char *scenario, uint16_t port,
-                                                        const std::string &program = "", bool log = false)
+    // Runs this test again in a child, which plays the host's side against `port` with `program` as
+    // its server program and, if asked, the server log on.
+    std::unique_ptr<orvexTest::ChildProcess> StartChild(uint16_t port, const std::string &program = "",
+                                                        bool log = false)
     {
         orvexTest::ScopedEnv logVariable("KESCRIPT_LOG_SERVER", log ? "true" : nullptr);
-        orvexTest::ScopedEnv scenarioVariable(kScenarioVariable, scenario);
+        orvexTest::ScopedEnv childVariable(kChildVariable, "1");
         orvexTest::ScopedEnv portVariable(kPortVariable, std::to_string(port).c_str());
         orvexTest::ScopedEnv programVariable(kProgramVariable, program.empty() ? nullptr : program.c_str());
         const ::testing::TestInfo *test = ::testing::UnitTest::GetInstance()->current_test_info();
@@ -349,9 +334,9 @@ protected:
 
 TEST_F(StartUp, RegistersOnceWhenStartedTwiceAndLeavesWhenStopped)
 {
-    if (RanAsChild()) return;
+    if (RanAsChild(StartTwiceStopAndRestart)) return;
     testhost::Listener server;
-    auto child = StartChild("twice", server.Port());
+    auto child = StartChild(server.Port());
     ASSERT_TRUE(child->Running());
     const int pid = child->Pid();
     ExpectPassed(*child);
@@ -369,9 +354,9 @@ TEST_F(StartUp, RegistersOnceWhenStartedTwiceAndLeavesWhenStopped)
 
 TEST_F(StartUp, DeferredStartRegistersOnlyAtTheFirstPump)
 {
-    if (RanAsChild()) return;
+    if (RanAsChild(DeferredStart)) return;
     testhost::Listener server;
-    auto child = StartChild("deferred", server.Port());
+    auto child = StartChild(server.Port());
     ASSERT_TRUE(child->Running());
     const int pid = child->Pid();
     ASSERT_TRUE(child->WaitForLine("POSTED", 30000));
@@ -385,9 +370,9 @@ TEST_F(StartUp, DeferredStartRegistersOnlyAtTheFirstPump)
 
 TEST_F(StartUp, AProcessThatIsNoHostNeitherConnectsNorRegisters)
 {
-    if (RanAsChild()) return;
+    if (RanAsChild(NotAHost)) return;
     testhost::Listener server;
-    auto child = StartChild("not-a-host", server.Port());
+    auto child = StartChild(server.Port());
     ASSERT_TRUE(child->Running());
     ExpectPassed(*child);
     EXPECT_EQ(server.Accepted(), 0);
@@ -397,10 +382,10 @@ TEST_F(StartUp, AProcessThatIsNoHostNeitherConnectsNorRegisters)
 
 TEST_F(StartUp, AnUnnamedHostWithNoServerStartsNoneAndDoesNotRetry)
 {
-    if (RanAsChild()) return;
+    if (RanAsChild(UnnamedHost)) return;
     orvexTest::TempDir dir;
     LateListener nobody; // refuses, and never listens
-    auto child = StartChild("unnamed", nobody.Port(), WriteReportingProgram(dir), true);
+    auto child = StartChild(nobody.Port(), WriteReportingProgram(dir), true);
     ASSERT_TRUE(child->Running());
     ExpectPassed(*child);
     EXPECT_NE(access(dir.File("started").c_str(), F_OK), 0);
@@ -408,12 +393,12 @@ TEST_F(StartUp, AnUnnamedHostWithNoServerStartsNoneAndDoesNotRetry)
 
 TEST_F(StartUp, ANamedHostStartsTheServerWhenNoneAnswersAndRegistersWithIt)
 {
-    if (RanAsChild()) return;
+    if (RanAsChild(StartsTheServer)) return;
     orvexTest::TempDir dir;
     LateListener server;
     ASSERT_NE(server.Port(), 0);
     server.ListenWhenExists(dir.File("started"));
-    auto child = StartChild("starts-server", server.Port(), WriteReportingProgram(dir));
+    auto child = StartChild(server.Port(), WriteReportingProgram(dir));
     ASSERT_TRUE(child->Running());
     const int pid = child->Pid();
     ExpectPassed(*child);
