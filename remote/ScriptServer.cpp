@@ -745,6 +745,7 @@ int ScriptServerMain(void *, void *)
     SERVER_LOG("ScriptServerApp construct\n");
     s_Server.store(server);
     server->IncRef();
+    StartScripting(nullptr, nil); // registers nothing: the configuration is no host's
     SERVER_LOG("ScriptServerApp::Main() enter\n");
 
     const int pid = ServerNet::ProcessId();
@@ -817,6 +818,7 @@ int ScriptServerMain(void *, void *)
     // Connection threads finish their records after the count of connections fell: let them.
     for (int waited = 0; s_LiveHostApps.load() > 0 && waited < kDrainMs; waited += 10)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    CleanupScripting();
     s_Server.store(nullptr);
     server->DecRef();
     return status;
