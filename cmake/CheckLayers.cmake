@@ -14,10 +14,11 @@ set(layers
   "values/sync|values/base"
   "values/model|values/base,values/sync"
   "values/tags|values/base,values/sync,values/model"
+  "datalua|values/base,values/sync,values/model"
   "objects|values/base,values/sync,values/model,values/tags"
   "remote|values/base,values/sync,values/model,values/tags,objects"
   "languages/lua|values/base,values/sync,values/model,values/tags,objects,remote")
-set(known_folders values/base values/sync values/model values/tags objects remote languages/lua testsupport)
+set(known_folders values/base values/sync values/model values/tags datalua objects remote languages/lua testsupport)
 # System headers the value layer keeps inside linux/ (and that its tests may still use).
 set(system_only "pthread\\.h|unistd\\.h|langinfo\\.h|locale\\.h|clocale|sys/[a-z_]+\\.h|fcntl\\.h|ifaddrs\\.h|netdb\\.h|arpa/inet\\.h|netinet/in\\.h")
 set(lua_headers "lua\\.h|lua\\.hpp|lualib\\.h|lauxlib\\.h|luajit\\.h|luaconf\\.h")
