@@ -1,0 +1,350 @@
+// The writer of the value text form: ToTextLen and ToText, and the serialize prologue that readers put
+// in front of such texts. One walker serves both: it emits into a counting sink or a writing sink, so
+// the length can't drift from the text. Tables are walked with an explicit stack, so nesting depth is
+// bounded by memory, not by the C stack. The readers live in datalua/ and languages/lua/.
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include "values/base/TextLocale.h"
+#include "values/model/ScriptVal.h"
+#include "values/model/TableEntry.h"
+
+namespace orvexScript
+{
+
+const char *GetSerializePrologue(TagList *)
+{
+    return "local _ = { _parent = getfenv(1)};setmetatable(_,{\t__index = function(x,n)\t\tlocal ret = "
+           "rawget(x, '_parent')[n]\t\tif not ret then\t\t\tret = { name = n }\t\t\tsetmetatable(ret, "
+           "{\t\t\t\t__call = function(t, a) a.__ctor = t.name; return a; end,\t\t\t\t__index = "
+           "function(t, i) t.name = t.name .. '.' .. i; return t end,\t\t\t\t})\t\tend\t\t\t\treturn "
+           "ret\tend});setfenv(1, _);return ";
+}
+
+namespace
+{
+
+// Integers print as the C library would print them, without a trip through printf; everything else
+// goes through "%g" (single precision values) or "%.15g".
+size_t FormatNumber(char *out, double v, bool single)
+{
+    const double limit = single ? 1e6 : 1e15;
+    if (v > -limit && v < limit && v == std::trunc(v))
+    {
+        char digits[24];
+        size_t n = 0;
+        unsigned long long u = static_cast<unsigned long long>(v < 0 ? -v : v);
+        do
+        {
+            digits[n++] = static_cast<char>('0' + u % 10);
+            u /= 10;
+        } while (u);
+        size_t len = 0;
+        if (std::signbit(v)) out[len++] = '-';
+        while (n) out[len++] = digits[--n];
+        out[len] = '\0';
+        return len;
+    }
+    const int len = std::snprintf(out, 32, single ? "%g" : "%.15g", v);
+    return len > 0 ? static_cast<size_t>(len) : 0;
+}
+
+bool IsReservedWord(const char *s, size_t len)
+{
+    static const char *const words[] = {"and", "break", "do", "else", "elseif", "end", "false",
+                                        "for", "function", "if", "in", "local", "nil", "not",
+                                        "or", "repeat", "return", "then", "true", "until", "while"};
+    for (const char *word : words)
+        if (std::strlen(word) == len && std::memcmp(word, s, len) == 0) return true;
+    return false;
+}
+
+// A key written without brackets: a letter first, then letters, digits and '_' (C locale), and no
+// reserved word.
+bool IsPlainName(const char *s)
+{
+    auto alpha = [](unsigned char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
+    const auto *p = reinterpret_cast<const unsigned char *>(s);
+    if (!alpha(*p)) return false;
+    size_t len = 1;
+    for (; p[len]; ++len)
+        if (!alpha(p[len]) && !(p[len] >= '0' && p[len] <= '9') && p[len] != '_') return false;
+    return !IsReservedWord(s, len);
+}
+
+inline bool NeedsEscape(unsigned char c)
+{
+    return c == '\\' || c == '"' || c == '\r' || c == '\n';
+}
+
+const char kHexDigits[] = "0123456789ABCDEF";
+
+struct CountSink
+{
+    unsigned long n = 0;
+    void Put(const char *, size_t len) { n += len; }
+    void Char(char) { ++n; }
+    void Tabs(int count) { n += count > 0 ? static_cast<unsigned long>(count) : 0; }
+    void Number(double v, bool single)
+    {
+        char buf[32];
+        n += FormatNumber(buf, v, single);
+    }
+    void Quoted(const char *s)
+    {
+        n += 2;
+        for (const auto *p = reinterpret_cast<const unsigned char *>(s); *p; ++p)
+            n += NeedsEscape(*p) ? 2 : 1;
+    }
+    void HexByte(unsigned char) { n += 2; }
+};
+
+struct WriteSink
+{
+    char *p;
+    void Put(const char *s, size_t len)
+    {
+        std::memcpy(p, s, len);
+        p += len;
+    }
+    void Char(char c) { *p++ = c; }
+    void Tabs(int count)
+    {
+        for (int i = 0; i < count; ++i)
+            *p++ = '\t';
+    }
+    void Number(double v, bool single) { p += FormatNumber(p, v, single); }
+    void Quoted(const char *s)
+    {
+        *p++ = '"';
+        for (const auto *q = reinterpret_cast<const unsigned char *>(s); *q; ++q)
+        {
+            const unsigned char c = *q;
+            if (!NeedsEscape(c))
+            {
+                *p++ = static_cast<char>(c);
+                continue;
+            }
+            *p++ = '\\';
+            *p++ = c == '\r' ? 'r' : c == '\n' ? 'n' : static_cast<char>(c);
+        }
+        *p++ = '"';
+    }
+    void HexByte(unsigned char c)
+    {
+        *p++ = kHexDigits[c >> 4];
+        *p++ = kHexDigits[c & 15];
+    }
+};
+
+template <class Sink, size_t N> void Literal(Sink &sink, const char (&text)[N])
+{
+    sink.Put(text, N - 1);
+}
+
+// Tabs(n) of a container at depth `depth`: nothing at all when the depth is negative.
+inline int Indent(int depth, int n)
+{
+    return depth < 0 ? 0 : n;
+}
+
+inline bool IsLive(const TableEntry *entry)
+{
+    return !entry->m_Key.IsNil() && !entry->m_Value.IsNil();
+}
+
+inline const TableEntry *NextLive(const TableEntry *entry)
+{
+    while (entry && !IsLive(entry))
+        entry = entry->m_Next;
+    return entry;
+}
+
+template <class Sink> void WriteBlock(Sink &sink, const ScriptVal &value, int depth)
+{
+    const auto *bytes = static_cast<const unsigned char *>(value.m_Value.m_MemBlock.m_Ptr);
+    const uint32_t size = bytes ? value.m_Value.m_MemBlock.m_Size : 0;
+    const int tabs = Indent(depth, depth + 1);
+    Literal(sink, "HexData [[");
+    if (size <= 16)
+        sink.Char(' ');
+    else
+    {
+        sink.Char('\n');
+        sink.Tabs(tabs);
+    }
+    for (uint32_t i = 0; i < size; ++i)
+    {
+        sink.HexByte(bytes[i]);
+        if (i % 16 == 15)
+        {
+            sink.Char('\n');
+            sink.Tabs(tabs);
+        }
+        else
+            sink.Char(' ');
+    }
+    Literal(sink, "]]");
+}
+
+template <class Sink> void WriteScalar(Sink &sink, const ScriptVal &value, int depth)
+{
+    switch (value.Type())
+    {
+    case SV_Number:
+        sink.Number(value.m_Value.m_Number, value.GetFlags(SVF_Single) != 0);
+        break;
+    case SV_String:
+        sink.Quoted(value.m_Value.m_String.m_String ? value.m_Value.m_String.m_String + 1 : "");
+        break;
+    case SV_Boolean:
+        if (value.m_Value.m_Boolean)
+            Literal(sink, "true");
+        else
+            Literal(sink, "false");
+        break;
+    case SV_MemBlock:
+        WriteBlock(sink, value, depth);
+        break;
+    default:
+        Literal(sink, "nil");
+        break;
+    }
+}
+
+// One open table: where its walk stands.
+struct TableFrame
+{
+    const TableEntry *entry; // the live entry being written, or null when all are done
+    int depth;
+    unsigned long count;   // entries begun so far
+    double position;       // the next positional key
+    bool single;           // the table's SVF_Single: every number key explicit
+    bool oneLine;
+    bool paren;            // "ordered() (" was written
+    bool valueWritten;     // the current entry's value is out; its separator is next
+};
+
+template <class Sink> void OpenTable(Sink &sink, const ScriptVal &table, int depth, std::vector<TableFrame> &stack)
+{
+    const bool ordered = table.GetFlags(SVF_Ordered) != 0;
+    const char *name = table.GetConstructor();
+    const bool paren = ordered && name;
+    if (ordered) Literal(sink, "ordered() ");
+    if (paren) sink.Char('(');
+    if (name)
+    {
+        sink.Put(name, std::strlen(name));
+        sink.Char(' ');
+    }
+    const bool oneLine = table.GetFlags(SVF_OneLine) != 0;
+    if (oneLine)
+        Literal(sink, "{ ");
+    else
+        Literal(sink, "{\n");
+    stack.push_back(TableFrame{NextLive(table.FirstEntry()), depth, 0, 1.0, table.GetFlags(SVF_Single) != 0,
+                               oneLine, paren, false});
+}
+
+template <class Sink> void CloseTable(Sink &sink, const TableFrame &frame)
+{
+    if (!frame.oneLine && frame.depth >= 1) sink.Tabs(frame.depth);
+    sink.Char('}');
+    if (frame.paren) sink.Char(')');
+}
+
+template <class Sink> void WriteKey(Sink &sink, TableFrame &frame, const ScriptVal &key)
+{
+    if (key.IsNumber())
+    {
+        const double number = key.m_Value.m_Number;
+        if (!frame.single && number == frame.position)
+        {
+            frame.position += 1;
+            return;
+        }
+        sink.Char('[');
+        sink.Number(number, key.GetFlags(SVF_Single) != 0);
+        Literal(sink, "] = ");
+    }
+    else if (key.IsString())
+    {
+        const char *text = key.m_Value.m_String.m_String ? key.m_Value.m_String.m_String + 1 : "";
+        if (IsPlainName(text))
+        {
+            sink.Put(text, std::strlen(text));
+            Literal(sink, " = ");
+        }
+        else
+        {
+            sink.Char('[');
+            sink.Quoted(text);
+            Literal(sink, "] = ");
+        }
+    }
+}
+
+template <class Sink> void WriteValue(Sink &sink, const ScriptVal &root, int depth)
+{
+    if (root.Type() != SV_Table && root.Type() != SV_Args)
+    {
+        WriteScalar(sink, root, depth);
+        return;
+    }
+    std::vector<TableFrame> stack;
+    OpenTable(sink, root, depth, stack);
+    while (!stack.empty())
+    {
+        TableFrame &frame = stack.back();
+        if (frame.valueWritten)
+        {
+            frame.valueWritten = false;
+            const TableEntry *next = NextLive(frame.entry->m_Next);
+            if (frame.oneLine && !(next && frame.count % 256 == 0))
+                Literal(sink, ", ");
+            else
+                Literal(sink, ",\n");
+            frame.entry = next;
+        }
+        if (!frame.entry)
+        {
+            CloseTable(sink, frame);
+            stack.pop_back();
+            continue;
+        }
+        if (!frame.oneLine || (frame.count != 0 && frame.count % 256 == 0))
+            sink.Tabs(Indent(frame.depth, frame.depth + 1));
+        ++frame.count;
+        WriteKey(sink, frame, frame.entry->m_Key);
+        frame.valueWritten = true;
+        const ScriptVal &value = frame.entry->m_Value;
+        const int childDepth = frame.depth + 1;
+        if (value.Type() == SV_Table || value.Type() == SV_Args)
+            OpenTable(sink, value, childDepth, stack); // `frame` is not used after this
+        else
+            WriteScalar(sink, value, childDepth);
+    }
+}
+
+} // namespace
+
+unsigned long ScriptVal::ToTextLen(int depth) const
+{
+    if (depth == 0) TextLocale::UseCLocale();
+    CountSink sink;
+    WriteValue(sink, *this, depth);
+    return sink.n;
+}
+
+char *ScriptVal::ToText(char *buffer, int depth) const
+{
+    if (depth == 0) TextLocale::UseCLocale();
+    WriteSink sink{buffer};
+    WriteValue(sink, *this, depth);
+    *sink.p = '\0';
+    return sink.p;
+}
+
+} // namespace orvexScript
