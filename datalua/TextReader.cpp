@@ -1,0 +1,1112 @@
+// The direct reader of value texts. It lexes like the interpreter's lexer (same tokens, line counting,
+// escapes and long strings) and evaluates the data subset in the interpreter's order, with the
+// interpreter's quirks: positional items are stored in batches of 50, the one-shot ordered() state goes
+// to the next table created (a constructor record included), a table is one-line when its first item
+// ends on the line of its brace, and equal zero constants share the sign of the first one. Nesting is
+// kept on an explicit stack. Whatever falls outside the subset, or breaks a syntax rule, or comes near
+// one of the compiler's limits, is handed over so that the interpreter decides and words the error.
+//
+// Sections: lexer, table building, the evaluator, entry point.
+#include "datalua/TextReader.h"
+
+#include <locale.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "values/base/StringBlock.h"
+#include "values/model/ScriptVal.h"
+#include "values/model/TableEntry.h"
+
+namespace orvexScript::datalua
+{
+namespace
+{
+
+// ---- lexer -------------------------------------------------------------------------------------
+
+enum Tok : uint8_t
+{
+    T_Eof,
+    T_Name,
+    T_Number,
+    T_String,
+    T_True,
+    T_False,
+    T_Nil,
+    T_LBrace,
+    T_RBrace,
+    T_LBracket,
+    T_RBracket,
+    T_LParen,
+    T_RParen,
+    T_Assign,
+    T_Comma,
+    T_Semi,
+    T_Dot,
+    T_Minus,
+    T_Other, // anything outside the subset, or a lexical error
+};
+
+struct Token
+{
+    Tok type = T_Eof;
+    int endLine = 1;         // the lexer's line once the token was read
+    const char *text = nullptr; // name or string bytes (in the source or in `buffer`)
+    size_t length = 0;
+    double number = 0;
+    std::string buffer;      // decoded string bytes when they differ from the source
+};
+
+inline bool IsDigit(unsigned char c)
+{
+    return c >= '0' && c <= '9';
+}
+
+inline bool IsAlpha(unsigned char c)
+{
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+
+inline bool IsNameChar(unsigned char c)
+{
+    return IsAlpha(c) || IsDigit(c) || c == '_';
+}
+
+inline bool IsNewline(char c)
+{
+    return c == '\n' || c == '\r';
+}
+
+locale_t CLocale()
+{
+    static locale_t locale = newlocale(LC_ALL_MASK, "C", nullptr);
+    return locale;
+}
+
+// A numeral as the interpreter converts it: strtod, then a hexadecimal retry, nothing but blanks
+// behind it.
+bool ConvertNumeral(const char *s, size_t n, double &out)
+{
+    if (n <= 15)
+    {
+        uint64_t value = 0;
+        size_t i = 0;
+        while (i < n && IsDigit(static_cast<unsigned char>(s[i])))
+            value = value * 10 + static_cast<uint64_t>(s[i++] - '0');
+        if (i == n)
+        {
+            out = static_cast<double>(value);
+            return true;
+        }
+    }
+    const auto fast = std::from_chars(s, s + n, out);
+    if (fast.ec == std::errc() && fast.ptr == s + n) return true;
+    std::string text(s, n);
+    char *end = nullptr;
+    out = CLocale() ? strtod_l(text.c_str(), &end, CLocale()) : std::strtod(text.c_str(), &end);
+    if (end == text.c_str()) return false;
+    if (*end == 'x' || *end == 'X') out = static_cast<double>(std::strtoul(text.c_str(), &end, 16));
+    return *end == '\0'; // a numeral holds no blanks
+}
+
+bool IsReserved(const char *s, size_t n)
+{
+    static const char *const words[] = {"and",   "break", "do",  "else", "elseif", "end",    "false",
+                                        "for",   "function", "if", "in",  "local",  "nil",   "not",
+                                        "or",    "repeat", "return", "then", "true", "until", "while"};
+    for (const char *word : words)
+        if (std::strlen(word) == n && std::memcmp(word, s, n) == 0) return true;
+    return false;
+}
+
+class Lexer
+{
+public:
+    Lexer(const char *text, size_t length) : m_P(text), m_End(text + length) {}
+
+    Token &Current() { return m_Tokens[m_Cur]; }
+    void Next()
+    {
+        if (m_HasAhead)
+        {
+            m_Cur ^= 1;
+            m_HasAhead = false;
+        }
+        else
+            Lex(m_Tokens[m_Cur]);
+    }
+    Token &Peek()
+    {
+        if (!m_HasAhead)
+        {
+            Lex(m_Tokens[m_Cur ^ 1]);
+            m_HasAhead = true;
+        }
+        return m_Tokens[m_Cur ^ 1];
+    }
+
+private:
+    void NewLine()
+    {
+        const char old = *m_P++;
+        if (m_P < m_End && IsNewline(*m_P) && *m_P != old) ++m_P;
+        ++m_Line;
+    }
+
+    // At '[' or ']': consumes it and any '=' behind; the count of '=' if the same bracket follows,
+    // else -(count) - 1.
+    int SkipSep()
+    {
+        const char bracket = *m_P++;
+        int count = 0;
+        while (m_P < m_End && *m_P == '=')
+        {
+            ++m_P;
+            ++count;
+        }
+        return (m_P < m_End && *m_P == bracket) ? count : -count - 1;
+    }
+
+    bool ReadLong(int sep, Token *t);
+    bool ReadString(Token &t);
+    void Lex(Token &t);
+
+    const char *m_P;
+    const char *m_End;
+    int m_Line = 1;
+    Token m_Tokens[2];
+    int m_Cur = 0;
+    bool m_HasAhead = false;
+};
+
+// A long string or comment; m_P stands on its second opening bracket. False if it doesn't end.
+bool Lexer::ReadLong(int sep, Token *t)
+{
+    ++m_P;
+    if (m_P < m_End && IsNewline(*m_P)) NewLine();
+    const char *start = m_P;
+    bool decoded = false; // a '\r' makes the bytes differ from the source
+    if (t) t->buffer.clear();
+    for (;;)
+    {
+        if (m_P >= m_End) return false;
+        const char c = *m_P;
+        if (c == ']')
+        {
+            const char *at = m_P;
+            if (SkipSep() == sep)
+            {
+                if (t)
+                {
+                    if (decoded)
+                    {
+                        t->buffer.append(start, at);
+                        t->text = t->buffer.data();
+                        t->length = t->buffer.size();
+                    }
+                    else
+                    {
+                        t->text = start;
+                        t->length = static_cast<size_t>(at - start);
+                    }
+                }
+                ++m_P;
+                return true;
+            }
+        }
+        else if (c == '[')
+        {
+            if (SkipSep() == sep)
+            {
+                if (sep == 0) return false; // nested [[ is an error of the interpreter
+                ++m_P;
+            }
+        }
+        else if (IsNewline(c))
+        {
+            if (c == '\r' || (m_P + 1 < m_End && m_P[1] == '\r'))
+            {
+                if (t)
+                {
+                    t->buffer.append(start, m_P);
+                    t->buffer.push_back('\n');
+                }
+                decoded = true;
+                NewLine();
+                start = m_P;
+            }
+            else
+                NewLine();
+        }
+        else
+            ++m_P;
+    }
+}
+
+bool Lexer::ReadString(Token &t)
+{
+    const char delimiter = *m_P++;
+    const char *start = m_P;
+    while (m_P < m_End && *m_P != delimiter && *m_P != '\\' && !IsNewline(*m_P))
+        ++m_P;
+    if (m_P < m_End && *m_P == delimiter)
+    {
+        t.text = start;
+        t.length = static_cast<size_t>(m_P - start);
+        ++m_P;
+        return true;
+    }
+    std::string &out = t.buffer;
+    out.assign(start, m_P);
+    for (;;)
+    {
+        if (m_P >= m_End || IsNewline(*m_P)) return false;
+        const char c = *m_P;
+        if (c == delimiter) break;
+        if (c != '\\')
+        {
+            out.push_back(c);
+            ++m_P;
+            continue;
+        }
+        ++m_P;
+        if (m_P >= m_End) return false;
+        const char e = *m_P;
+        switch (e)
+        {
+        case 'a': out.push_back('\a'); break;
+        case 'b': out.push_back('\b'); break;
+        case 'f': out.push_back('\f'); break;
+        case 'n': out.push_back('\n'); break;
+        case 'r': out.push_back('\r'); break;
+        case 't': out.push_back('\t'); break;
+        case 'v': out.push_back('\v'); break;
+        case '\n':
+        case '\r':
+            out.push_back('\n');
+            NewLine();
+            continue;
+        default:
+            if (!IsDigit(static_cast<unsigned char>(e)))
+            {
+                out.push_back(e);
+                break;
+            }
+            int value = 0;
+            for (int i = 0; i < 3 && m_P < m_End && IsDigit(static_cast<unsigned char>(*m_P)); ++i)
+                value = value * 10 + (*m_P++ - '0');
+            if (value > 255) return false;
+            out.push_back(static_cast<char>(value));
+            continue;
+        }
+        ++m_P;
+    }
+    ++m_P;
+    t.text = out.data();
+    t.length = out.size();
+    return true;
+}
+
+void Lexer::Lex(Token &t)
+{
+    for (;;)
+    {
+        if (m_P >= m_End)
+        {
+            t.type = T_Eof;
+            break;
+        }
+        const auto c = static_cast<unsigned char>(*m_P);
+        if (c == '\n' || c == '\r')
+        {
+            NewLine();
+            continue;
+        }
+        if (c == ' ' || c == '\t' || c == '\f' || c == '\v')
+        {
+            ++m_P;
+            continue;
+        }
+        if (c == '-')
+        {
+            if (m_P + 1 < m_End && m_P[1] == '-')
+            {
+                m_P += 2;
+                if (m_P < m_End && *m_P == '[')
+                {
+                    const int sep = SkipSep();
+                    if (sep >= 0)
+                    {
+                        if (!ReadLong(sep, nullptr))
+                        {
+                            t.type = T_Other;
+                            break;
+                        }
+                        continue;
+                    }
+                }
+                while (m_P < m_End && !IsNewline(*m_P))
+                    ++m_P;
+                continue;
+            }
+            ++m_P;
+            t.type = T_Minus;
+            break;
+        }
+        if (c == '[')
+        {
+            const int sep = SkipSep();
+            if (sep >= 0)
+                t.type = ReadLong(sep, &t) ? T_String : T_Other;
+            else
+                t.type = sep == -1 ? T_LBracket : T_Other;
+            break;
+        }
+        if (c == '"' || c == '\'')
+        {
+            t.type = ReadString(t) ? T_String : T_Other;
+            break;
+        }
+        if (IsDigit(c) || (c == '.' && m_P + 1 < m_End && IsDigit(static_cast<unsigned char>(m_P[1]))))
+        {
+            const char *start = m_P;
+            do
+                ++m_P;
+            while (m_P < m_End && (IsDigit(static_cast<unsigned char>(*m_P)) || *m_P == '.'));
+            if (m_P < m_End && (*m_P == 'e' || *m_P == 'E'))
+            {
+                ++m_P;
+                if (m_P < m_End && (*m_P == '+' || *m_P == '-')) ++m_P;
+            }
+            while (m_P < m_End && IsNameChar(static_cast<unsigned char>(*m_P)))
+                ++m_P;
+            t.type = ConvertNumeral(start, static_cast<size_t>(m_P - start), t.number) ? T_Number : T_Other;
+            break;
+        }
+        if (IsAlpha(c) || c == '_')
+        {
+            const char *start = m_P;
+            while (m_P < m_End && IsNameChar(static_cast<unsigned char>(*m_P)))
+                ++m_P;
+            t.text = start;
+            t.length = static_cast<size_t>(m_P - start);
+            t.type = T_Name;
+            if (IsReserved(start, t.length))
+            {
+                if (t.length == 4 && std::memcmp(start, "true", 4) == 0)
+                    t.type = T_True;
+                else if (t.length == 5 && std::memcmp(start, "false", 5) == 0)
+                    t.type = T_False;
+                else if (t.length == 3 && std::memcmp(start, "nil", 3) == 0)
+                    t.type = T_Nil;
+                else
+                    t.type = T_Other;
+            }
+            break;
+        }
+        ++m_P;
+        switch (c)
+        {
+        case '{': t.type = T_LBrace; break;
+        case '}': t.type = T_RBrace; break;
+        case ']': t.type = T_RBracket; break;
+        case '(': t.type = T_LParen; break;
+        case ')': t.type = T_RParen; break;
+        case ',': t.type = T_Comma; break;
+        case ';': t.type = T_Semi; break;
+        case '=': t.type = (m_P < m_End && *m_P == '=') ? T_Other : T_Assign; break;
+        case '.': t.type = (m_P < m_End && *m_P == '.') ? T_Other : T_Dot; break;
+        default: t.type = T_Other; break;
+        }
+        break;
+    }
+    t.endLine = m_Line;
+}
+
+// ---- table building ----------------------------------------------------------------------------
+
+// Bytes read from a string: a string value, or a block when they hold a zero byte.
+void MakeString(ScriptVal &out, const char *text, size_t length)
+{
+    if (std::memchr(text, 0, length))
+    {
+        void *bytes = std::malloc(length ? length : 1);
+        if (!bytes) return;
+        std::memcpy(bytes, text, length);
+        out.CleanUp();
+        out.m_Type = SV_MemBlock;
+        out.m_Value.m_MemBlock.m_Ptr = bytes;
+        out.m_Value.m_MemBlock.m_Size = static_cast<uint32_t>(length);
+        return;
+    }
+    // The block is made here from the exact bytes: a text pointer that starts with the block marker
+    // would otherwise be taken for a block.
+    char *block = StringBlockNew(text, length);
+    if (!block) return;
+    ScriptValue payload{};
+    payload.m_String.m_String = block;
+    payload.m_String.m_StringCopy = block;
+    payload.m_String.m_Hash = StringHash(block + 1, length);
+    out.Set(SV_String, &payload);
+    StringBlockRelease(block);
+}
+
+bool SameString(const ScriptVal &a, const ScriptVal &b)
+{
+    return a.m_Value.m_String.m_Hash == b.m_Value.m_String.m_Hash &&
+           std::strcmp(a.m_Value.m_String.m_String + 1, b.m_Value.m_String.m_String + 1) == 0;
+}
+
+constexpr int kFlushItems = 50; // positional items stored at once, as the compiler batches them
+
+// One table under construction. Number keys are gathered with the moment of their assignment, so
+// that the last assignment of a key wins as it does in the interpreter; other keys keep the place of
+// their first mention.
+struct TableFrame
+{
+    struct NumberItem
+    {
+        TableEntry *entry;
+        uint64_t time;
+    };
+
+    bool isParen = false;
+    int reg = 0;           // the register the compiler gives the table (an upper bound)
+    int braceLine = 0;
+    bool ordered = false;
+    bool firstDone = false;
+    bool oneLine = false;
+    bool explicitNumbers = false;
+    uint32_t positional = 0;
+    std::string constructor;
+    bool hasConstructor = false;
+
+    // The item in progress.
+    enum ItemKind : uint8_t
+    {
+        Positional,
+        NumberKey,
+        StringKey,
+    } item = Positional;
+    double itemNumber = 0;
+    ScriptVal itemKey;
+
+    std::vector<NumberItem> numbers;
+    std::vector<uint32_t> batch; // positional items not yet stored
+    uint64_t clock = 0;
+    TableEntry *others = nullptr;
+    TableEntry *othersTail = nullptr;
+    size_t otherCount = 0;
+    std::vector<TableEntry *> otherIndex; // open addressing over string keys, for larger tables
+
+    void Reset()
+    {
+        Release();
+        isParen = false;
+        ordered = firstDone = oneLine = explicitNumbers = hasConstructor = false;
+        positional = 0;
+        constructor.clear();
+        item = Positional;
+        itemKey.CleanUp();
+        clock = 0;
+    }
+
+    void Release()
+    {
+        for (NumberItem &n : numbers)
+            delete n.entry;
+        numbers.clear();
+        batch.clear();
+        while (others)
+        {
+            TableEntry *next = others->m_Next;
+            delete others;
+            others = next;
+        }
+        othersTail = nullptr;
+        otherCount = 0;
+        otherIndex.clear();
+    }
+
+    void Flush()
+    {
+        for (uint32_t index : batch)
+            numbers[index].time = ++clock;
+        batch.clear();
+    }
+
+    TableEntry *FindOther(const ScriptVal &key)
+    {
+        if (otherIndex.empty())
+        {
+            for (TableEntry *e = others; e; e = e->m_Next)
+                if (SameString(e->m_Key, key)) return e;
+            return nullptr;
+        }
+        const size_t mask = otherIndex.size() - 1;
+        for (size_t i = key.m_Value.m_String.m_Hash & mask;; i = (i + 1) & mask)
+        {
+            TableEntry *e = otherIndex[i];
+            if (!e) return nullptr;
+            if (SameString(e->m_Key, key)) return e;
+        }
+    }
+
+    void IndexOther(TableEntry *entry)
+    {
+        const size_t mask = otherIndex.size() - 1;
+        size_t i = entry->m_Key.m_Value.m_String.m_Hash & mask;
+        while (otherIndex[i])
+            i = (i + 1) & mask;
+        otherIndex[i] = entry;
+    }
+
+    void GrowIndex()
+    {
+        std::vector<TableEntry *> fresh(otherIndex.empty() ? 64 : otherIndex.size() * 2, nullptr);
+        otherIndex.swap(fresh);
+        for (TableEntry *e = others; e; e = e->m_Next)
+            IndexOther(e);
+    }
+
+    [[nodiscard]] bool AddOther(ScriptVal &key, ScriptVal &value)
+    {
+        if (TableEntry *existing = FindOther(key))
+        {
+            existing->m_Value = std::move(value);
+            return true;
+        }
+        auto *entry = new TableEntry();
+        if (!entry) return false;
+        entry->m_Key = std::move(key);
+        entry->m_Value = std::move(value);
+        if (othersTail)
+            othersTail->m_Next = entry;
+        else
+            others = entry;
+        othersTail = entry;
+        ++otherCount;
+        if (otherCount > 8 && otherCount * 2 > otherIndex.size())
+            GrowIndex();
+        else if (!otherIndex.empty())
+            IndexOther(entry);
+        return true;
+    }
+
+    [[nodiscard]] bool AddNumber(double key, ScriptVal &value, bool isPositional)
+    {
+        auto *entry = new TableEntry();
+        if (!entry) return false;
+        entry->m_Key = key;
+        entry->m_Value = std::move(value);
+        numbers.push_back(NumberItem{entry, isPositional ? 0 : ++clock});
+        if (isPositional) batch.push_back(static_cast<uint32_t>(numbers.size() - 1));
+        return true;
+    }
+
+    // Hands the finished list to `out`: number keys ascending (the last assignment of each), then the
+    // others in order of first mention, without entries whose value is nil.
+    void Finish(ScriptVal &out)
+    {
+        Flush();
+        if (explicitNumbers)
+        {
+            std::stable_sort(numbers.begin(), numbers.end(), [](const NumberItem &a, const NumberItem &b) {
+                const double x = a.entry->m_Key.m_Value.m_Number, y = b.entry->m_Key.m_Value.m_Number;
+                return x < y || (x == y && a.time < b.time);
+            });
+        }
+        TableEntry *head = nullptr;
+        TableEntry **link = &head;
+        for (size_t i = 0; i < numbers.size(); ++i)
+        {
+            TableEntry *e = numbers[i].entry;
+            const bool superseded = explicitNumbers && i + 1 < numbers.size() &&
+                                    numbers[i + 1].entry->m_Key.m_Value.m_Number == e->m_Key.m_Value.m_Number;
+            if (superseded || e->m_Value.IsNil())
+            {
+                delete e;
+                continue;
+            }
+            *link = e;
+            link = &e->m_Next;
+        }
+        numbers.clear();
+        for (TableEntry *e = others; e;)
+        {
+            TableEntry *next = e->m_Next;
+            e->m_Next = nullptr;
+            if (e->m_Value.IsNil())
+                delete e;
+            else
+            {
+                *link = e;
+                link = &e->m_Next;
+            }
+            e = next;
+        }
+        others = othersTail = nullptr;
+        otherCount = 0;
+        otherIndex.clear();
+        *link = nullptr;
+
+        uint32_t flags = 0;
+        if (ordered) flags |= SVF_Ordered;
+        if (positional == 0) flags |= SVF_Single;
+        if (oneLine) flags |= SVF_OneLine;
+        out = ScriptVal(SVType(SV_Table, flags), nullptr);
+        out.SetTable(head);
+        if (hasConstructor) out.SetConstructor(constructor.c_str());
+    }
+};
+
+// ---- the evaluator -----------------------------------------------------------------------------
+
+// Globals of the reading state: under the serialize prologue these names read through instead of
+// making a constructor record, so a text that uses them goes to the interpreter.
+bool IsStateGlobal(const char *s, size_t n)
+{
+    static const char *const names[] = {
+        "_",          "_G",           "_VERSION",      "assert",       "collectgarbage", "coroutine",
+        "dofile",     "error",        "gcinfo",        "getfenv",      "getmetatable",   "ipairs",
+        "load",       "loadfile",     "loadstring",    "module",       "newproxy",       "next",
+        "pairs",      "pcall",        "print",         "rawequal",     "rawget",         "rawset",
+        "require",    "select",       "setfenv",       "setmetatable", "tonumber",       "tostring",
+        "type",       "unpack",       "xpcall",        "sethashstate", "gettableflags",  "settableflags",
+        "HexData",    "MemBlock",     "ordered",       "include",
+    };
+    for (const char *name : names)
+        if (std::strlen(name) == n && std::memcmp(name, s, n) == 0) return true;
+    return false;
+}
+
+bool IsName(const Token &t, const char *name)
+{
+    const size_t n = std::strlen(name);
+    return t.type == T_Name && t.length == n && std::memcmp(t.text, name, n) == 0;
+}
+
+// The bytes of HexData's argument: hexadecimal numbers as strtol finds them, each cut to a byte.
+void ParseHexData(const char *text, size_t length, ScriptVal &out)
+{
+    const std::string source(text, length);
+    size_t count = 0;
+    for (const char *p = source.c_str();;)
+    {
+        char *end = nullptr;
+        (void)std::strtol(p, &end, 16);
+        if (end == p) break;
+        p = end;
+        ++count;
+    }
+    void *bytes = count ? std::malloc(count) : nullptr;
+    if (count && !bytes) return;
+    auto *b = static_cast<unsigned char *>(bytes);
+    size_t i = 0;
+    for (const char *p = source.c_str(); i < count;)
+    {
+        char *end = nullptr;
+        const long value = std::strtol(p, &end, 16);
+        if (end == p) break;
+        p = end;
+        b[i++] = static_cast<unsigned char>(value);
+    }
+    out.CleanUp();
+    out.m_Type = SV_MemBlock;
+    out.m_Value.m_MemBlock.m_Ptr = bytes;
+    out.m_Value.m_MemBlock.m_Size = static_cast<uint32_t>(count);
+}
+
+// Registers: the compiler fails an expression that needs 250; anything that could come near goes to
+// the interpreter.
+constexpr int kRegisterBound = 230;
+
+class Evaluator
+{
+public:
+    Evaluator(const char *text, size_t length, TextPrologue prologue, const DirectLimits &limits)
+        : m_Lex(text, length), m_Serialize(prologue == TextPrologue::Serialize), m_Limits(limits)
+    {
+    }
+
+    ~Evaluator()
+    {
+        for (size_t i = 0; i < m_Depth; ++i)
+            m_Frames[i].Release();
+    }
+
+    bool Run(ScriptVal &out);
+    // The result came from a string literal (its bytes are the result's text even when it converted
+    // to a block, having a zero byte).
+    bool ResultIsString() const { return m_LastString; }
+
+private:
+    enum class Start
+    {
+        Scalar, // `value` holds a finished value
+        Opened, // a table was opened: its items come next
+        Paren,  // a parenthesis was opened: a value comes next
+        Fail,
+    };
+
+    Token &Tok() { return m_Lex.Current(); }
+    void Next() { m_Lex.Next(); }
+
+    // The register the next value goes to.
+    int NextRegister() const
+    {
+        if (m_Depth == 0) return m_Serialize ? 1 : 0;
+        const TableFrame &f = m_Frames[m_Depth - 1];
+        if (f.isParen) return f.reg;
+        return f.reg + 1 + static_cast<int>(f.batch.size()) + (f.item == TableFrame::Positional ? 0 : 1);
+    }
+
+    TableFrame *Push(int reg)
+    {
+        if (static_cast<int>(m_Depth) >= m_Limits.maxNesting || reg + 2 >= kRegisterBound) return nullptr;
+        if (m_Depth == m_Frames.size()) m_Frames.emplace_back();
+        TableFrame *f = &m_Frames[m_Depth++];
+        f->Reset();
+        f->reg = reg;
+        return f;
+    }
+
+    Start OpenTable(int reg, std::string *constructor);
+    Start StartValue(ScriptVal &value);
+    Start StartName(ScriptVal &value);
+    bool StartItem(TableFrame &f);
+    bool FinishItem(TableFrame &f, ScriptVal &value);
+    void Number(ScriptVal &value, double number);
+
+    Lexer m_Lex;
+    bool m_Serialize;
+    DirectLimits m_Limits;
+    std::vector<TableFrame> m_Frames;
+    size_t m_Depth = 0;
+    bool m_OrderedNext = false; // the one-shot state that ordered() sets
+    bool m_LastString = false;  // the last value read was a string literal
+    int m_ZeroSign = 0;         // 0 none yet, 1 the first zero constant was +0, -1 it was -0
+};
+
+// Number constants are shared within the chunk, and 0 and -0 are one constant: whichever came first.
+void Evaluator::Number(ScriptVal &value, double number)
+{
+    if (number == 0)
+    {
+        if (m_ZeroSign == 0) m_ZeroSign = std::signbit(number) ? -1 : 1;
+        number = m_ZeroSign < 0 ? -0.0 : 0.0;
+    }
+    value = number;
+}
+
+Evaluator::Start Evaluator::OpenTable(int reg, std::string *constructor)
+{
+    TableFrame *f = Push(reg);
+    if (!f) return Start::Fail;
+    f->ordered = m_OrderedNext;
+    m_OrderedNext = false;
+    f->braceLine = Tok().endLine;
+    if (constructor)
+    {
+        f->constructor.swap(*constructor);
+        f->hasConstructor = true;
+    }
+    Next();
+    return Start::Opened;
+}
+
+// A name at the start of a value: HexData, ordered(), or (under the serialize prologue) a record.
+Evaluator::Start Evaluator::StartName(ScriptVal &value)
+{
+    const int reg = NextRegister();
+    if (IsName(Tok(), "HexData"))
+    {
+        Next();
+        if (Tok().type != T_String || reg + 2 >= kRegisterBound) return Start::Fail;
+        ParseHexData(Tok().text, Tok().length, value);
+        Next();
+        return Start::Scalar;
+    }
+    if (IsName(Tok(), "ordered"))
+    {
+        Next();
+        if (Tok().type != T_LParen) return Start::Fail;
+        Next();
+        if (Tok().type != T_RParen) return Start::Fail;
+        Next();
+        m_OrderedNext = true;
+        // The function it gives returns its argument: a table, a string or a parenthesis.
+        switch (Tok().type)
+        {
+        case T_LBrace:
+            return OpenTable(reg + 1, nullptr);
+        case T_String:
+            MakeString(value, Tok().text, Tok().length);
+            m_LastString = true;
+            Next();
+            return Start::Scalar;
+        case T_LParen: {
+            TableFrame *f = Push(reg + 1);
+            if (!f) return Start::Fail;
+            f->isParen = true;
+            Next();
+            return Start::Paren;
+        }
+        default:
+            return Start::Fail;
+        }
+    }
+    if (!m_Serialize || IsStateGlobal(Tok().text, Tok().length)) return Start::Fail;
+    // A constructor record: made now (it takes the ordered() state), named by the dotted path.
+    const bool recordOrdered = m_OrderedNext;
+    m_OrderedNext = false;
+    std::string name(Tok().text, Tok().length);
+    Next();
+    while (Tok().type == T_Dot)
+    {
+        Next();
+        if (Tok().type != T_Name || IsName(Tok(), "name")) return Start::Fail;
+        name.push_back('.');
+        name.append(Tok().text, Tok().length);
+        Next();
+    }
+    if (Tok().type == T_LBrace) return OpenTable(reg + 1, &name);
+    value = ScriptVal(SVType(SV_Table, SVF_Single | SVF_OneLine | (recordOrdered ? SVF_Ordered : 0)), nullptr);
+    value["name"] = name.c_str();
+    return Start::Scalar;
+}
+
+Evaluator::Start Evaluator::StartValue(ScriptVal &value)
+{
+    Token &t = Tok();
+    m_LastString = t.type == T_String;
+    switch (t.type)
+    {
+    case T_Number:
+        Number(value, t.number);
+        Next();
+        return Start::Scalar;
+    case T_Minus:
+        Next();
+        if (Tok().type != T_Number) return Start::Fail;
+        Number(value, -Tok().number);
+        Next();
+        return Start::Scalar;
+    case T_String:
+        MakeString(value, t.text, t.length);
+        Next();
+        return Start::Scalar;
+    case T_True:
+    case T_False:
+        value = t.type == T_True;
+        Next();
+        return Start::Scalar;
+    case T_Nil:
+        value.CleanUp();
+        Next();
+        return Start::Scalar;
+    case T_LBrace:
+        return OpenTable(NextRegister(), nullptr);
+    case T_LParen: {
+        TableFrame *f = Push(NextRegister());
+        if (!f) return Start::Fail;
+        f->isParen = true;
+        Next();
+        return Start::Paren;
+    }
+    case T_Name:
+        return StartName(value);
+    default:
+        return Start::Fail;
+    }
+}
+
+// At an item of the open table: stores a full batch of positional items, then reads the key, if any.
+bool Evaluator::StartItem(TableFrame &f)
+{
+    if (f.batch.size() == kFlushItems) f.Flush();
+    f.item = TableFrame::Positional;
+    if (NextRegister() + 3 >= kRegisterBound) return false; // the key, the value and a call's argument
+    Token &t = Tok();
+    if (t.type == T_Name && m_Lex.Peek().type == T_Assign)
+    {
+        if ((t.length == 6 && std::memcmp(t.text, "__ctor", 6) == 0) ||
+            (t.length == 7 && std::memcmp(t.text, "__flags", 7) == 0))
+            return false;
+        MakeString(f.itemKey, t.text, t.length);
+        f.item = TableFrame::StringKey;
+        Next();
+        Next();
+        return f.itemKey.IsString();
+    }
+    if (t.type != T_LBracket) return true;
+    Next();
+    Token &k = Tok();
+    if (k.type == T_String)
+    {
+        MakeString(f.itemKey, k.text, k.length);
+        if (!f.itemKey.IsString()) return false; // a key with a zero byte
+        const char *s = f.itemKey.m_Value.m_String.m_String + 1;
+        if (std::strcmp(s, "__ctor") == 0 || std::strcmp(s, "__flags") == 0) return false;
+        f.item = TableFrame::StringKey;
+        Next();
+    }
+    else
+    {
+        bool negative = false;
+        if (k.type == T_Minus)
+        {
+            negative = true;
+            Next();
+        }
+        if (Tok().type != T_Number) return false;
+        ScriptVal key;
+        Number(key, negative ? -Tok().number : Tok().number);
+        f.itemNumber = key.m_Value.m_Number;
+        f.item = TableFrame::NumberKey;
+        Next();
+    }
+    if (Tok().type != T_RBracket) return false;
+    Next();
+    if (Tok().type != T_Assign) return false;
+    Next();
+    return true;
+}
+
+bool Evaluator::FinishItem(TableFrame &f, ScriptVal &value)
+{
+    switch (f.item)
+    {
+    case TableFrame::Positional:
+        ++f.positional;
+        if (!f.AddNumber(f.positional, value, true)) return false;
+        break;
+    case TableFrame::NumberKey:
+        f.explicitNumbers = true;
+        if (!f.AddNumber(f.itemNumber, value, false)) return false;
+        break;
+    case TableFrame::StringKey:
+        if (!f.AddOther(f.itemKey, value)) return false;
+        f.itemKey.CleanUp();
+        break;
+    }
+    f.item = TableFrame::Positional;
+    if (!f.firstDone)
+    {
+        f.firstDone = true;
+        f.oneLine = Tok().endLine == f.braceLine;
+    }
+    return true;
+}
+
+bool Evaluator::Run(ScriptVal &out)
+{
+    Next();
+    // "return" gives no value when the chunk ends or a ';' follows at once.
+    if (Tok().type == T_Eof) return true;
+    if (Tok().type == T_Semi)
+    {
+        Next();
+        return Tok().type == T_Eof;
+    }
+    ScriptVal value;
+    for (;;)
+    {
+        Start started = StartValue(value);
+        while (started == Start::Paren)
+            started = StartValue(value);
+        if (started == Start::Fail) return false;
+        bool needValue = false;
+        if (started == Start::Opened)
+        {
+            // Items of the table just opened; a value item leaves the loop to be read.
+            TableFrame &f = m_Frames[m_Depth - 1];
+            if (Tok().type != T_RBrace)
+            {
+                if (!StartItem(f)) return false;
+                needValue = true;
+            }
+            else
+            {
+                f.Finish(value);
+                --m_Depth;
+                Next();
+            }
+        }
+        // A finished value goes up until some table needs the value of its next item.
+        while (!needValue)
+        {
+            if (m_Depth == 0)
+            {
+                if (Tok().type == T_Semi) Next();
+                if (Tok().type != T_Eof) return false;
+                out = std::move(value);
+                return true;
+            }
+            TableFrame &f = m_Frames[m_Depth - 1];
+            if (f.isParen)
+            {
+                if (Tok().type != T_RParen) return false;
+                --m_Depth;
+                Next();
+                continue;
+            }
+            if (!FinishItem(f, value)) return false;
+            if (Tok().type == T_Comma || Tok().type == T_Semi)
+                Next();
+            else if (Tok().type != T_RBrace)
+                return false;
+            if (Tok().type == T_RBrace)
+            {
+                f.Finish(value);
+                --m_Depth;
+                Next();
+                continue;
+            }
+            if (!StartItem(f)) return false;
+            needValue = true;
+        }
+    }
+}
+
+} // namespace
+
+// ---- entry point -------------------------------------------------------------------------------
+
+bool ReadDirect(const char *text, size_t length, TextPrologue prologue, const DirectLimits &limits, ScriptVal &out,
+                std::string &resultText)
+{
+    out.CleanUp();
+    resultText.clear();
+    if (length > limits.maxTextBytes) return false;
+    ScriptVal value;
+    bool fromString = false;
+    {
+        Evaluator evaluator(text, length, prologue, limits);
+        if (!evaluator.Run(value)) return false;
+        fromString = evaluator.ResultIsString();
+    }
+    if (value.IsString())
+        resultText = value.m_Value.m_String.m_String + 1;
+    else if (value.IsMemBlock() && fromString)
+        resultText.assign(static_cast<const char *>(value.m_Value.m_MemBlock.m_Ptr),
+                          strnlen(static_cast<const char *>(value.m_Value.m_MemBlock.m_Ptr),
+                                  value.m_Value.m_MemBlock.m_Size));
+    else if (value.IsNumber())
+    {
+        char buffer[64];
+        std::snprintf(buffer, sizeof buffer, "%.14g", value.m_Value.m_Number);
+        resultText = buffer;
+    }
+    out = std::move(value);
+    return true;
+}
+
+} // namespace orvexScript::datalua
