@@ -582,6 +582,12 @@ TEST(FromTextRoundTrip, WrittenValuesReadBackWithOrderFlagsAndNames)
     }
 }
 
+TEST(FromTextRoundTrip, InfinitiesReadBack)
+{
+    EXPECT_EQ(Describe(Read(Write(ScriptVal(INFINITY))).value), "inf");
+    EXPECT_EQ(Describe(Read(Write(ScriptVal(-INFINITY))).value), "-inf");
+}
+
 // The direct reader has to give what the interpreter gives, for the writer's texts and for the quirks.
 TEST(FromTextRoundTrip, DirectReaderAgreesWithTheInterpreter)
 {

@@ -27,9 +27,16 @@ namespace
 {
 
 // Integers print as the C library would print them, without a trip through printf; everything else
-// goes through "%g" (single precision values) or "%.15g".
+// goes through "%g" (single precision values) or "%.15g". Infinities and NaN, which printf writes as
+// names, are written as expressions that give them back: 1e999, -1e999 and (0/0).
 size_t FormatNumber(char *out, double v, bool single)
 {
+    if (!std::isfinite(v))
+    {
+        const char *text = std::isnan(v) ? "(0/0)" : v > 0 ? "1e999" : "-1e999";
+        std::strcpy(out, text);
+        return std::strlen(text);
+    }
     const double limit = single ? 1e6 : 1e15;
     if (v > -limit && v < limit && v == std::trunc(v))
     {

@@ -166,6 +166,9 @@ std::vector<Case> WriterCases()
     add("single", Single(0.1f), "0.1");
     add("single integer", Single(123456.0f), "123456");
     add("single large integer", Single(1234567.0f), "1.23457e+06");
+    add("infinity", ScriptVal(INFINITY), "1e999");
+    add("negative infinity", Single(-INFINITY), "-1e999");
+    add("not a number", ScriptVal(std::nan("")), "(0/0)");
     add("true", ScriptVal(true), "true");
     add("false", ScriptVal(false), "false");
     add("nil", ScriptVal(), "nil");
