@@ -118,11 +118,19 @@ bool ConvertNumeral(const char *s, size_t n, double &out)
 
 bool IsReserved(const char *s, size_t n)
 {
-    static const char *const words[] = {"and",   "break", "do",  "else", "elseif", "end",    "false",
-                                        "for",   "function", "if", "in",  "local",  "nil",   "not",
-                                        "or",    "repeat", "return", "then", "true", "until", "while"};
-    for (const char *word : words)
-        if (std::strlen(word) == n && std::memcmp(word, s, n) == 0) return true;
+    struct Word
+    {
+        const char *text;
+        size_t length;
+    };
+    static const Word words[] = {{"and", 3},   {"break", 5}, {"do", 2},     {"else", 4},    {"elseif", 6},
+                                 {"end", 3},   {"false", 5}, {"for", 3},    {"function", 8}, {"if", 2},
+                                 {"in", 2},    {"local", 5}, {"nil", 3},    {"not", 3},     {"or", 2},
+                                 {"repeat", 6}, {"return", 6}, {"then", 4},  {"true", 4},    {"until", 5},
+                                 {"while", 5}};
+    if (n < 2 || n > 8) return false;
+    for (const Word &word : words)
+        if (word.length == n && word.text[0] == s[0] && std::memcmp(word.text, s, n) == 0) return true;
     return false;
 }
 
@@ -432,8 +440,123 @@ void Lexer::Lex(Token &t)
 
 // ---- table building ----------------------------------------------------------------------------
 
+// Sets a nil or scalar value to a number, a boolean or a string block it takes over, without the
+// general store's round trip.
+inline void SetNumber(ScriptVal &v, double number)
+{
+    if (!v.IsNil()) v.CleanUp();
+    v.m_Type = SV_Number;
+    v.m_Value.m_Number = number;
+}
+
+inline void SetBoolean(ScriptVal &v, bool value)
+{
+    if (!v.IsNil()) v.CleanUp();
+    v.m_Type = SV_Boolean;
+    v.m_Value.m_Boolean = value;
+}
+
+inline void AdoptBlock(ScriptVal &v, char *block, uint32_t hash)
+{
+    if (!v.IsNil()) v.CleanUp();
+    v.m_Type = SV_String;
+    v.m_Value.m_String.m_String = block;
+    v.m_Value.m_String.m_Hash = hash;
+    v.m_Value.m_String.m_StringCopy = block;
+}
+
+// Moves `src` into `dst`, which is nil; `src` is nil afterwards. Scalars move by their payload; a table
+// goes through the move assignment, which carries its look-up index.
+inline void Transfer(ScriptVal &dst, ScriptVal &src)
+{
+    if (src.IsTable())
+    {
+        dst = std::move(src);
+        return;
+    }
+    dst.m_Type = src.m_Type;
+    dst.m_Value = src.m_Value;
+    src.m_Type = SV_Nil;
+    src.m_Value = ScriptValue{};
+}
+
+// Blocks of the short strings of one read, shared by every value that holds the same bytes: keys
+// repeat from record to record, and so do many values.
+class StringCache
+{
+public:
+    StringCache() = default;
+    StringCache(const StringCache &) = delete;
+    StringCache &operator=(const StringCache &) = delete;
+    ~StringCache()
+    {
+        for (const Slot &slot : m_Slots)
+            StringBlockRelease(slot.block);
+    }
+
+    // A string value of these bytes (no zero byte among them).
+    void Make(ScriptVal &out, const char *text, size_t length)
+    {
+        const uint32_t hash = StringHash(text, length);
+        if (length > kMaxCached || m_Count >= kMaxEntries)
+        {
+            char *block = StringBlockNew(text, length);
+            if (block) AdoptBlock(out, block, hash);
+            return;
+        }
+        if (m_Count * 2 >= m_Slots.size()) Grow();
+        const size_t mask = m_Slots.size() - 1;
+        size_t i = hash & mask;
+        for (; m_Slots[i].block; i = (i + 1) & mask)
+        {
+            const Slot &slot = m_Slots[i];
+            if (slot.hash == hash && slot.length == length && std::memcmp(slot.block + 1, text, length) == 0)
+            {
+                StringBlockRetain(slot.block);
+                AdoptBlock(out, slot.block, hash);
+                return;
+            }
+        }
+        char *block = StringBlockNew(text, length);
+        if (!block) return;
+        m_Slots[i] = Slot{block, hash, static_cast<uint32_t>(length)};
+        ++m_Count;
+        StringBlockRetain(block);
+        AdoptBlock(out, block, hash);
+    }
+
+private:
+    static constexpr size_t kMaxCached = 48;
+    static constexpr size_t kMaxEntries = size_t(1) << 20;
+
+    struct Slot
+    {
+        char *block = nullptr;
+        uint32_t hash = 0;
+        uint32_t length = 0;
+    };
+
+    void Grow()
+    {
+        std::vector<Slot> fresh(m_Slots.empty() ? 256 : m_Slots.size() * 2);
+        const size_t mask = fresh.size() - 1;
+        for (const Slot &slot : m_Slots)
+        {
+            if (!slot.block) continue;
+            size_t i = slot.hash & mask;
+            while (fresh[i].block)
+                i = (i + 1) & mask;
+            fresh[i] = slot;
+        }
+        m_Slots.swap(fresh);
+    }
+
+    std::vector<Slot> m_Slots;
+    size_t m_Count = 0;
+};
+
 // Bytes read from a string: a string value, or a block when they hold a zero byte.
-void MakeString(ScriptVal &out, const char *text, size_t length)
+void MakeString(StringCache &cache, ScriptVal &out, const char *text, size_t length)
 {
     if (std::memchr(text, 0, length))
     {
@@ -446,22 +569,16 @@ void MakeString(ScriptVal &out, const char *text, size_t length)
         out.m_Value.m_MemBlock.m_Size = static_cast<uint32_t>(length);
         return;
     }
-    // The block is made here from the exact bytes: a text pointer that starts with the block marker
-    // would otherwise be taken for a block.
-    char *block = StringBlockNew(text, length);
-    if (!block) return;
-    ScriptValue payload{};
-    payload.m_String.m_String = block;
-    payload.m_String.m_StringCopy = block;
-    payload.m_String.m_Hash = StringHash(block + 1, length);
-    out.Set(SV_String, &payload);
-    StringBlockRelease(block);
+    // The block is made from the exact bytes: a text that starts with the block marker must not be
+    // taken for a block.
+    cache.Make(out, text, length);
 }
 
 bool SameString(const ScriptVal &a, const ScriptVal &b)
 {
-    return a.m_Value.m_String.m_Hash == b.m_Value.m_String.m_Hash &&
-           std::strcmp(a.m_Value.m_String.m_String + 1, b.m_Value.m_String.m_String + 1) == 0;
+    return a.m_Value.m_String.m_String == b.m_Value.m_String.m_String ||
+           (a.m_Value.m_String.m_Hash == b.m_Value.m_String.m_Hash &&
+            std::strcmp(a.m_Value.m_String.m_String + 1, b.m_Value.m_String.m_String + 1) == 0);
 }
 
 constexpr int kFlushItems = 50; // positional items stored at once, as the compiler batches them
@@ -580,13 +697,14 @@ struct TableFrame
     {
         if (TableEntry *existing = FindOther(key))
         {
-            existing->m_Value = std::move(value);
+            existing->m_Value.CleanUp();
+            Transfer(existing->m_Value, value);
             return true;
         }
         auto *entry = new TableEntry();
         if (!entry) return false;
-        entry->m_Key = std::move(key);
-        entry->m_Value = std::move(value);
+        Transfer(entry->m_Key, key);
+        Transfer(entry->m_Value, value);
         if (othersTail)
             othersTail->m_Next = entry;
         else
@@ -604,8 +722,8 @@ struct TableFrame
     {
         auto *entry = new TableEntry();
         if (!entry) return false;
-        entry->m_Key = key;
-        entry->m_Value = std::move(value);
+        SetNumber(entry->m_Key, key);
+        Transfer(entry->m_Value, value);
         numbers.push_back(NumberItem{entry, isPositional ? 0 : ++clock});
         if (isPositional) batch.push_back(static_cast<uint32_t>(numbers.size() - 1));
         return true;
@@ -661,7 +779,8 @@ struct TableFrame
         if (ordered) flags |= SVF_Ordered;
         if (positional == 0) flags |= SVF_Single;
         if (oneLine) flags |= SVF_OneLine;
-        out = ScriptVal(SVType(SV_Table, flags), nullptr);
+        out.CleanUp();
+        out.m_Type = SV_Table | flags;
         out.SetTable(head);
         if (hasConstructor) out.SetConstructor(constructor.c_str());
     }
@@ -786,6 +905,7 @@ private:
     void Number(ScriptVal &value, double number);
 
     Lexer m_Lex;
+    StringCache m_Strings;
     bool m_Serialize;
     DirectLimits m_Limits;
     std::vector<TableFrame> m_Frames;
@@ -803,7 +923,7 @@ void Evaluator::Number(ScriptVal &value, double number)
         if (m_ZeroSign == 0) m_ZeroSign = std::signbit(number) ? -1 : 1;
         number = m_ZeroSign < 0 ? -0.0 : 0.0;
     }
-    value = number;
+    SetNumber(value, number);
 }
 
 Evaluator::Start Evaluator::OpenTable(int reg, std::string *constructor)
@@ -848,7 +968,7 @@ Evaluator::Start Evaluator::StartName(ScriptVal &value)
         case T_LBrace:
             return OpenTable(reg + 1, nullptr);
         case T_String:
-            MakeString(value, Tok().text, Tok().length);
+            MakeString(m_Strings, value, Tok().text, Tok().length);
             m_LastString = true;
             Next();
             return Start::Scalar;
@@ -900,12 +1020,12 @@ Evaluator::Start Evaluator::StartValue(ScriptVal &value)
         Next();
         return Start::Scalar;
     case T_String:
-        MakeString(value, t.text, t.length);
+        MakeString(m_Strings, value, t.text, t.length);
         Next();
         return Start::Scalar;
     case T_True:
     case T_False:
-        value = t.type == T_True;
+        SetBoolean(value, t.type == T_True);
         Next();
         return Start::Scalar;
     case T_Nil:
@@ -940,7 +1060,7 @@ bool Evaluator::StartItem(TableFrame &f)
         if ((t.length == 6 && std::memcmp(t.text, "__ctor", 6) == 0) ||
             (t.length == 7 && std::memcmp(t.text, "__flags", 7) == 0))
             return false;
-        MakeString(f.itemKey, t.text, t.length);
+        MakeString(m_Strings, f.itemKey, t.text, t.length);
         f.item = TableFrame::StringKey;
         Next();
         Next();
@@ -951,7 +1071,7 @@ bool Evaluator::StartItem(TableFrame &f)
     Token &k = Tok();
     if (k.type == T_String)
     {
-        MakeString(f.itemKey, k.text, k.length);
+        MakeString(m_Strings, f.itemKey, k.text, k.length);
         if (!f.itemKey.IsString()) return false; // a key with a zero byte
         const char *s = f.itemKey.m_Value.m_String.m_String + 1;
         if (std::strcmp(s, "__ctor") == 0 || std::strcmp(s, "__flags") == 0) return false;

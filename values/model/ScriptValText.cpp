@@ -2,7 +2,9 @@
 // in front of such texts. One walker serves both: it emits into a counting sink or a writing sink, so
 // the length can't drift from the text. Tables are walked with an explicit stack, so nesting depth is
 // bounded by memory, not by the C stack. The readers live in datalua/ and languages/lua/.
+#include <charconv>
 #include <cmath>
+#include <cstdlib>
 #include <cstdio>
 #include <cstring>
 #include <vector>
@@ -26,9 +28,66 @@ const char *GetSerializePrologue(TagList *)
 namespace
 {
 
-// Integers print as the C library would print them, without a trip through printf; everything else
-// goes through "%g" (single precision values) or "%.15g". Infinities and NaN, which printf writes as
-// names, are written as expressions that give them back: 1e999, -1e999 and (0/0).
+// "%.*g" as printf writes it, from the correctly rounded scientific form that std::to_chars gives:
+// the exponent of that form picks fixed or scientific notation, and trailing zeros go.
+size_t FormatGeneral(char *out, double v, int precision)
+{
+    char sci[48];
+    const auto result = std::to_chars(sci, sci + sizeof sci - 1, v, std::chars_format::scientific, precision - 1);
+    *result.ptr = '\0';
+    const char *p = sci;
+    size_t len = 0;
+    if (*p == '-') out[len++] = *p++;
+    char digits[24];
+    int count = 0;
+    for (; *p != 'e'; ++p)
+        if (*p != '.') digits[count++] = *p;
+    const int exponent = std::atoi(p + 1);
+    while (count > 1 && digits[count - 1] == '0')
+        --count;
+    if (exponent < -4 || exponent >= precision)
+    {
+        out[len++] = digits[0];
+        if (count > 1)
+        {
+            out[len++] = '.';
+            for (int i = 1; i < count; ++i)
+                out[len++] = digits[i];
+        }
+        out[len++] = 'e';
+        out[len++] = exponent < 0 ? '-' : '+';
+        const int magnitude = exponent < 0 ? -exponent : exponent;
+        if (magnitude >= 100) out[len++] = static_cast<char>('0' + magnitude / 100);
+        out[len++] = static_cast<char>('0' + magnitude / 10 % 10);
+        out[len++] = static_cast<char>('0' + magnitude % 10);
+    }
+    else if (exponent >= 0)
+    {
+        for (int i = 0; i <= exponent; ++i)
+            out[len++] = i < count ? digits[i] : '0';
+        if (count > exponent + 1)
+        {
+            out[len++] = '.';
+            for (int i = exponent + 1; i < count; ++i)
+                out[len++] = digits[i];
+        }
+    }
+    else
+    {
+        out[len++] = '0';
+        out[len++] = '.';
+        for (int i = -1; i > exponent; --i)
+            out[len++] = '0';
+        for (int i = 0; i < count; ++i)
+            out[len++] = digits[i];
+    }
+    out[len] = '\0';
+    return len;
+}
+
+// A number's text: "%g" for single precision values, "%.15g" otherwise, exactly as the C library
+// prints them (integers without a trip through the general path). Infinities and NaN, which printf
+// writes as names, are written as expressions that give them back: 1e999, -1e999 and (0/0).
 size_t FormatNumber(char *out, double v, bool single)
 {
     if (!std::isfinite(v))
@@ -54,17 +113,24 @@ size_t FormatNumber(char *out, double v, bool single)
         out[len] = '\0';
         return len;
     }
-    const int len = std::snprintf(out, 32, single ? "%g" : "%.15g", v);
-    return len > 0 ? static_cast<size_t>(len) : 0;
+    return FormatGeneral(out, v, single ? 6 : 15);
 }
 
 bool IsReservedWord(const char *s, size_t len)
 {
-    static const char *const words[] = {"and", "break", "do", "else", "elseif", "end", "false",
-                                        "for", "function", "if", "in", "local", "nil", "not",
-                                        "or", "repeat", "return", "then", "true", "until", "while"};
-    for (const char *word : words)
-        if (std::strlen(word) == len && std::memcmp(word, s, len) == 0) return true;
+    struct Word
+    {
+        const char *text;
+        size_t length;
+    };
+    static const Word words[] = {{"and", 3},   {"break", 5}, {"do", 2},     {"else", 4},    {"elseif", 6},
+                                 {"end", 3},   {"false", 5}, {"for", 3},    {"function", 8}, {"if", 2},
+                                 {"in", 2},    {"local", 5}, {"nil", 3},    {"not", 3},     {"or", 2},
+                                 {"repeat", 6}, {"return", 6}, {"then", 4},  {"true", 4},    {"until", 5},
+                                 {"while", 5}};
+    if (len < 2 || len > 8) return false;
+    for (const Word &word : words)
+        if (word.length == len && word.text[0] == s[0] && std::memcmp(word.text, s, len) == 0) return true;
     return false;
 }
 

@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
 #include <cstring>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -186,6 +188,31 @@ TEST(ScriptValText, WritesEachConstructExactly)
 {
     for (const Case &c : WriterCases())
         EXPECT_EQ(Text(c.value, c.depth), c.text) << c.name;
+}
+
+TEST(ScriptValText, NumbersPrintAsTheCLibraryPrintsThem)
+{
+    std::mt19937_64 rng(42);
+    std::vector<double> numbers = {0.1, 1e-5, 1e-4, 123456.5, 1e15 - 0.5, 1e16, 5e-324, 1.7976931348623157e308,
+                                   0.5, 2.5, 9.9999999999999995, 999999.5, 1e21, -3.25e-7, 100, 1e6};
+    for (int i = 0; i < 20000; ++i)
+    {
+        uint64_t bits = rng();
+        double d;
+        std::memcpy(&d, &bits, sizeof d);
+        if (std::isfinite(d)) numbers.push_back(d);
+        numbers.push_back(static_cast<double>(static_cast<int64_t>(rng() >> (rng() % 64))) / (1 << (rng() % 20)));
+    }
+    char expected[64];
+    for (double d : numbers)
+    {
+        std::snprintf(expected, sizeof expected, "%.15g", d);
+        ASSERT_EQ(Text(ScriptVal(d)), expected);
+        const float f = static_cast<float>(d);
+        if (!std::isfinite(f)) continue;
+        std::snprintf(expected, sizeof expected, "%g", static_cast<double>(f));
+        ASSERT_EQ(Text(Single(f)), expected);
+    }
 }
 
 TEST(ScriptValText, ArgsWriteLikeATableWithoutName)
