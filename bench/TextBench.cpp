@@ -33,13 +33,12 @@ ScriptVal Table(uint32_t flags = 0)
 
 ScriptVal Record(int i)
 {
-    ScriptVal r = Table();
+    ScriptVal r = Table(SVF_OneLine);
     r["id"] = i;
     r["name"] = ("item " + std::to_string(i)).c_str();
     r["price"] = i * 0.25 + 0.1;
     ScriptVal tags = Table(SVF_OneLine);
     tags[1] = "red";
-    tags[2] = "green";
     r["tags"] = tags;
     ScriptVal pos = Table(SVF_OneLine);
     pos["x"] = i * 0.5;

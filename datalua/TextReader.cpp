@@ -741,7 +741,7 @@ struct TableFrame
                 return x < y || (x == y && a.time < b.time);
             });
         }
-        TableEntry *head = nullptr;
+        TableEntry *head = nullptr, *tail = nullptr;
         TableEntry **link = &head;
         for (size_t i = 0; i < numbers.size(); ++i)
         {
@@ -755,6 +755,7 @@ struct TableFrame
             }
             *link = e;
             link = &e->m_Next;
+            tail = e;
         }
         numbers.clear();
         for (TableEntry *e = others; e;)
@@ -767,6 +768,7 @@ struct TableFrame
             {
                 *link = e;
                 link = &e->m_Next;
+                tail = e;
             }
             e = next;
         }
@@ -779,9 +781,11 @@ struct TableFrame
         if (ordered) flags |= SVF_Ordered;
         if (positional == 0) flags |= SVF_Single;
         if (oneLine) flags |= SVF_OneLine;
+        // A fresh table takes the list with its known tail, without a walk to find it.
         out.CleanUp();
         out.m_Type = SV_Table | flags;
-        out.SetTable(head);
+        out.m_Value.m_Table.m_Table = head;
+        out.m_Value.m_Table.m_Last = tail;
         if (hasConstructor) out.SetConstructor(constructor.c_str());
     }
 };

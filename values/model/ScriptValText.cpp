@@ -3,6 +3,7 @@
 // the length can't drift from the text. Tables are walked with an explicit stack, so nesting depth is
 // bounded by memory, not by the C stack. The readers live in datalua/ and languages/lua/.
 #include <charconv>
+#include <cfloat>
 #include <cmath>
 #include <cstdlib>
 #include <cstdio>
@@ -28,21 +29,12 @@ const char *GetSerializePrologue(TagList *)
 namespace
 {
 
-// "%.*g" as printf writes it, from the correctly rounded scientific form that std::to_chars gives:
-// the exponent of that form picks fixed or scientific notation, and trailing zeros go.
-size_t FormatGeneral(char *out, double v, int precision)
+// "%.*g" layout of a decimal: `count` significant digits with the exponent of the first one. The
+// exponent picks fixed or scientific notation, and trailing zeros go.
+size_t LayoutGeneral(char *out, bool negative, const char *digits, int count, int exponent, int precision)
 {
-    char sci[48];
-    const auto result = std::to_chars(sci, sci + sizeof sci - 1, v, std::chars_format::scientific, precision - 1);
-    *result.ptr = '\0';
-    const char *p = sci;
     size_t len = 0;
-    if (*p == '-') out[len++] = *p++;
-    char digits[24];
-    int count = 0;
-    for (; *p != 'e'; ++p)
-        if (*p != '.') digits[count++] = *p;
-    const int exponent = std::atoi(p + 1);
+    if (negative) out[len++] = '-';
     while (count > 1 && digits[count - 1] == '0')
         --count;
     if (exponent < -4 || exponent >= precision)
@@ -85,6 +77,48 @@ size_t FormatGeneral(char *out, double v, int precision)
     return len;
 }
 
+// Splits the scientific text of std::to_chars ("-d.ddde+XX") into sign, digits and exponent.
+int SplitScientific(const char *text, const char *end, bool &negative, char *digits, int &exponent)
+{
+    negative = *text == '-';
+    const char *p = text + (negative ? 1 : 0);
+    int count = 0;
+    for (; p < end && *p != 'e'; ++p)
+        if (*p != '.') digits[count++] = *p;
+    int value = 0;
+    const bool minus = p + 1 < end && p[1] == '-';
+    for (p += 2; p < end; ++p)
+        value = value * 10 + (*p - '0');
+    exponent = minus ? -value : value;
+    return count;
+}
+
+// "%.*g" as printf writes it. When the shortest text that reads back holds no more digits than the
+// precision, those are the digits printf rounds to (for a normal value, decimals of that length lie
+// further apart than its rounding step), so the fast shortest form serves; otherwise the correctly
+// rounded form of that precision.
+size_t FormatGeneral(char *out, double v, int precision, bool single)
+{
+    char sci[48];
+    char digits[32];
+    bool negative = false;
+    int exponent = 0;
+    const float f = static_cast<float>(v);
+    const bool asFloat = single && static_cast<double>(f) == v;
+    const auto shortest = asFloat ? std::to_chars(sci, sci + sizeof sci, f, std::chars_format::scientific)
+                                  : std::to_chars(sci, sci + sizeof sci, v, std::chars_format::scientific);
+    int count = SplitScientific(sci, shortest.ptr, negative, digits, exponent);
+    // Subnormal values have fewer significant bits, so the argument above does not hold for them.
+    const bool normal = asFloat ? std::fabs(f) >= FLT_MIN : std::fabs(v) >= DBL_MIN;
+    if (count > precision || !normal)
+    {
+        const auto rounded =
+            std::to_chars(sci, sci + sizeof sci, v, std::chars_format::scientific, precision - 1);
+        count = SplitScientific(sci, rounded.ptr, negative, digits, exponent);
+    }
+    return LayoutGeneral(out, negative, digits, count, exponent, precision);
+}
+
 // A number's text: "%g" for single precision values, "%.15g" otherwise, exactly as the C library
 // prints them (integers without a trip through the general path). Infinities and NaN, which printf
 // writes as names, are written as expressions that give them back: 1e999, -1e999 and (0/0).
@@ -113,7 +147,7 @@ size_t FormatNumber(char *out, double v, bool single)
         out[len] = '\0';
         return len;
     }
-    return FormatGeneral(out, v, single ? 6 : 15);
+    return FormatGeneral(out, v, single ? 6 : 15, single);
 }
 
 bool IsReservedWord(const char *s, size_t len)
@@ -147,9 +181,25 @@ bool IsPlainName(const char *s)
     return !IsReservedWord(s, len);
 }
 
-inline bool NeedsEscape(unsigned char c)
+// The bytes a quoted string escapes: backslash, double quote, carriage return and line feed; and the
+// terminator, so that one look-up ends a run of plain bytes.
+struct EscapeTable
 {
-    return c == '\\' || c == '"' || c == '\r' || c == '\n';
+    unsigned char special[256] = {};
+    constexpr EscapeTable()
+    {
+        special[0] = 1;
+        special[static_cast<unsigned char>('\\')] = 1;
+        special[static_cast<unsigned char>('"')] = 1;
+        special[static_cast<unsigned char>('\r')] = 1;
+        special[static_cast<unsigned char>('\n')] = 1;
+    }
+};
+constexpr EscapeTable kEscapes;
+
+inline bool IsSpecial(unsigned char c)
+{
+    return kEscapes.special[c] != 0;
 }
 
 const char kHexDigits[] = "0123456789ABCDEF";
@@ -167,9 +217,19 @@ struct CountSink
     }
     void Quoted(const char *s)
     {
-        n += 2;
-        for (const auto *p = reinterpret_cast<const unsigned char *>(s); *p; ++p)
-            n += NeedsEscape(*p) ? 2 : 1;
+        const auto *p = reinterpret_cast<const unsigned char *>(s);
+        unsigned long count = 2;
+        for (;;)
+        {
+            const auto *start = p;
+            while (!IsSpecial(*p))
+                ++p;
+            count += static_cast<unsigned long>(p - start);
+            if (!*p) break;
+            count += 2;
+            ++p;
+        }
+        n += count;
     }
     void HexByte(unsigned char) { n += 2; }
 };
@@ -192,16 +252,19 @@ struct WriteSink
     void Quoted(const char *s)
     {
         *p++ = '"';
-        for (const auto *q = reinterpret_cast<const unsigned char *>(s); *q; ++q)
+        const auto *q = reinterpret_cast<const unsigned char *>(s);
+        for (;;)
         {
+            const auto *start = q;
+            while (!IsSpecial(*q))
+                ++q;
+            std::memcpy(p, start, static_cast<size_t>(q - start));
+            p += q - start;
             const unsigned char c = *q;
-            if (!NeedsEscape(c))
-            {
-                *p++ = static_cast<char>(c);
-                continue;
-            }
+            if (!c) break;
             *p++ = '\\';
             *p++ = c == '\r' ? 'r' : c == '\n' ? 'n' : static_cast<char>(c);
+            ++q;
         }
         *p++ = '"';
     }
@@ -387,12 +450,16 @@ template <class Sink> void WriteValue(Sink &sink, const ScriptVal &root, int dep
             stack.pop_back();
             continue;
         }
+        // The list is walked by its links: start the loads of the next entry and of a nested table's
+        // first entry while this one is written.
+        __builtin_prefetch(frame.entry->m_Next);
+        const ScriptVal &value = frame.entry->m_Value;
+        if (value.Type() == SV_Table || value.Type() == SV_Args) __builtin_prefetch(value.m_Value.m_Table.m_Table);
         if (!frame.oneLine || (frame.count != 0 && frame.count % 256 == 0))
             sink.Tabs(Indent(frame.depth, frame.depth + 1));
         ++frame.count;
         WriteKey(sink, frame, frame.entry->m_Key);
         frame.valueWritten = true;
-        const ScriptVal &value = frame.entry->m_Value;
         const int childDepth = frame.depth + 1;
         if (value.Type() == SV_Table || value.Type() == SV_Args)
             OpenTable(sink, value, childDepth, stack); // `frame` is not used after this

@@ -194,13 +194,18 @@ TEST(ScriptValText, NumbersPrintAsTheCLibraryPrintsThem)
 {
     std::mt19937_64 rng(42);
     std::vector<double> numbers = {0.1, 1e-5, 1e-4, 123456.5, 1e15 - 0.5, 1e16, 5e-324, 1.7976931348623157e308,
-                                   0.5, 2.5, 9.9999999999999995, 999999.5, 1e21, -3.25e-7, 100, 1e6};
+                                   0.5, 2.5, 9.9999999999999995, 999999.5, 1e21, -3.25e-7, 100, 1e6, 2.2250738585072014e-308,
+                                   1.1754943508222875e-38, 1e-40, 3.4028234663852886e38};
     for (int i = 0; i < 20000; ++i)
     {
         uint64_t bits = rng();
         double d;
         std::memcpy(&d, &bits, sizeof d);
         if (std::isfinite(d)) numbers.push_back(d);
+        float f;
+        const uint32_t floatBits = static_cast<uint32_t>(rng());
+        std::memcpy(&f, &floatBits, sizeof f);
+        if (std::isfinite(f)) numbers.push_back(f);
         numbers.push_back(static_cast<double>(static_cast<int64_t>(rng() >> (rng() % 64))) / (1 << (rng() % 20)));
     }
     char expected[64];
