@@ -24,12 +24,9 @@ namespace
 // The test host as a child, listening on a port of its own.
 struct HostProcess
 {
-    explicit HostProcess(std::vector<std::string> args = {}) : child(WithProgram(std::move(args)))
+    explicit HostProcess(std::vector<std::string> args = {}) : server(WithProgram(std::move(args)))
     {
-        EXPECT_TRUE(child.Running());
-        const std::optional<std::string> line = child.WaitForLine("PORT ");
-        EXPECT_TRUE(line.has_value());
-        port = line ? static_cast<uint16_t>(std::stoul(*line)) : 0;
+        EXPECT_NE(port, 0);
     }
 
     static std::vector<std::string> WithProgram(std::vector<std::string> args)
@@ -38,8 +35,9 @@ struct HostProcess
         return args;
     }
 
-    orvexTest::ChildProcess child;
-    uint16_t port = 0;
+    orvexTest::ListeningChild server;
+    orvexTest::ChildProcess &child = server.Process();
+    uint16_t port = server.Port();
 };
 
 // This program's scripting, made before the first connection.

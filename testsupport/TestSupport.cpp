@@ -183,6 +183,15 @@ std::optional<std::string> ChildProcess::ReadLine(int timeoutMs)
     }
 }
 
+ListeningChild::ListeningChild(const std::vector<std::string> &argv) : m_Child(argv)
+{
+    if (!m_Child.Running()) return;
+    const std::optional<std::string> line = m_Child.WaitForLine("PORT ");
+    if (!line) return;
+    const unsigned long port = std::strtoul(line->c_str(), nullptr, 10);
+    if (port > 0 && port <= 65535) m_Port = static_cast<uint16_t>(port);
+}
+
 std::optional<std::string> ChildProcess::WaitForLine(const std::string &prefix, int timeoutMs)
 {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);

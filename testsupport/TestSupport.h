@@ -4,6 +4,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -76,6 +77,22 @@ private:
     int m_Stdin = -1;
     int m_Stdout = -1;
     std::string m_Pending; // read from stdout, not yet given as a line
+};
+
+// A server program run as a child: started with its arguments, it prints "PORT <n>" on a line of its
+// own once it listens on a loopback port. Port() is 0 if it did not start or never said so (within
+// 10 s).
+class ListeningChild
+{
+public:
+    explicit ListeningChild(const std::vector<std::string> &argv);
+
+    uint16_t Port() const { return m_Port; }
+    ChildProcess &Process() { return m_Child; }
+
+private:
+    ChildProcess m_Child;
+    uint16_t m_Port = 0;
 };
 
 // Reads a whole file; empty if it can't be read.

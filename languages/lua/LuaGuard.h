@@ -2,7 +2,6 @@
 // becomes a Lua error with its message, while Lua's own errors pass through untouched.
 #pragma once
 
-#include <cxxabi.h>
 #include <lua.hpp>
 
 #include <exception>
@@ -12,7 +11,10 @@ namespace orvexScript
 
 // Runs `body(state)` and gives its result count. A std::exception turns into a Lua error carrying
 // what(), any other C++ exception into the error "C++ exception". LuaJIT raises its errors as foreign
-// exceptions, which a catch (...) also sees: those have no C++ type and are rethrown as they are.
+// exceptions, which a catch (...) also sees: those are rethrown as they are. They are told apart by
+// std::current_exception(), which is empty for a foreign exception; the runtime's exception header
+// must not be read for one (LuaJIT's exception object has none, so its "type" would be whatever lies
+// in front of it).
 template <typename Body> int LuaGuard(lua_State *state, Body &&body)
 {
     try
@@ -25,7 +27,7 @@ template <typename Body> int LuaGuard(lua_State *state, Body &&body)
     }
     catch (...)
     {
-        if (abi::__cxa_current_exception_type() == nullptr) throw;
+        if (!std::current_exception()) throw;
         lua_pushliteral(state, "C++ exception");
     }
     return lua_error(state);

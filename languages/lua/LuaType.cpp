@@ -200,7 +200,10 @@ void LuaTypeMetatable(lua_State *state, LuaType *type)
     lua_createtable(state, 0, static_cast<int>(std::size(kFields)) + 1);
     for (const luaL_Reg &field : kFields)
     {
-        lua_pushcfunction(state, field.func);
+        // Each metamethod holds the metatable as its upvalue, which spares it the look-up of the
+        // private key for the userdata it is called for (RecordOfSelf).
+        lua_pushvalue(state, -1);
+        lua_pushcclosure(state, field.func, 1);
         lua_setfield(state, -2, field.name);
     }
     lua_pushlightuserdata(state, const_cast<char *>(&s_TypedMetatableKey));
@@ -219,6 +222,21 @@ LuaObject *lua_toLuaObject(lua_State *state, int index)
     lua_pop(state, 2);
     if (!typed) return nullptr;
     return *static_cast<LuaObject **>(lua_touserdata(state, index));
+}
+
+// The record of the userdata at index 1 of a generic metamethod. A userdata of the record's size whose
+// metatable is the one the metamethod was made for (its upvalue) is typed, since LuaTypeMetatable made
+// that metatable; anything else, a metamethod called by hand included, takes the full test.
+static LuaObject *RecordOfSelf(lua_State *state)
+{
+    void *block = lua_touserdata(state, 1);
+    if (block && lua_objlen(state, 1) == sizeof(LuaObject *) && lua_getmetatable(state, 1))
+    {
+        const bool own = lua_rawequal(state, -1, lua_upvalueindex(1));
+        lua_pop(state, 1);
+        if (own) return *static_cast<LuaObject **>(block);
+    }
+    return lua_toLuaObject(state, 1);
 }
 
 // ---- the root descriptor ----------------------------------------------------------------------------
@@ -308,7 +326,7 @@ using Operation = int (LuaType::*)(LuaType *, lua_State *, void *, LuaType *);
 template <Operation op> int CallOperation(lua_State *state)
 {
     return LuaGuard(state, [](lua_State *L) {
-        LuaObject *record = lua_toLuaObject(L, 1);
+        LuaObject *record = RecordOfSelf(L);
         if (!record) return 0;
         lua_remove(L, 1);
         LuaType *type = record->type;
@@ -382,7 +400,7 @@ int luatype_call_concat(lua_State *state)
 int luatype_call_call(lua_State *state)
 {
     return LuaGuard(state, [](lua_State *L) {
-        LuaObject *record = lua_toLuaObject(L, 1);
+        LuaObject *record = RecordOfSelf(L);
         if (!record) return 0;
         LuaType *type = record->type;
         return type->lw_call(type, L, type->lw_frombase(record->object), type);
@@ -410,7 +428,7 @@ int luatype_call_gc(lua_State *state)
 int luatype_call_index(lua_State *state)
 {
     return LuaGuard(state, [](lua_State *L) {
-        LuaObject *record = lua_toLuaObject(L, 1);
+        LuaObject *record = RecordOfSelf(L);
         if (!record) return 0;
         if (lua_type(L, 2) == LUA_TSTRING)
         {
@@ -442,7 +460,7 @@ int luatype_call_index(lua_State *state)
 int luatype_call_newindex(lua_State *state)
 {
     return LuaGuard(state, [](lua_State *L) {
-        LuaObject *record = lua_toLuaObject(L, 1);
+        LuaObject *record = RecordOfSelf(L);
         if (!record) return 0;
         if (lua_type(L, 2) == LUA_TSTRING)
         {
