@@ -1,10 +1,11 @@
 // The direct reader of value texts. It lexes like the interpreter's lexer (same tokens, line counting,
 // escapes and long strings) and evaluates the data subset in the interpreter's order, with the
-// interpreter's quirks: positional items are stored in batches of 50, the one-shot ordered() state goes
-// to the next table created (a constructor record included), a table is one-line when its first item
-// ends on the line of its brace, and equal zero constants share the sign of the first one. Nesting is
-// kept on an explicit stack. Whatever falls outside the subset, or breaks a syntax rule, or comes near
-// one of the compiler's limits, is handed over so that the interpreter decides and words the error.
+// interpreter's quirks: positional items are stored in batches of 50 after the keyed items before
+// them, a nil for a missing key makes no key, 0 and -0 are one key, the one-shot ordered() state goes
+// to the next table created (a constructor record included), and a table is one-line when its first
+// item ends on the line of its brace. Nesting is kept on an explicit stack. Whatever falls outside the
+// subset, breaks a syntax rule or nests deeper than a margin below the interpreter's limit is handed
+// over, so that the interpreter decides and words the error.
 //
 // Sections: lexer, table building, the evaluator, entry point.
 #include "datalua/TextReader.h"
@@ -90,8 +91,8 @@ locale_t CLocale()
     return locale;
 }
 
-// A numeral as the interpreter converts it: strtod, then a hexadecimal retry, nothing but blanks
-// behind it.
+// A numeral as the interpreter converts it: "0x" and hexadecimal digits, summed up digit by digit; or
+// digits, points, exponent letters and signs that strtod reads to the end.
 bool ConvertNumeral(const char *s, size_t n, double &out)
 {
     if (n <= 15)
@@ -106,14 +107,39 @@ bool ConvertNumeral(const char *s, size_t n, double &out)
             return true;
         }
     }
+    if (n >= 2 && s[0] == '0' && (s[1] == 'x' || s[1] == 'X'))
+    {
+        if (n == 2) return false;
+        double value = 0;
+        for (size_t i = 2; i < n; ++i)
+        {
+            const auto c = static_cast<unsigned char>(s[i]);
+            int digit;
+            if (IsDigit(c))
+                digit = c - '0';
+            else if (c >= 'a' && c <= 'f')
+                digit = c - 'a' + 10;
+            else if (c >= 'A' && c <= 'F')
+                digit = c - 'A' + 10;
+            else
+                return false;
+            value = value * 16 + digit;
+        }
+        out = value;
+        return true;
+    }
+    for (size_t i = 0; i < n; ++i)
+    {
+        const char c = s[i];
+        if (!IsDigit(static_cast<unsigned char>(c)) && c != '.' && c != 'e' && c != 'E' && c != '+' && c != '-')
+            return false;
+    }
     const auto fast = std::from_chars(s, s + n, out);
     if (fast.ec == std::errc() && fast.ptr == s + n) return true;
-    std::string text(s, n);
+    const std::string text(s, n);
     char *end = nullptr;
     out = CLocale() ? strtod_l(text.c_str(), &end, CLocale()) : std::strtod(text.c_str(), &end);
-    if (end == text.c_str()) return false;
-    if (*end == 'x' || *end == 'X') out = static_cast<double>(std::strtoul(text.c_str(), &end, 16));
-    return *end == '\0'; // a numeral holds no blanks
+    return end != text.c_str() && *end == '\0';
 }
 
 bool IsReserved(const char *s, size_t n)
@@ -227,14 +253,6 @@ bool Lexer::ReadLong(int sep, Token *t)
                 }
                 ++m_P;
                 return true;
-            }
-        }
-        else if (c == '[')
-        {
-            if (SkipSep() == sep)
-            {
-                if (sep == 0) return false; // nested [[ is an error of the interpreter
-                ++m_P;
             }
         }
         else if (IsNewline(c))
@@ -595,7 +613,6 @@ struct TableFrame
     };
 
     bool isParen = false;
-    int reg = 0;           // the register the compiler gives the table (an upper bound)
     int braceLine = 0;
     bool ordered = false;
     bool firstDone = false;
@@ -693,14 +710,18 @@ struct TableFrame
             IndexOther(e);
     }
 
+    // False for what only the interpreter can tell: a key cleared after it held a value keeps or
+    // loses its place depending on when the interpreter's node array is next rebuilt.
     [[nodiscard]] bool AddOther(ScriptVal &key, ScriptVal &value)
     {
         if (TableEntry *existing = FindOther(key))
         {
+            if (value.IsNil()) return false;
             existing->m_Value.CleanUp();
             Transfer(existing->m_Value, value);
             return true;
         }
+        if (value.IsNil()) return true; // a nil for a missing key makes no key
         auto *entry = new TableEntry();
         if (!entry) return false;
         Transfer(entry->m_Key, key);
@@ -847,10 +868,6 @@ void ParseHexData(const char *text, size_t length, ScriptVal &out)
     out.m_Value.m_MemBlock.m_Size = static_cast<uint32_t>(count);
 }
 
-// Registers: the compiler fails an expression that needs 250; anything that could come near goes to
-// the interpreter.
-constexpr int kRegisterBound = 230;
-
 class Evaluator
 {
 public:
@@ -882,26 +899,16 @@ private:
     Token &Tok() { return m_Lex.Current(); }
     void Next() { m_Lex.Next(); }
 
-    // The register the next value goes to.
-    int NextRegister() const
+    TableFrame *Push()
     {
-        if (m_Depth == 0) return m_Serialize ? 1 : 0;
-        const TableFrame &f = m_Frames[m_Depth - 1];
-        if (f.isParen) return f.reg;
-        return f.reg + 1 + static_cast<int>(f.batch.size()) + (f.item == TableFrame::Positional ? 0 : 1);
-    }
-
-    TableFrame *Push(int reg)
-    {
-        if (static_cast<int>(m_Depth) >= m_Limits.maxNesting || reg + 2 >= kRegisterBound) return nullptr;
+        if (static_cast<int>(m_Depth) >= m_Limits.maxNesting) return nullptr;
         if (m_Depth == m_Frames.size()) m_Frames.emplace_back();
         TableFrame *f = &m_Frames[m_Depth++];
         f->Reset();
-        f->reg = reg;
         return f;
     }
 
-    Start OpenTable(int reg, std::string *constructor);
+    Start OpenTable(std::string *constructor);
     Start StartValue(ScriptVal &value);
     Start StartName(ScriptVal &value);
     bool StartItem(TableFrame &f);
@@ -916,23 +923,16 @@ private:
     size_t m_Depth = 0;
     bool m_OrderedNext = false; // the one-shot state that ordered() sets
     bool m_LastString = false;  // the last value read was a string literal
-    int m_ZeroSign = 0;         // 0 none yet, 1 the first zero constant was +0, -1 it was -0
 };
 
-// Number constants are shared within the chunk, and 0 and -0 are one constant: whichever came first.
 void Evaluator::Number(ScriptVal &value, double number)
 {
-    if (number == 0)
-    {
-        if (m_ZeroSign == 0) m_ZeroSign = std::signbit(number) ? -1 : 1;
-        number = m_ZeroSign < 0 ? -0.0 : 0.0;
-    }
     SetNumber(value, number);
 }
 
-Evaluator::Start Evaluator::OpenTable(int reg, std::string *constructor)
+Evaluator::Start Evaluator::OpenTable(std::string *constructor)
 {
-    TableFrame *f = Push(reg);
+    TableFrame *f = Push();
     if (!f) return Start::Fail;
     f->ordered = m_OrderedNext;
     m_OrderedNext = false;
@@ -949,11 +949,10 @@ Evaluator::Start Evaluator::OpenTable(int reg, std::string *constructor)
 // A name at the start of a value: HexData, ordered(), or (under the serialize prologue) a record.
 Evaluator::Start Evaluator::StartName(ScriptVal &value)
 {
-    const int reg = NextRegister();
     if (IsName(Tok(), "HexData"))
     {
         Next();
-        if (Tok().type != T_String || reg + 2 >= kRegisterBound) return Start::Fail;
+        if (Tok().type != T_String) return Start::Fail;
         ParseHexData(Tok().text, Tok().length, value);
         Next();
         return Start::Scalar;
@@ -970,14 +969,14 @@ Evaluator::Start Evaluator::StartName(ScriptVal &value)
         switch (Tok().type)
         {
         case T_LBrace:
-            return OpenTable(reg + 1, nullptr);
+            return OpenTable(nullptr);
         case T_String:
             MakeString(m_Strings, value, Tok().text, Tok().length);
             m_LastString = true;
             Next();
             return Start::Scalar;
         case T_LParen: {
-            TableFrame *f = Push(reg + 1);
+            TableFrame *f = Push();
             if (!f) return Start::Fail;
             f->isParen = true;
             Next();
@@ -1001,7 +1000,7 @@ Evaluator::Start Evaluator::StartName(ScriptVal &value)
         name.append(Tok().text, Tok().length);
         Next();
     }
-    if (Tok().type == T_LBrace) return OpenTable(reg + 1, &name);
+    if (Tok().type == T_LBrace) return OpenTable(&name);
     value = ScriptVal(SVType(SV_Table, SVF_Single | SVF_OneLine | (recordOrdered ? SVF_Ordered : 0)), nullptr);
     value["name"] = name.c_str();
     return Start::Scalar;
@@ -1037,9 +1036,9 @@ Evaluator::Start Evaluator::StartValue(ScriptVal &value)
         Next();
         return Start::Scalar;
     case T_LBrace:
-        return OpenTable(NextRegister(), nullptr);
+        return OpenTable(nullptr);
     case T_LParen: {
-        TableFrame *f = Push(NextRegister());
+        TableFrame *f = Push();
         if (!f) return Start::Fail;
         f->isParen = true;
         Next();
@@ -1057,7 +1056,6 @@ bool Evaluator::StartItem(TableFrame &f)
 {
     if (f.batch.size() == kFlushItems) f.Flush();
     f.item = TableFrame::Positional;
-    if (NextRegister() + 3 >= kRegisterBound) return false; // the key, the value and a call's argument
     Token &t = Tok();
     if (t.type == T_Name && m_Lex.Peek().type == T_Assign)
     {
@@ -1091,9 +1089,9 @@ bool Evaluator::StartItem(TableFrame &f)
             Next();
         }
         if (Tok().type != T_Number) return false;
-        ScriptVal key;
-        Number(key, negative ? -Tok().number : Tok().number);
-        f.itemNumber = key.m_Value.m_Number;
+        // 0 and -0 are one key, kept as 0.
+        const double key = negative ? -Tok().number : Tok().number;
+        f.itemNumber = key == 0 ? 0.0 : key;
         f.item = TableFrame::NumberKey;
         Next();
     }
@@ -1220,9 +1218,7 @@ bool ReadDirect(const char *text, size_t length, TextPrologue prologue, const Di
     if (value.IsString())
         resultText = value.m_Value.m_String.m_String + 1;
     else if (value.IsMemBlock() && fromString)
-        resultText.assign(static_cast<const char *>(value.m_Value.m_MemBlock.m_Ptr),
-                          strnlen(static_cast<const char *>(value.m_Value.m_MemBlock.m_Ptr),
-                                  value.m_Value.m_MemBlock.m_Size));
+        resultText.assign(static_cast<const char *>(value.m_Value.m_MemBlock.m_Ptr), value.m_Value.m_MemBlock.m_Size);
     else if (value.IsNumber())
     {
         char buffer[64];
