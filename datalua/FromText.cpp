@@ -2,7 +2,6 @@
 // everything else, and every text with an error, runs on the data-text interpreter, so results and
 // messages are the interpreter's either way. These members of the value class are defined here, in
 // the library that holds the interpreter.
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -65,8 +64,9 @@ bool ScriptVal::FromText(const char *text, const char *prologue, char *errorBuff
     const bool serialize = !plain && std::strcmp(front, GetSerializePrologue()) == 0;
 
     const datalua::RunLimits limits = datalua::GetRunLimits();
-    const datalua::DirectLimits direct{limits.maxCallDepth / 2,
-                                       std::min<size_t>(limits.maxMemory / 4, limits.maxInstructions)};
+    // The interpreter holds some 20 times a text's size while it reads it, and spends about 8 steps on
+    // each constructor record; the direct reader stays well inside both.
+    const datalua::DirectLimits direct{limits.maxCallDepth / 2, limits.maxMemory / 64, limits.maxInstructions / 4};
     std::string message, resultText;
     bool ok = false;
     bool done = false;

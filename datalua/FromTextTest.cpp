@@ -146,7 +146,7 @@ bool InterpreterAvailable()
 
 datalua::DirectLimits TestLimits()
 {
-    return datalua::DirectLimits{100, size_t(1) << 32};
+    return datalua::DirectLimits{100, size_t(1) << 32, 50000000};
 }
 
 // ---- the direct reader, construct by construct -------------------------------------------------
@@ -338,6 +338,27 @@ TEST(FromText, ChunksThatNeedTheInterpreter)
     ReadResult global = Read("Point { }", nullptr);
     EXPECT_FALSE(global.ok);
     EXPECT_NE(global.buffer.find("[string \"FromText\"]:1:"), std::string::npos) << global.buffer;
+}
+
+TEST(FromText, LimitsOfTheInterpreterHoldForDirectReadsToo)
+{
+    if (!InterpreterAvailable()) GTEST_SKIP() << "the data-text interpreter is not built in";
+    const datalua::RunLimits saved = datalua::GetRunLimits();
+    datalua::RunLimits low = saved;
+    low.maxCallDepth = 20;
+    low.maxMemory = size_t(4) << 20;
+    datalua::SetRunLimits(low);
+    const std::string deep = std::string(30, '{') + std::string(30, '}');
+    std::string big = "{ ";
+    for (int i = 0; i < 100000; ++i)
+        big += "{ x = " + std::to_string(i) + " }, ";
+    big += "}";
+    ReadResult nested = Read(deep), large = Read(big), small = Read(std::string(5, '{') + std::string(5, '}'));
+    datalua::SetRunLimits(saved);
+    EXPECT_FALSE(nested.ok);
+    EXPECT_FALSE(large.ok);
+    EXPECT_FALSE(large.buffer.empty());
+    EXPECT_TRUE(small.ok);
 }
 
 // ---- failures ----------------------------------------------------------------------------------

@@ -899,6 +899,13 @@ private:
     Token &Tok() { return m_Lex.Current(); }
     void Next() { m_Lex.Next(); }
 
+    // Counts the interpreter's steps of a call; false once past the margin.
+    bool Spend(uint64_t steps)
+    {
+        m_Steps += steps;
+        return m_Steps <= m_Limits.maxSteps;
+    }
+
     TableFrame *Push()
     {
         if (static_cast<int>(m_Depth) >= m_Limits.maxNesting) return nullptr;
@@ -922,6 +929,7 @@ private:
     std::vector<TableFrame> m_Frames;
     size_t m_Depth = 0;
     bool m_OrderedNext = false; // the one-shot state that ordered() sets
+    uint64_t m_Steps = 0;       // what the interpreter would spend on calls so far (an estimate)
     bool m_LastString = false;  // the last value read was a string literal
 };
 
@@ -964,6 +972,7 @@ Evaluator::Start Evaluator::StartName(ScriptVal &value)
         Next();
         if (Tok().type != T_RParen) return Start::Fail;
         Next();
+        if (!Spend(8)) return Start::Fail; // ordered() and the function it gives
         m_OrderedNext = true;
         // The function it gives returns its argument: a table, a string or a parenthesis.
         switch (Tok().type)
@@ -988,6 +997,7 @@ Evaluator::Start Evaluator::StartName(ScriptVal &value)
     }
     if (!m_Serialize || IsStateGlobal(Tok().text, Tok().length)) return Start::Fail;
     // A constructor record: made now (it takes the ordered() state), named by the dotted path.
+    if (!Spend(8)) return Start::Fail; // the proxy's look-up that makes the record
     const bool recordOrdered = m_OrderedNext;
     m_OrderedNext = false;
     std::string name(Tok().text, Tok().length);
@@ -995,12 +1005,12 @@ Evaluator::Start Evaluator::StartName(ScriptVal &value)
     while (Tok().type == T_Dot)
     {
         Next();
-        if (Tok().type != T_Name || IsName(Tok(), "name")) return Start::Fail;
+        if (Tok().type != T_Name || IsName(Tok(), "name") || !Spend(4)) return Start::Fail;
         name.push_back('.');
         name.append(Tok().text, Tok().length);
         Next();
     }
-    if (Tok().type == T_LBrace) return OpenTable(&name);
+    if (Tok().type == T_LBrace) return Spend(4) ? OpenTable(&name) : Start::Fail;
     value = ScriptVal(SVType(SV_Table, SVF_Single | SVF_OneLine | (recordOrdered ? SVF_Ordered : 0)), nullptr);
     value["name"] = name.c_str();
     return Start::Scalar;

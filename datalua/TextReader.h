@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 namespace orvexScript
@@ -14,10 +15,13 @@ class ScriptVal;
 namespace orvexScript::datalua
 {
 
+// Margins below the interpreter's limits: a text that could come near one goes to the interpreter,
+// which decides.
 struct DirectLimits
 {
-    int maxNesting;        // tables and parentheses open at once
-    size_t maxTextBytes;   // longer texts go to the interpreter, which checks its own limits
+    int maxNesting;      // tables and parentheses open at once
+    size_t maxTextBytes; // longer texts (the interpreter's memory grows with the text)
+    uint64_t maxSteps;   // the interpreter's steps for constructor records and ordered() calls
 };
 
 // The prologue that stands before the text: "return ", or the serialize prologue.
