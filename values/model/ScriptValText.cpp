@@ -168,17 +168,33 @@ bool IsReservedWord(const char *s, size_t len)
     return false;
 }
 
-// A key written without brackets: a letter first, then letters, digits and '_' (C locale), and no
-// reserved word.
-bool IsPlainName(const char *s)
+// Bytes of names in the C locale: 1 letters, 2 digits and '_'.
+struct NameTable
 {
-    auto alpha = [](unsigned char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
+    unsigned char kind[256] = {};
+    constexpr NameTable()
+    {
+        for (int c = 'a'; c <= 'z'; ++c)
+            kind[c] = 1;
+        for (int c = 'A'; c <= 'Z'; ++c)
+            kind[c] = 1;
+        for (int c = '0'; c <= '9'; ++c)
+            kind[c] = 2;
+        kind[static_cast<unsigned char>('_')] = 2;
+    }
+};
+constexpr NameTable kNameBytes;
+
+// A key written without brackets: a letter first, then letters, digits and '_' (C locale), and no
+// reserved word. Gives its length, or 0 when the key needs brackets.
+size_t PlainNameLength(const char *s)
+{
     const auto *p = reinterpret_cast<const unsigned char *>(s);
-    if (!alpha(*p)) return false;
+    if (kNameBytes.kind[*p] != 1) return 0;
     size_t len = 1;
     for (; p[len]; ++len)
-        if (!alpha(p[len]) && !(p[len] >= '0' && p[len] <= '9') && p[len] != '_') return false;
-    return !IsReservedWord(s, len);
+        if (!kNameBytes.kind[p[len]]) return 0;
+    return IsReservedWord(s, len) ? 0 : len;
 }
 
 // The bytes a quoted string escapes: backslash, double quote, carriage return and line feed; and the
@@ -365,8 +381,10 @@ struct TableFrame
 
 template <class Sink> void OpenTable(Sink &sink, const ScriptVal &table, int depth, std::vector<TableFrame> &stack)
 {
-    const bool ordered = table.GetFlags(SVF_Ordered) != 0;
-    const char *name = table.GetConstructor();
+    const bool ordered = (table.m_Flags & SVF_Ordered) != 0;
+    const char *name = table.Type() == SV_Table && table.m_Value.m_Table.m_Constructor
+                           ? table.m_Value.m_Table.m_Constructor + 1
+                           : nullptr;
     const bool paren = ordered && name;
     if (ordered) Literal(sink, "ordered() ");
     if (paren) sink.Char('(');
@@ -408,9 +426,9 @@ template <class Sink> void WriteKey(Sink &sink, TableFrame &frame, const ScriptV
     else if (key.IsString())
     {
         const char *text = key.m_Value.m_String.m_String ? key.m_Value.m_String.m_String + 1 : "";
-        if (IsPlainName(text))
+        if (const size_t length = PlainNameLength(text))
         {
-            sink.Put(text, std::strlen(text));
+            sink.Put(text, length);
             Literal(sink, " = ");
         }
         else
