@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "datalua/DataLua.h"
 #include "values/model/ScriptVal.h"
 
 using orvexScript::ScriptVal;
@@ -21,6 +22,16 @@ static std::string Write(const ScriptVal &v)
         std::abort();
     }
     return std::string(buffer.data(), length);
+}
+
+// Texts that loop or grow stop early, so that the fuzzer spends its time on many inputs.
+extern "C" int LLVMFuzzerInitialize(int *, char ***)
+{
+    orvexScript::datalua::RunLimits limits;
+    limits.maxInstructions = 1000000;
+    limits.maxMemory = size_t(256) << 20;
+    orvexScript::datalua::SetRunLimits(limits);
+    return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
