@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdarg>
+#include <cstdlib>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -73,7 +74,13 @@ uint32_t AtomicLoad(const uint32_t &word)
 
 DebugLog &GetServerLog()
 {
-    static DebugLog *log = new DebugLog("KESCRIPT_LOG_SERVER", "/tmp/orvexScriptServer", false);
+    static DebugLog *log = [] {
+        const char *folder = std::getenv("TMPDIR");
+        std::string base = folder && *folder ? folder : "/tmp";
+        if (base.back() != '/') base += '/';
+        base += "orvexScriptServer";
+        return new DebugLog("KESCRIPT_LOG_SERVER", base.c_str(), false);
+    }();
     return *log;
 }
 
@@ -579,6 +586,36 @@ void RemoteApp::AsyncConnect()
     }
 }
 
+int RemoteApp::ReleaseSocket(unsigned long timeoutMs)
+{
+    if (OnConnectionThread()) return kNoSocket;
+    m_Lock.ObtainLock();
+    const bool possible = Connected() && !m_Ended && !m_Watched && !m_KeepSocket.load();
+    if (possible)
+    {
+        m_KeptSocket.store(kNoSocket);
+        m_KeepSocket.store(true);
+        m_Ended = true;
+        (void)m_WriteEvent.Signal(); // not the quit event: that shuts the socket down
+    }
+    m_Lock.ReleaseLock();
+    if (!possible) return kNoSocket;
+    if (!m_SocketKept.Wait(timeoutMs))
+    {
+        const int fd = m_KeptSocket.exchange(kReleaseAbandoned);
+        if (fd == kNoSocket) SERVER_LOG("RemoteApp(%p) - socket not released in time\n", static_cast<void *>(this));
+        return fd;
+    }
+    return m_KeptSocket.exchange(kNoSocket);
+}
+
+void RemoteApp::Abandon()
+{
+    m_Lock.ObtainLock();
+    if (!Connected()) DropAllLocal(); // gives the lock back and takes it again
+    m_Lock.ReleaseLock();
+}
+
 void RemoteApp::_Disconnect()
 {
     if (!Connected()) return;
@@ -658,6 +695,7 @@ void RemoteApp::ThreadLoop()
         else
             status = SocketIo::WaitConnection(m_QuitEvent.Fd(), m_WriteEvent.Fd(), fd, wantWritable, waitMs, events);
         m_Lock.ObtainLock();
+        if (m_KeepSocket.load()) break; // the socket goes on elsewhere: no shutdown, no more reading
         if (status == SocketIo::IO_Error)
         {
             SERVER_LOG("RemoteApp(%p) - poll err %d\n", static_cast<void *>(this), errno);
@@ -708,14 +746,24 @@ void RemoteApp::EndConnection(const char *why)
 
 void RemoteApp::FinishConnection()
 {
-    int fd = m_Socket.exchange(kNoSocket);
-    SocketIo::CloseFd(fd);
-    // The window saw the socket go with the close; its use is given back on its own thread, after any
-    // read it had begun.
     m_Lock.ObtainLock();
     const bool watched = m_Watched;
     m_Watched = false;
     m_Lock.ReleaseLock();
+    int fd = m_Socket.exchange(kNoSocket);
+    // The window stops watching before the close: a socket shared with another process (handed over)
+    // would otherwise stay in its set after the close, with this record as its cookie.
+    ScriptWindow *watcher = watched ? GetScriptWnd() : nullptr;
+    if (watcher) watcher->UnwatchSocket(fd);
+    if (m_KeepSocket.load())
+    {
+        // For ReleaseSocket; one that gave up waiting left kReleaseAbandoned, and the socket is closed.
+        if (m_KeptSocket.exchange(fd) == kReleaseAbandoned) SocketIo::CloseFd(fd);
+        m_SocketKept.Signal();
+    }
+    else
+        SocketIo::CloseFd(fd);
+    // The window's use is given back on its own thread, after any read it had begun.
     if (watched)
     {
         ScriptWindow *window = GetScriptWnd();
@@ -1243,6 +1291,22 @@ void RemoteApp::SendError(uint32_t sequence, ScriptError code, const char *messa
     (void)SendPkt(CreateReply(sequence, Objects(), nullptr, &error));
 }
 
+namespace
+{
+// A peer that is not logged in may still call __Login on the root, or it could never log in.
+bool IsLoginCall(const Packet *packet)
+{
+    if (packet->m_Type != PKT_Command || packet->m_Symbol != SST_CallMemberFunction ||
+        packet->m_Object != GlobalObjectTable::kRootId)
+        return false;
+    ScriptVal args;
+    if (FromPacket(static_cast<PacketObjects *>(nullptr), packet, packet->m_Size, nullptr, &args) != PR_Ok)
+        return false;
+    const ScriptVal &member = args.FindKeyConst(0.0);
+    return member.IsString() && std::strcmp(member.ToString(""), "__Login") == 0;
+}
+} // namespace
+
 void RemoteApp::DispatchPacket(Packet *packet)
 {
     if (!packet) return;
@@ -1292,7 +1356,7 @@ void RemoteApp::DispatchPacket(Packet *packet)
     case PKT_Command:
     case PKT_NoMoreRefs:
     {
-        if (!m_LoggedIn)
+        if (!m_LoggedIn && !IsLoginCall(packet))
         {
             SendError(packet->m_Sequence, SE_NotLoggedIn, nullptr);
             FreePkt(packet);

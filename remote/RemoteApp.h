@@ -42,6 +42,8 @@ using PacketCallback = bool (*)(void *user, RemoteApp *app, Packet *packet, unsi
 
 // The socket field when there is none.
 constexpr int kNoSocket = -1;
+// ReleaseSocket's mark of a caller that stopped waiting (internal).
+constexpr int kReleaseAbandoned = -2;
 
 class ORVEX_API RemoteApp
 {
@@ -153,6 +155,17 @@ public:
     static bool ClearObjectReferences(ScriptObject *object);
     static int GetNumConnections();
     static bool EverConnected();
+
+    // Ends the connection without shutting its socket down or closing it, and gives the socket to the
+    // caller, who closes it: for a socket handed on to another process, which goes on with the very
+    // connection. Waits at most timeoutMs for the connection thread to let go of the socket, so that no
+    // thread here waits on it any more; not on that thread, and not for a connection whose socket a
+    // script window reads. kNoSocket if there was no connection or the thread did not let go in time.
+    int ReleaseSocket(unsigned long timeoutMs);
+    // For a record that is not connected and will not be: lets go of what the connection would have
+    // dropped at its end (the root entry's hold), so that the record goes with its last use. A record
+    // that never connected is otherwise kept by that hold. The caller holds a use.
+    void Abandon();
 
     // The process-wide list of records, under g_AppLock.
     RemoteApp *m_NextApp = nullptr;
@@ -273,6 +286,10 @@ private:
     RemoteObjectTable m_LocalObjects;
     RemoteObjectTable m_RemoteObjects;
     bool m_LoggedIn = true;
+    // ReleaseSocket: the thread keeps the socket open and hands it over through m_KeptSocket.
+    std::atomic<bool> m_KeepSocket{false};
+    std::atomic<int> m_KeptSocket{kNoSocket};
+    Event m_SocketKept;
     std::atomic<bool> m_Closing{false};
     bool m_Announced = false;
     bool m_Ended = false; // the socket failed or the queue overflowed: the loop ends

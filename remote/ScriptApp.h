@@ -29,7 +29,13 @@ public:
     void OnZeroLocalCount() override;
     void OnZeroRemoteCount() override;
 
+    // Keeps the client's root proxy unless the connection has ended already (then false). Any thread.
+    bool KeepRoot(const ScriptVal &root);
+
     ScriptVal m_Root;
+
+private:
+    bool m_Finished = false; // the connection thread has let go of m_Root; under the connection lock
 };
 
 // Connects to the application `name` (empty or null: the bare server) on `host` (null: this machine)

@@ -45,6 +45,9 @@ ScriptWindow::~ScriptWindow()
 {
     std::unique_lock<std::mutex> lock(m_Mutex);
     m_Closing = true;
+    // Posted messages are released after the lock is let go: a release may end a connection, whose
+    // end takes locks that a thread posting to this window may hold while it waits for m_Mutex.
+    Node *dropped = nullptr, *droppedTail = nullptr;
     while (Node *node = TakeFirst())
     {
         if (node->waiter)
@@ -52,12 +55,19 @@ ScriptWindow::~ScriptWindow()
             node->waiter->state = SendWait::Failed;
             continue;
         }
-        if (m_Release) m_Release(node->message, node->param1, node->param2);
-        delete node;
+        (droppedTail ? droppedTail->next : dropped) = node;
+        droppedTail = node;
     }
     m_Ran.notify_all();
     // The senders just failed are awake and only leave; none can enter any more.
     m_Ran.wait(lock, [this] { return m_Senders == 0; });
+    lock.unlock();
+    while (Node *node = dropped)
+    {
+        dropped = node->next;
+        if (m_Release) m_Release(node->message, node->param1, node->param2);
+        delete node;
+    }
 }
 
 bool ScriptWindow::Open()
@@ -104,6 +114,12 @@ bool ScriptWindow::WatchSocket(int fd, void *cookie)
         }
     }
     return m_Sockets.AddPointer(fd, cookie, true);
+}
+
+void ScriptWindow::UnwatchSocket(int fd)
+{
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    if (m_Sockets.IsOpen()) (void)m_Sockets.Remove(fd);
 }
 
 void ScriptWindow::SetSocketReady(void (*ready)(void *cookie))

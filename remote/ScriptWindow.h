@@ -91,6 +91,8 @@ public:
     // first, ahead of the connection's own waiters, which are woken only while the owner is busy.
     // From any thread; false if the socket could not be added (the connection reads it as before).
     bool WatchSocket(int fd, void *cookie);
+    // Stops watching a socket, before it is closed. Any thread.
+    void UnwatchSocket(int fd);
     void SetSocketReady(void (*ready)(void *cookie));
 
 private:

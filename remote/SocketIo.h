@@ -203,6 +203,9 @@ public:
     void Close();
     bool IsOpen() const { return m_Fd != kNoFd; }
     [[nodiscard]] bool Add(int fd, unsigned bit, bool exclusive);
+    // Takes a descriptor out, while it is still open. Closing it is not enough when its socket is
+    // shared with another process (handed over): the entry stays as long as the socket lives anywhere.
+    bool Remove(int fd);
     // Waits at most timeoutMs (negative: no limit). IO_Ok with the bits of what is ready, IO_TimedOut,
     // or IO_Error.
     [[nodiscard]] IoStatus Wait(int timeoutMs, uint32_t &ready);

@@ -37,10 +37,10 @@ ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1:ha
   run_ctest build-asan
 
 echo "== TSan build (clang, build-tsan/): the threaded tests"
-# Locks, events, queues, threads, the calls handed to a main thread, Lua scripts that drive another
-# process's objects (LuaRemote), and every test whose name says it races (Race) or runs several threads
-# (Threads), such as TagList readers against appends.
-threaded='^(Lock|SpinLock|Event|EventQueue|Thread|ThreadRNG|TagListLock|SymbolCallWithMainThread|RemoteApp[A-Za-z]*|LuaRemote|ScriptWindow|WakeFlag)\.|Race|Threads'
+# Locks, events, queues, threads, the calls handed to a main thread, connections, the script server and
+# start-up in a host, Lua scripts that drive another process's objects (LuaRemote), and every test whose
+# name says it races (Race) or runs several threads (Threads), such as TagList readers against appends.
+threaded='^(Lock|SpinLock|Event|EventQueue|Thread|ThreadRNG|TagListLock|SymbolCallWithMainThread|RemoteApp[A-Za-z]*|ScriptServer[A-Za-z]*|ScriptApp[A-Za-z]*|StartUp|LuaRemote|ScriptWindow|WakeFlag)\.|Race|Threads'
 CC=clang CXX=clang++ bash scripts/build.sh build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo "${common[@]}" \
   -DORVEX_SANITIZE=thread -DORVEX_BUILD_BENCH=OFF
 echo "selected:"

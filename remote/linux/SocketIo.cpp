@@ -563,6 +563,13 @@ bool EventSet::Add(int fd, unsigned bit, bool exclusive)
     return Sys().epoll_ctl(m_Fd, EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
+bool EventSet::Remove(int fd)
+{
+    if (m_Fd == kNoFd || fd < 0) return false;
+    epoll_event event{};
+    return Sys().epoll_ctl(m_Fd, EPOLL_CTL_DEL, fd, &event) == 0;
+}
+
 bool EventSet::AddPointer(int fd, void *cookie, bool exclusive)
 {
     if (m_Fd == kNoFd || fd < 0) return false;

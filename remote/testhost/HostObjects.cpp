@@ -123,6 +123,24 @@ void Thread(void *self, ScriptArgs &args, ScriptSymbol *, bool)
     args.ReturnString(std::this_thread::get_id() == RootOf(self)->m_MainThread ? "main" : "other");
 }
 
+void AddHost(void *self, ScriptArgs &args, ScriptSymbol *, bool)
+{
+    const bool isTable = args[1].IsTable();
+    if (isTable)
+    {
+        std::lock_guard<std::mutex> hold(RootOf(self)->m_Lock);
+        if (RootOf(self)->m_Hosts.size() < 1024) RootOf(self)->m_Hosts.push_back(args[1]);
+    }
+    args.ReturnBoolean(isTable);
+}
+
+void RemoveHost(void *self, ScriptArgs &args, ScriptSymbol *, bool)
+{
+    std::lock_guard<std::mutex> hold(RootOf(self)->m_Lock);
+    if (RootOf(self)->m_Removed.size() < 1024) RootOf(self)->m_Removed.push_back(args[1].ToNumber(-1));
+    args.ReturnBoolean(true);
+}
+
 ScriptSymbol s_ItemName(1, "Name", SST_Function, ItemName, s_ItemInfo);
 ScriptSymbol s_ItemSetName(1, "SetName", SST_Function, ItemSetName, s_ItemInfo);
 ScriptSymbol s_Echo(1, "Echo", SST_Function, Echo, s_RootInfo);
@@ -136,6 +154,8 @@ ScriptSymbol s_Drop(1, "Drop", SST_Function, Drop, s_RootInfo);
 ScriptSymbol s_Call(1, "Call", SST_Function, Call, s_RootInfo);
 ScriptSymbol s_Thread(1, "Thread", SST_Function, Thread, s_RootInfo);
 ScriptSymbol s_Later(1, "Later", SST_Function, Later, s_RootInfo);
+ScriptSymbol s_AddHost(1, "AddHost", SST_Function, AddHost, s_RootInfo);
+ScriptSymbol s_RemoveHost(1, "RemoveHost", SST_Function, RemoveHost, s_RootInfo);
 ScriptSymbol s_Value(1, "Value", SST_Variable | SSF_Read | SSF_Write, Value, s_RootInfo);
 } // namespace
 

@@ -37,6 +37,8 @@ private:
 // member of an object, a proxy of the peer's included, and gives its first result; Thread() names the
 // thread that ran it ("main" for the thread that made the root, else "other"); Later(v) answers v from
 // another thread after returning (a deferred reply). The variable Value is read and written.
+// AddHost(info) and RemoveHost(pid) stand in for a script server's registry: they record what hosts
+// send, so that start-up can be watched against this root.
 class Root : public RefObject
 {
 public:
@@ -51,6 +53,8 @@ public:
     // The configuration's connection notices, counted.
     std::atomic<int> m_Connects{0}, m_Disconnects{0}, m_ConnectFailures{0};
     ScriptVal m_Value;
+    std::vector<ScriptVal> m_Hosts;  // the tables given to AddHost, in order
+    std::vector<double> m_Removed;   // the process ids given to RemoveHost, in order
     std::thread::id m_MainThread;
     // The longest Sleep in seconds; a harness that feeds random commands sets it to 0.
     static std::atomic<double> s_MaxSleep;

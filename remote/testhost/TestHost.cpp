@@ -8,15 +8,29 @@
 // The client mode: connects to 127.0.0.1:PORT, makes N items (3 by default) on the peer's root and
 // keeps their proxies, has the peer's root keep an item of its own, prints "READY <n>" with the
 // peer's objects it holds, then waits as above.
+//   orvexTestHost --register NAME --server-port PORT [--priority SUBTYPE=N]... [--password P]
+//                 [--max-seconds S]
+// The application mode: registers as NAME with the script server at 127.0.0.1:PORT (info Name,
+// ProcessID, UUID, SupportsNewConnect and the priorities given), prints "REGISTERED <uuid>" and serves
+// the clients the server hands over on its main thread. With --password, a client must first call
+// __Login("user", P). Ends on SIGTERM or SIGINT, at the end of standard input if that is a pipe, or
+// after S seconds (60 by default), whichever comes first.
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <thread>
 #include <vector>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "objects/ObjectHooks.h"
 #include "remote/RemoteApp.h"
+#include "remote/ScriptApp.h"
 #include "remote/ScriptWindow.h"
 #include "remote/Scripting.h"
 #include "remote/SocketIo.h"
@@ -47,6 +61,64 @@ void WatchStdin()
         }
         s_Stop.store(true);
     }).detach();
+}
+
+bool StdinIsPipe()
+{
+    struct stat info{};
+    return fstat(0, &info) == 0 && S_ISFIFO(info.st_mode);
+}
+
+const char *s_Password = nullptr;
+
+bool CheckLogin(void *, RemoteApp *, const char *user, const char *password)
+{
+    return std::strcmp(user, "user") == 0 && std::strcmp(password, s_Password) == 0;
+}
+
+int RunRegistered(const char *name, uint16_t port, const std::vector<std::string> &priorities,
+                  double maxSeconds)
+{
+    if (!CreateScriptWindow())
+    {
+        std::fprintf(stderr, "orvexTestHost: no script window\n");
+        return 1;
+    }
+    AddConnectMembers(GetRootObject()->GetScriptInfo());
+    if (s_Password) SetLoginHook(CheckLogin, nullptr);
+    g_ScriptServerPort = port;
+    ScriptVal server = ScriptApp("", nullptr, nil, "127.0.0.1", 5.0);
+    ScriptVal info(SV_Table, nullptr);
+    info.FindKey("Name") = ScriptVal(name);
+    info.FindKey("ProcessID") = ScriptVal(static_cast<double>(getpid()));
+    info.FindKey("UUID") = GetAppUUID();
+    info.FindKey("SupportsNewConnect") = ScriptVal(true);
+    if (!priorities.empty())
+    {
+        ScriptVal &table = info.FindKey("Priorities");
+        table = ScriptVal(SV_Table, nullptr);
+        for (const std::string &pair : priorities)
+        {
+            const size_t equals = pair.find('=');
+            if (equals != std::string::npos)
+                table.FindKey(pair.substr(0, equals).c_str()) =
+                    ScriptVal(std::strtod(pair.c_str() + equals + 1, nullptr));
+        }
+    }
+    if (server.IsNil() || !server.CallMember("AddHost", info).ToBoolean())
+    {
+        std::fprintf(stderr, "orvexTestHost: cannot register with the server at port %u\n",
+                     static_cast<unsigned>(port));
+        return 1;
+    }
+    std::printf("REGISTERED %s\n", GetAppUUID().ToString(""));
+    std::fflush(stdout);
+    if (StdinIsPipe()) WatchStdin();
+    const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(maxSeconds);
+    int exitCode = 0;
+    while (!s_Stop.load() && std::chrono::steady_clock::now() < end)
+        (void)GetScriptWnd()->Pump(0, 100, exitCode);
+    std::_Exit(0);
 }
 
 int RunClient(uint16_t port, unsigned items)
@@ -86,6 +158,10 @@ int main(int argc, char **argv)
     unsigned port = 0;
     unsigned connectPort = 0;
     unsigned items = 3;
+    const char *registerName = nullptr;
+    unsigned serverPort = 0;
+    std::vector<std::string> priorities;
+    double maxSeconds = 60.0;
     for (int i = 1; i < argc; ++i)
     {
         if (std::strcmp(argv[i], "--no-window") == 0)
@@ -96,9 +172,22 @@ int main(int argc, char **argv)
             connectPort = static_cast<unsigned>(std::strtoul(argv[++i], nullptr, 10));
         else if (std::strcmp(argv[i], "--items") == 0 && i + 1 < argc)
             items = static_cast<unsigned>(std::strtoul(argv[++i], nullptr, 10));
+        else if (std::strcmp(argv[i], "--register") == 0 && i + 1 < argc)
+            registerName = argv[++i];
+        else if (std::strcmp(argv[i], "--server-port") == 0 && i + 1 < argc)
+            serverPort = static_cast<unsigned>(std::strtoul(argv[++i], nullptr, 10));
+        else if (std::strcmp(argv[i], "--priority") == 0 && i + 1 < argc)
+            priorities.emplace_back(argv[++i]);
+        else if (std::strcmp(argv[i], "--password") == 0 && i + 1 < argc)
+            s_Password = argv[++i];
+        else if (std::strcmp(argv[i], "--max-seconds") == 0 && i + 1 < argc)
+            maxSeconds = std::strtod(argv[++i], nullptr);
         else
         {
-            std::fprintf(stderr, "usage: %s [--no-window] [--port N] | --connect PORT [--items N]\n", argv[0]);
+            std::fprintf(stderr,
+                         "usage: %s [--no-window] [--port N] | --connect PORT [--items N] | --register NAME "
+                         "--server-port PORT [--priority SUBTYPE=N]... [--password P] [--max-seconds S]\n",
+                         argv[0]);
             return 2;
         }
     }
@@ -108,11 +197,13 @@ int main(int argc, char **argv)
     auto *root = new testhost::Root;
     static ScriptConfig config;
     config.flags = SCF_Host;
-    config.name = "orvexTestHost";
+    config.name = registerName ? registerName : "orvexTestHost";
     config.user = root;
     config.root = RootOf;
     InitScripting(config);
     if (connectPort) return RunClient(static_cast<uint16_t>(connectPort), items);
+    if (registerName)
+        return RunRegistered(registerName, static_cast<uint16_t>(serverPort), priorities, maxSeconds);
     if (window && !CreateScriptWindow())
     {
         std::fprintf(stderr, "orvexTestHost: no script window\n");
