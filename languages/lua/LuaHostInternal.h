@@ -9,8 +9,9 @@
 namespace orvexScript
 {
 
-// Appends the functions of one part of the library (files and directories).
+// Appends the functions of one part of the library (files and directories; values as text).
 void AddFileFunctions(std::vector<luaL_Reg> &functions);
+void AddTextFunctions(std::vector<luaL_Reg> &functions);
 
 // The full path form of `path`: absolute (the current folder in front of a relative path), "\" read as
 // "/", empty parts and "." dropped, ".." taking away the part before it, a trailing separator kept.

@@ -418,6 +418,7 @@ std::vector<luaL_Reg> MakeFunctions()
         {"getusing", orvex_getusing},
     };
     AddFileFunctions(functions);
+    AddTextFunctions(functions);
     functions.push_back({nullptr, nullptr});
     return functions;
 }

@@ -87,7 +87,7 @@ TEST(HostLibrary, OpensEveryFunctionAndLeavesTheTable)
     int count = 0;
     for (lua_pushnil(L); lua_next(L, -2); lua_pop(L, 1))
         count += lua_iscfunction(L, -1) ? 1 : 0;
-    EXPECT_EQ(count, 34);
+    EXPECT_EQ(count, 38);
 }
 
 TEST(HostFiles, ReadDirListsEntriesWithoutDotsAndNamesThePattern)
