@@ -311,7 +311,7 @@ struct Conversion
     int firstKey;
 };
 
-int ConvertValues(lua_State *L)
+ORVEX_LUA_FUNCTION(ConvertValues)
 {
     auto *conversion = static_cast<Conversion *>(lua_touserdata(L, lua_upvalueindex(1)));
     const int count = lua_gettop(L);
