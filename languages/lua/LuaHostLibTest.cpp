@@ -191,6 +191,27 @@ TEST(HostProcesses, ExecuteBgWaitsWithTwoResultsOrReturnsAtOnce)
     EXPECT_EQ(h.Run("return orvex.suspend()"), "");
 }
 
+TEST(HostProcesses, WithoutDisplayOrTerminalClipboardAndConsoleFail)
+{
+    orvexTest::ScopedEnv noDisplay("DISPLAY", nullptr);
+    HostLib h;
+    EXPECT_EQ(h.Run("return orvex.getclipboard()"), "nil");
+    EXPECT_EQ(h.Run("return select('#', orvex.setclipboard('x'))"), "0");
+    EXPECT_EQ(h.Run("return select('#', orvex.setclipboard(nil))"), "0");
+
+    // A process of a session of its own has no terminal to reopen its standard files on.
+    const pid_t child = fork();
+    if (child == 0)
+    {
+        (void)setsid();
+        HostLib c;
+        _exit(c.Run("return orvex.allocconsole()") == "false" ? 0 : 1);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
 TEST(HostProcesses, CrashIsARealFault)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
@@ -369,6 +390,8 @@ TEST(HostRemote, ScriptAppLogsInWithTheSavedLogin)
         lua_pushboolean(h.L, true);
         lua_setfield(h.L, LUA_REGISTRYINDEX, kLocalConnectKey);
         EXPECT_EQ(h.Run("return orvex.scriptapp('LoginHost', nil, 5) ~= nil"), "true") << "no login made";
+
+        EXPECT_EQ(h.Run("local t = orvex.pinghosts('LoginHost', 0.3) return type(t), type(t[1].IP)"), "table,string");
         EXPECT_EQ(h.Run("collectgarbage() collectgarbage()"), "");
     }
     g_ScriptServerPort = saved;
