@@ -10,6 +10,7 @@
 #include <cmath>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -264,6 +265,26 @@ TEST(HostLocks, NamedLockExcludesAnotherProcessUntilReleased)
     EXPECT_EQ(h.Run("return orvex.obtaingloballock(5, 1), orvex.releasegloballock('never-taken')"), "false,false");
 }
 
+// Within one process a lock belongs to the thread that took it, as between processes.
+TEST(HostLocks, AnotherThreadWaitsForTheOwner)
+{
+    const std::string name = "HostLocksThreads-" + std::to_string(getpid());
+    ASSERT_TRUE(HostSystem::ObtainGlobalLock(name.c_str(), 1000));
+    bool got = true, released = true;
+    std::thread([&] {
+        got = HostSystem::ObtainGlobalLock(name.c_str(), 100);
+        released = HostSystem::ReleaseGlobalLock(name.c_str());
+    }).join();
+    EXPECT_FALSE(got);
+    EXPECT_FALSE(released) << "only the owner releases";
+    ASSERT_TRUE(HostSystem::ReleaseGlobalLock(name.c_str()));
+    std::thread([&] {
+        got = HostSystem::ObtainGlobalLock(name.c_str(), 100);
+        released = HostSystem::ReleaseGlobalLock(name.c_str());
+    }).join();
+    EXPECT_TRUE(got && released);
+}
+
 TEST(HostNames, StripAndValidNamesAndUserdata)
 {
     HostLib h;
@@ -303,6 +324,7 @@ TEST(HostNoise, MatchesWorkedValuesAndWeighsOctaves)
         {-0.75f, 3.1f, -1.9f, 1, 0.1896737813949585f},
         {10.2f, 4.4f, -7.3f, 1, -0.13242276012897491f},
         {-1, -1, -1, 1, 0.0f},
+        {-2, 1.3f, 0.7f, 1, 0.13235585391521454f}, // x + s is exactly -2: its floor is taken as -3
         {0.3f, 0.6f, 0.9f, 1.5f, -0.020356304943561554f},
         {2.2f, 0.1f, 5.5f, 3, 0.1807268112897873f},
     };
