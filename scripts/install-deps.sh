@@ -9,8 +9,9 @@ PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   # interpreter and its pattern library
   libluajit-5.1-dev lua-lpeg-dev
-  # for the benchmarks only: msgpack-c, the codec baseline of bench/RemoteBench
-  libmsgpack-dev
+  # for the benchmarks only: msgpack-c, the codec baseline of bench/RemoteBench, and RapidJSON, the
+  # writer baseline of bench/TextBench
+  libmsgpack-dev rapidjson-dev
 )
 
 missing=()
