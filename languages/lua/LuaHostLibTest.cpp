@@ -8,6 +8,7 @@
 #include <lua.hpp>
 
 #include <cmath>
+#include <cstring>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -177,6 +178,39 @@ TEST(HostFiles, PathsBeyondTheBuffersFailCleanly)
     EXPECT_EQ(h.Run("return orvex.fullpath('a\\\\.\\\\b\\\\..\\\\c')"), dir.Path() + "/a/c");
     EXPECT_EQ(h.Run("return orvex.setcurrentdir('nowhere'), orvex.tounc('relative')"), "false");
     EXPECT_EQ(h.Run("return orvex.tounc('\\\\\\\\server\\\\share')"), "\\\\server\\share");
+}
+
+TEST(HostText, ValuesGoToTextAndBack)
+{
+    orvexTest::TempDir dir;
+    HostLib h;
+    const std::string file = dir.File("value.txt");
+    EXPECT_EQ(h.Run("return orvex.writefile([[" + file + "]], {a = 1, b = {'x', true}})"), "true");
+    EXPECT_EQ(h.Run("local t = orvex.readfile([[" + file + "]]) return t.a, t.b[1], t.b[2]"), "1,x,true");
+    EXPECT_EQ(h.Run("local t = orvex.readstring(orvex.writestring({3, 'y'})) return t[1], t[2]"), "3,y");
+    EXPECT_EQ(h.Run("return orvex.writestring('q'), orvex.readstring(orvex.writestring(2.5))"), "\"q\",2.5");
+    // An unknown dotted name before a table reads as that table.
+    EXPECT_EQ(h.Run("local t = orvex.readstring('Some.Point { x = 1 }') return t.x"), "1");
+    // With a name: the text runs as statements and that global is the value.
+    dir.Write("named.txt", "settings = { depth = 4 }\nother = 1\n");
+    EXPECT_EQ(h.Run("return orvex.readfile([[" + dir.File("named.txt") + "]], 'settings').depth"), "4");
+    EXPECT_EQ(h.Run("return orvex.readstring('x = 5\\n', 'x')"), "5");
+
+    struct Case
+    {
+        const char *code, *expect;
+    } failures[] = {
+        {"return orvex.readstring('{'), orvex.readstring({})", "nil,nil"},
+        {"return orvex.readfile('/no/such/file'), orvex.readfile()", "nil,nil"},
+        {"return orvex.writefile('/no/such/folder/file', 1), orvex.writefile(nil, 1)", "false,false"},
+        {"return pcall(orvex.writestring, coroutine.create(print))", "false"},
+        {"return pcall(orvex.writefile, '/tmp/never', coroutine.create(print))", "false"},
+    };
+    for (const Case &c : failures)
+        EXPECT_EQ(h.Run(c.code).substr(0, std::strlen(c.expect)), c.expect) << c.code;
+    EXPECT_NE(h.Run("return select(2, pcall(orvex.writestring, coroutine.create(print)))")
+                  .find("Unsupported type for custom data!"),
+              std::string::npos);
 }
 
 TEST(HostProcesses, ExecuteBgWaitsWithTwoResultsOrReturnsAtOnce)
