@@ -441,6 +441,10 @@ TEST(HostRemote, ScriptAppLogsInWithTheSavedLogin)
         EXPECT_EQ(h.Run(connect), "false");
         saveLogin("127.0.0.1", "secret");
         EXPECT_EQ(h.Run(connect), "true");
+        // A notification reaches the objects of a table in order with later calls on the connection.
+        EXPECT_EQ(h.Run("local a = orvex.scriptapp('LoginHost', nil, 5) local item = a:Make('old') "
+                        "orvex.sendnotify({item, 7}, 'SetName', 'new') return item:Name()"),
+                  "new");
 
         saveLogin("127.0.0.1", "wrong");
         lua_pushboolean(h.L, true);
