@@ -194,7 +194,7 @@ TEST(HostText, ValuesGoToTextAndBack)
     // With a name: the text runs as statements and that global is the value.
     dir.Write("named.txt", "settings = { depth = 4 }\nother = 1\n");
     EXPECT_EQ(h.Run("return orvex.readfile([[" + dir.File("named.txt") + "]], 'settings').depth"), "4");
-    EXPECT_EQ(h.Run("return orvex.readstring('x = 5\\n', 'x')"), "5");
+    EXPECT_EQ(h.Run("return orvex.readstring('x = 5', 'x')"), "5");
 
     struct Case
     {
