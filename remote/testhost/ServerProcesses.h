@@ -213,6 +213,31 @@ struct RecordsGone
     }
 };
 
+// A script server on a free port with this process as its client `name`. The connection records are
+// waited for last.
+struct ServedClient
+{
+    explicit ServedClient(const char *name = "ScriptServerTest") : port(FreeServerPort()), server(port)
+    {
+        BecomeClient(port, name);
+    }
+
+    RecordsGone gone;
+    uint16_t port;
+    ServerProcess server;
+};
+
+// A boolean result of a remote call, as opposed to a nil or a number.
+inline bool IsTrue(const ScriptVal &value)
+{
+    return value.IsBoolean() && value.ToBoolean();
+}
+
+inline bool IsFalse(const ScriptVal &value)
+{
+    return value.IsBoolean() && !value.ToBoolean();
+}
+
 // The UUID of the application a root proxy leads to, as the server named it.
 inline std::string UUIDOf(const ScriptVal &root)
 {
