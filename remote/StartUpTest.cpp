@@ -391,38 +391,5 @@ TEST_F(StartUp, StartServerRunsTheProgramDetachedAndLeavesNoZombie)
     g_ScriptServerPort = savedPort;
 }
 
-#ifdef ORVEX_DEMO_HOST
-// The demo host registers under its name, says so on one line, and on SIGINT or SIGTERM takes itself
-// out of the list and exits with 0.
-TEST_F(StartUp, TheDemoHostRegistersAndLeavesCleanlyOnASignal)
-{
-    struct Case
-    {
-        const char *name; // null: the default
-        int signal;
-    };
-    for (const Case &c : {Case{nullptr, SIGTERM}, Case{"demo-under-test", SIGINT}})
-    {
-        SCOPED_TRACE(c.signal);
-        Forget();
-        testhost::Listener server;
-        std::vector<std::string> argv{ORVEX_DEMO_HOST, "--port", std::to_string(server.Port())};
-        if (c.name) argv.insert(argv.end(), {"--name", c.name});
-        const std::string name = c.name ? c.name : "orvexDemo";
-        orvexTest::ChildProcess host(argv);
-        ASSERT_TRUE(host.Running());
-        const int pid = host.Pid();
-        ASSERT_TRUE(host.WaitForLine(name + " ready", 30000));
-        ASSERT_EQ(Hosts().size(), 1u);
-        ExpectEntryOf(Hosts()[0], name.c_str(), pid);
-        host.Signal(c.signal);
-        orvexTest::ProcessResult result = host.Wait(30000);
-        EXPECT_FALSE(result.timedOut);
-        EXPECT_EQ(result.exitCode, 0);
-        EXPECT_EQ(Removed(), std::vector<double>{double(pid)});
-    }
-}
-#endif
-
 } // namespace
 } // namespace orvexScript

@@ -167,14 +167,20 @@ struct HostProcess
 
 #ifdef ORVEX_DEMO_HOST
 // The demo host as a child on the server port `port`: with no server there it starts one itself (the
-// front end beside it). `ready` once it said so.
+// front end beside it). `ready` once it said so. Its own default name is given by no --name.
 struct DemoHostProcess
 {
     explicit DemoHostProcess(uint16_t port, std::string name_ = "orvexDemo")
-        : name(std::move(name_)), child({ORVEX_DEMO_HOST, "--port", std::to_string(port), "--name", name})
+        : name(std::move(name_)), child(Arguments(port, name))
     {
         ready = WaitReady();
         EXPECT_TRUE(ready) << "the demo host " << name << " did not say it was ready";
+    }
+    static std::vector<std::string> Arguments(uint16_t port, const std::string &name)
+    {
+        std::vector<std::string> args{ORVEX_DEMO_HOST, "--port", std::to_string(port)};
+        if (name != "orvexDemo") args.insert(args.end(), {"--name", name});
+        return args;
     }
     // The next "<name> ready" line (after a start or a restart).
     bool WaitReady() { return child.WaitForLine(name + " ready", 60000).has_value(); }
