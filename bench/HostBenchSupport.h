@@ -26,7 +26,8 @@ inline std::vector<unsigned char> MemberCallBytes(const orvexScript::ScriptArgs 
 {
     using namespace orvexScript;
     std::vector<unsigned char> bytes;
-    if (Packet *packet = ToPacket(static_cast<PacketObjects *>(nullptr), 1, SST_CallMemberFunction, nullptr, &args))
+    if (Packet *packet =
+            ToPacket(static_cast<PacketObjects *>(nullptr), 1, SST_CallMemberFunction, nullptr, &args))
     {
         const auto *raw = reinterpret_cast<const unsigned char *>(packet);
         bytes.assign(raw, raw + packet->m_Size);
@@ -75,8 +76,10 @@ inline void BenchRootValue(void *, orvexScript::ScriptArgs &args, orvexScript::S
     if (!set) args.Return(orvexScript::ScriptVal(2.0));
 }
 
-inline orvexScript::ScriptSymbol s_BenchRootFoo(1, "Foo", orvexScript::SST_Function, BenchRootFoo, s_BenchRootInfo);
-inline orvexScript::ScriptSymbol s_BenchRootValue(1, "Value", orvexScript::SST_Variable | orvexScript::SSF_Read,
+inline orvexScript::ScriptSymbol s_BenchRootFoo(1, "Foo", orvexScript::SST_Function, BenchRootFoo,
+                                                s_BenchRootInfo);
+inline orvexScript::ScriptSymbol s_BenchRootValue(1, "Value",
+                                                  orvexScript::SST_Variable | orvexScript::SSF_Read,
                                                   BenchRootValue, s_BenchRootInfo);
 
 inline BenchRoot::BenchRoot()
@@ -124,16 +127,19 @@ private:
         config.root = [](void *user, void *) -> ScriptObject * { return static_cast<BenchRoot *>(user); };
         InitScripting(config);
         if (!CreateScriptWindow()) _exit(1);
-        std::thread([listener, parent] {
-            for (;;)
+        std::thread(
+            [listener, parent]
             {
-                pollfd entry{listener, POLLIN, 0};
-                if (getppid() != parent) _exit(0);
-                if (poll(&entry, 1, 1000) <= 0) continue;
-                int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-                if (fd >= 0 && SetNoDelay(fd)) new RemoteApp(fd); // lives by its counts
-            }
-        }).detach();
+                for (;;)
+                {
+                    pollfd entry{listener, POLLIN, 0};
+                    if (getppid() != parent) _exit(0);
+                    if (poll(&entry, 1, 1000) <= 0) continue;
+                    int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+                    if (fd >= 0 && SetNoDelay(fd)) new RemoteApp(fd); // lives by its counts
+                }
+            })
+            .detach();
         for (;;)
         {
             int exitCode = 0;
@@ -149,7 +155,8 @@ private:
 // The host process of the whole program, named `name`, forked at first use.
 inline HostPeer *TheHost(const char *name)
 {
-    static HostPeer *host = [name] {
+    static HostPeer *host = [name]
+    {
         auto *peer = new HostPeer;
         return peer->Start(name) ? peer : nullptr;
     }();

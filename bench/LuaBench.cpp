@@ -529,8 +529,8 @@ void BM_RemoteCall(benchmark::State &state)
 {
     RemoteBench::HostLink link(kHostName);
     if (!link.root.IsRemoteObject()) return state.SkipWithError("no host");
-    RemoteBench::Percentiles times =
-        RemoteBench::TimeEach(state, "the call failed", [&] { return link.root.CallMember("Foo", 2.0) == 2.0; });
+    RemoteBench::Percentiles times = RemoteBench::TimeEach(
+        state, "the call failed", [&] { return link.root.CallMember("Foo", 2.0) == 2.0; });
     g_Results["call mean us"] = times.Mean();
     times.Record(g_Results, "call");
 }

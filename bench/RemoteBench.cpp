@@ -72,9 +72,10 @@ void BM_RawRoundTrip(benchmark::State &state)
 constexpr size_t kWindow = 64;
 constexpr size_t kPipelinedCalls = 20000;
 
-// Runs `run` (kPipelinedCalls calls; false when they failed, which stops with `failure`) in every iteration and gives the calls
-// per second as the counter calls_per_s and as `name` in the results.
-template <typename F> void PipelinedRate(benchmark::State &state, const char *name, const char *failure, F &&run)
+// Runs `run` (kPipelinedCalls calls; false when they failed, which stops with `failure`) in every iteration
+// and gives the calls per second as the counter calls_per_s and as `name` in the results.
+template <typename F>
+void PipelinedRate(benchmark::State &state, const char *name, const char *failure, F &&run)
 {
     double calls = 0, seconds = 0;
     for (auto _ : state)
@@ -96,9 +97,10 @@ template <typename F> void PipelinedRate(benchmark::State &state, const char *na
 void BM_RawPipelined(benchmark::State &state)
 {
     EchoConnection connection(state);
-    PipelinedRate(state, "raw pipelined calls/s", "the pipelined echo failed", [&] {
-        return RemoteBench::RawPipelined(connection.fd, CommandBytes(), kPipelinedCalls, kWindow) > 0;
-    });
+    PipelinedRate(
+        state, "raw pipelined calls/s", "the pipelined echo failed",
+        [&]
+        { return RemoteBench::RawPipelined(connection.fd, CommandBytes(), kPipelinedCalls, kWindow) > 0; });
 }
 
 BENCHMARK(BM_RawRoundTrip)->UseRealTime()->MinTime(1.0)->Unit(benchmark::kMicrosecond);
@@ -141,26 +143,30 @@ void BM_RemotePipelined(benchmark::State &state)
     RemoteBench::HostLink link(kHostName);
     RemoteObject *root = link.root.ToRemoteObject();
     if (!root) return state.SkipWithError("no host");
-    PipelinedRate(state, "pipelined calls/s", "the pipelined calls failed", [&] {
-        AsyncWindow window;
-        bool ok = true;
-        for (size_t i = 0; i < kPipelinedCalls && ok; ++i)
+    PipelinedRate(
+        state, "pipelined calls/s", "the pipelined calls failed",
+        [&]
         {
+            AsyncWindow window;
+            bool ok = true;
+            for (size_t i = 0; i < kPipelinedCalls && ok; ++i)
             {
-                std::unique_lock lock(window.mutex);
-                ok = window.freed.wait_for(lock, std::chrono::milliseconds(RemoteBench::kPeerWaitMs),
-                                           [&] { return i - window.done < kWindow; });
+                {
+                    std::unique_lock lock(window.mutex);
+                    ok = window.freed.wait_for(lock, std::chrono::milliseconds(RemoteBench::kPeerWaitMs),
+                                               [&] { return i - window.done < kWindow; });
+                }
+                ScriptArgs args;
+                args[0] = "Foo";
+                args[1] = 2.0;
+                ok = ok &&
+                     root->DoCommandAsync(SST_CallMemberFunction, args, AsyncWindow::Completed, &window) != 0;
             }
-            ScriptArgs args;
-            args[0] = "Foo";
-            args[1] = 2.0;
-            ok = ok && root->DoCommandAsync(SST_CallMemberFunction, args, AsyncWindow::Completed, &window) != 0;
-        }
-        std::unique_lock lock(window.mutex);
-        ok = ok && window.freed.wait_for(lock, std::chrono::milliseconds(RemoteBench::kPeerWaitMs),
-                                         [&] { return window.done == kPipelinedCalls; });
-        return ok && !window.failed;
-    });
+            std::unique_lock lock(window.mutex);
+            ok = ok && window.freed.wait_for(lock, std::chrono::milliseconds(RemoteBench::kPeerWaitMs),
+                                             [&] { return window.done == kPipelinedCalls; });
+            return ok && !window.failed;
+        });
 }
 
 BENCHMARK(BM_RemoteCall)->UseRealTime()->MinTime(1.0)->Unit(benchmark::kMicrosecond);

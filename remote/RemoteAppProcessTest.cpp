@@ -108,7 +108,7 @@ TEST(RemoteAppProcess, ObjectsCrossBothWaysWithAndWithoutTheHostsWindow)
             EXPECT_EQ(item.CallMember("Name"), "renamed");
             EXPECT_EQ(client.root.CallMember("Live"), 1.0);
             EXPECT_TRUE(client.root.CallMember("Echo", item) == item); // back to its owner and back again
-            EXPECT_EQ(client.app->GetRemoteObjectCount(), 2u);        // the root and the item
+            EXPECT_EQ(client.app->GetRemoteObjectCount(), 2u);         // the root and the item
         }
         EXPECT_TRUE(orvexTest::WaitUntil([&] { return client.root.CallMember("Live") == 0.0; }));
 

@@ -31,15 +31,17 @@ Listener::Listener(const std::string &flag)
         return;
     m_Port = ntohs(address.sin_port);
     if (flag.empty()) return;
-    m_Acceptor = std::thread([this, flag] {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        while (!m_Stop.load() && access(flag.c_str(), F_OK) != 0)
+    m_Acceptor = std::thread(
+        [this, flag]
         {
-            if (std::chrono::steady_clock::now() > deadline) return;
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        if (!m_Stop.load() && listen(m_Listen, 16) == 0) Accept();
-    });
+            const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+            while (!m_Stop.load() && access(flag.c_str(), F_OK) != 0)
+            {
+                if (std::chrono::steady_clock::now() > deadline) return;
+                std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            }
+            if (!m_Stop.load() && listen(m_Listen, 16) == 0) Accept();
+        });
 }
 
 void Listener::Accept()

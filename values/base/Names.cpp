@@ -71,11 +71,10 @@ bool IsReservedWord(const char *s, size_t len)
         const char *text;
         size_t length;
     };
-    static const Word words[] = {{"and", 3},   {"break", 5}, {"do", 2},     {"else", 4},    {"elseif", 6},
-                                 {"end", 3},   {"false", 5}, {"for", 3},    {"function", 8}, {"if", 2},
-                                 {"in", 2},    {"local", 5}, {"nil", 3},    {"not", 3},     {"or", 2},
-                                 {"repeat", 6}, {"return", 6}, {"then", 4},  {"true", 4},    {"until", 5},
-                                 {"while", 5}};
+    static const Word words[] = {
+        {"and", 3}, {"break", 5},    {"do", 2},     {"else", 4}, {"elseif", 6}, {"end", 3},   {"false", 5},
+        {"for", 3}, {"function", 8}, {"if", 2},     {"in", 2},   {"local", 5},  {"nil", 3},   {"not", 3},
+        {"or", 2},  {"repeat", 6},   {"return", 6}, {"then", 4}, {"true", 4},   {"until", 5}, {"while", 5}};
     if (len < 2 || len > 8) return false;
     for (const Word &word : words)
         if (word.length == len && word.text[0] == s[0] && std::memcmp(word.text, s, len) == 0) return true;
