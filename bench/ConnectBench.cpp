@@ -19,7 +19,7 @@
 //                            same path as the raw round trip, with no relay.
 // A summary of the ratios follows.
 #include "bench/BenchMain.h"
-#include "bench/RemoteBenchSupport.h"
+#include "bench/HostBenchSupport.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -311,49 +311,20 @@ struct RunningHost
 // The bytes of the PKT_Command of root:Add(1, 2).
 const std::vector<unsigned char> &AddBytes()
 {
-    static std::vector<unsigned char> bytes;
-    if (bytes.empty())
+    static const std::vector<unsigned char> bytes = []
     {
         ScriptArgs args;
         args[0] = "Add";
         args[1] = 1.0;
         args[2] = 2.0;
-        if (Packet *packet = ToPacket(static_cast<PacketObjects *>(nullptr), 1, SST_CallMemberFunction, nullptr,
-                                      &args))
-        {
-            const auto *raw = reinterpret_cast<const unsigned char *>(packet);
-            bytes.assign(raw, raw + packet->m_Size);
-            FreePkt(packet);
-        }
-    }
+        return RemoteBench::MemberCallBytes(args);
+    }();
     return bytes;
 }
 
 void BM_RawRoundTrip(benchmark::State &state)
 {
-    RemoteBench::ForkedPeer &peer = RemoteBench::EchoPeer();
-    const int fd = peer.Running() ? RemoteBench::ConnectLoopback(peer.Port()) : -1;
-    if (fd < 0 || AddBytes().empty())
-    {
-        state.SkipWithError("no echo peer");
-        return;
-    }
-    std::vector<unsigned char> reply;
-    RemoteBench::Percentiles times;
-    for (auto _ : state)
-    {
-        const RemoteBench::Clock::time_point start = RemoteBench::Clock::now();
-        if (!RemoteBench::RawRoundTrip(fd, AddBytes(), reply))
-        {
-            state.SkipWithError("the echo failed");
-            break;
-        }
-        times.Add(RemoteBench::MicrosecondsSince(start));
-    }
-    close(fd);
-    times.Report(state);
-    g_Results["raw p50 us"] = times.At(0.50);
-    g_Results["raw p99 us"] = times.At(0.99);
+    RemoteBench::TimeRawRoundTrips(state, AddBytes()).Record(g_Results, "raw");
 }
 
 void BM_ConnectRunningServer(benchmark::State &state)
@@ -364,6 +335,7 @@ void BM_ConnectRunningServer(benchmark::State &state)
         state.SkipWithError("no host");
         return;
     }
+    // Each connection is released after its time is taken, so that its end is not timed.
     RemoteBench::Percentiles times;
     for (auto _ : state)
     {
@@ -378,8 +350,7 @@ void BM_ConnectRunningServer(benchmark::State &state)
         }
     }
     times.Report(state);
-    g_Results["connect running p50 us"] = times.At(0.50);
-    g_Results["connect running p99 us"] = times.At(0.99);
+    times.Record(g_Results, "connect running");
 }
 
 void BM_ConnectOnDemand(benchmark::State &state)
@@ -413,10 +384,8 @@ void BM_ConnectOnDemand(benchmark::State &state)
     client.Report(state);
     state.counters["host_start_p50_us"] = hostStart.At(0.50);
     state.counters["host_start_p99_us"] = hostStart.At(0.99);
-    g_Results["connect on demand p50 us"] = client.At(0.50);
-    g_Results["connect on demand p99 us"] = client.At(0.99);
-    g_Results["host start p50 us"] = hostStart.At(0.50);
-    g_Results["host start p99 us"] = hostStart.At(0.99);
+    client.Record(g_Results, "connect on demand");
+    hostStart.Record(g_Results, "host start");
 }
 
 void BM_CallAfterScriptApp(benchmark::State &state)
@@ -428,21 +397,8 @@ void BM_CallAfterScriptApp(benchmark::State &state)
         state.SkipWithError("no host");
         return;
     }
-    RemoteBench::Percentiles times;
-    for (auto _ : state)
-    {
-        const RemoteBench::Clock::time_point start = RemoteBench::Clock::now();
-        ScriptVal result = root.CallMember("Add", 1, 2);
-        times.Add(RemoteBench::MicrosecondsSince(start));
-        if (result != 3.0)
-        {
-            state.SkipWithError("the call failed");
-            break;
-        }
-    }
-    times.Report(state);
-    g_Results["call p50 us"] = times.At(0.50);
-    g_Results["call p99 us"] = times.At(0.99);
+    RemoteBench::TimeEach(state, "the call failed", [&] { return root.CallMember("Add", 1, 2) == 3.0; })
+        .Record(g_Results, "call");
 }
 
 BENCHMARK(BM_RawRoundTrip)->UseRealTime()->MinTime(1.0)->Unit(benchmark::kMicrosecond);

@@ -9,7 +9,7 @@
 // A summary of the ratios follows. The remote figures depend on where the scheduler puts the two
 // processes; `taskset -c 0 LuaBench --benchmark_filter=Remote` keeps them steady.
 #include "bench/BenchMain.h"
-#include "bench/RemoteBenchSupport.h"
+#include "bench/HostBenchSupport.h"
 
 #include <lua.hpp>
 
@@ -513,213 +513,33 @@ BENCHMARK(BM_TableRoundTripByHand)->MinTime(0.5);
 // raw round trip.
 const std::vector<unsigned char> &CommandBytes()
 {
-    static std::vector<unsigned char> bytes;
-    if (bytes.empty())
-    {
-        ScriptArgs args;
-        args[0] = "Foo";
-        args[1] = 2.0;
-        if (Packet *packet = ToPacket(nullptr, 1, SST_CallMemberFunction, nullptr, &args))
-        {
-            const auto *raw = reinterpret_cast<const unsigned char *>(packet);
-            bytes.assign(raw, raw + packet->m_Size);
-            FreePkt(packet);
-        }
-    }
-    return bytes;
+    return RemoteBench::FooCallBytes();
 }
 
 void BM_RemoteRawRoundTrip(benchmark::State &state)
 {
-    RemoteBench::ForkedPeer &peer = RemoteBench::EchoPeer();
-    const int fd = peer.Running() ? RemoteBench::ConnectLoopback(peer.Port()) : -1;
-    if (fd < 0 || CommandBytes().empty()) return state.SkipWithError("no echo peer");
-    const std::vector<unsigned char> &message = CommandBytes();
-    std::vector<unsigned char> reply;
-    RemoteBench::Percentiles times;
-    for (auto _ : state)
-    {
-        const RemoteBench::Clock::time_point start = RemoteBench::Clock::now();
-        if (!RemoteBench::RawRoundTrip(fd, message, reply))
-        {
-            state.SkipWithError("the echo failed");
-            break;
-        }
-        times.Add(RemoteBench::MicrosecondsSince(start));
-    }
-    close(fd);
-    times.Report(state);
-    g_Results["raw p50 us"] = times.At(0.50);
-    g_Results["raw p99 us"] = times.At(0.99);
+    RemoteBench::TimeRawRoundTrips(state, CommandBytes()).Record(g_Results, "raw");
 }
 
-// The host's root: "Foo" gives back its argument, the variable "Value" reads as 2.
-class BenchRoot : public RefObject
-{
-public:
-    BenchRoot();
-    void IncRef() override { Use(); }
-    void DecRef() override { Recycle(); }
-    ScriptInfo *GetScriptInfo() const override { return m_Info; }
-    void SetScriptInfo(ScriptInfo *info) override { m_Info = info; }
-
-private:
-    ScriptInfo *m_Info = nullptr;
-};
-
-ScriptInfoT<BenchRoot> s_BenchRootInfo(1, "BenchRoot");
-
-void Foo(void *, ScriptArgs &args, ScriptSymbol *, bool)
-{
-    args.Return(ScriptVal(args.FindKeyConst(1)));
-}
-
-void Value(void *, ScriptArgs &args, ScriptSymbol *, bool set)
-{
-    if (!set) args.Return(ScriptVal(2.0));
-}
-
-ScriptSymbol s_Foo(1, "Foo", SST_Function, Foo, s_BenchRootInfo);
-ScriptSymbol s_Value(1, "Value", SST_Variable | SSF_Read, Value, s_BenchRootInfo);
-
-BenchRoot::BenchRoot()
-{
-    _SetScriptInfo(this, s_BenchRootInfo);
-}
-
-ScriptObject *BenchRootOf(void *user, void *)
-{
-    return static_cast<BenchRoot *>(user);
-}
-
-// A host in a forked process: its main thread pumps the script window, which runs every command, and
-// a thread accepts connections. It ends when its parent does.
-class HostPeer
-{
-public:
-    ~HostPeer() { Stop(); }
-
-    bool Start()
-    {
-        int listener = RemoteBench::ListenLoopback(m_Port);
-        if (listener < 0) return false;
-        std::fflush(nullptr);
-        const pid_t parent = getpid();
-        m_Pid = fork();
-        if (m_Pid == 0) Serve(listener, parent);
-        close(listener);
-        return m_Pid > 0;
-    }
-
-    void Stop()
-    {
-        if (m_Pid <= 0) return;
-        kill(m_Pid, SIGKILL);
-        waitpid(m_Pid, nullptr, 0);
-        m_Pid = -1;
-    }
-
-    uint16_t Port() const { return m_Port; }
-
-private:
-    [[noreturn]] static void Serve(int listener, pid_t parent)
-    {
-        static ScriptConfig config;
-        config.flags = SCF_Host;
-        config.name = "LuaBench";
-        config.user = new BenchRoot;
-        config.root = BenchRootOf;
-        InitScripting(config);
-        if (!CreateScriptWindow()) _exit(1);
-        std::thread([listener, parent] {
-            for (;;)
-            {
-                pollfd entry{listener, POLLIN, 0};
-                if (getppid() != parent) _exit(0);
-                if (poll(&entry, 1, 1000) <= 0) continue;
-                int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-                if (fd >= 0 && RemoteBench::SetNoDelay(fd)) new RemoteApp(fd); // lives by its counts
-            }
-        }).detach();
-        for (;;)
-        {
-            int exitCode = 0;
-            (void)GetScriptWnd()->Pump(0, 1000, exitCode);
-            if (getppid() != parent) _exit(0);
-        }
-    }
-
-    pid_t m_Pid = -1;
-    uint16_t m_Port = 0;
-};
-
-// The host process of the whole program, forked at first use.
-HostPeer *TheHost()
-{
-    static HostPeer *host = [] {
-        auto *peer = new HostPeer;
-        return peer->Start() ? peer : nullptr;
-    }();
-    return host;
-}
-
-// A connection of its own for one benchmark run, as the raw run has: TCP keeps state per connection.
-struct HostLink
-{
-    RemoteApp *app = nullptr;
-    ScriptVal root;
-
-    HostLink()
-    {
-        HostPeer *host = TheHost();
-        if (!host) return;
-        g_ScriptServerPort = host->Port();
-        app = new RemoteApp;
-        app->Use();
-        app->SetHost("127.0.0.1");
-        app->SetTimeOut(RemoteBench::kPeerWaitMs / 1000.0);
-        if (app->Connect()) root = app->FindRemoteObject(1);
-    }
-    ~HostLink()
-    {
-        root = ScriptVal();
-        if (!app) return;
-        app->_Disconnect();
-        app->Recycle();
-    }
-};
+// The host: its root's "Foo" gives back its argument, the variable "Value" reads as 2.
+constexpr const char *kHostName = "LuaBench";
 
 // The protocol's own blocking call, to which the Lua read should come close.
 void BM_RemoteCall(benchmark::State &state)
 {
-    HostLink link;
+    RemoteBench::HostLink link(kHostName);
     if (!link.root.IsRemoteObject()) return state.SkipWithError("no host");
-    RemoteBench::Percentiles times;
-    double spentUs = 0;
-    for (auto _ : state)
-    {
-        const RemoteBench::Clock::time_point start = RemoteBench::Clock::now();
-        ScriptVal result = link.root.CallMember("Foo", 2.0);
-        const double us = RemoteBench::MicrosecondsSince(start);
-        times.Add(us);
-        spentUs += us;
-        if (result != 2.0)
-        {
-            state.SkipWithError("the call failed");
-            break;
-        }
-    }
-    times.Report(state);
-    g_Results["call mean us"] = times.Count() > 0 ? spentUs / double(times.Count()) : 0;
-    g_Results["call p50 us"] = times.At(0.50);
-    g_Results["call p99 us"] = times.At(0.99);
+    RemoteBench::Percentiles times = RemoteBench::TimeEach(
+        state, "the call failed", [&] { return link.root.CallMember("Foo", 2.0) == 2.0; });
+    g_Results["call mean us"] = times.Mean();
+    times.Record(g_Results, "call");
 }
 
 // The peer's root as the global `app` of a new state. The state is closed before the link goes, so
 // that its reference to the proxy goes back while the connection is still there.
 struct RemoteLua
 {
-    HostLink link;
+    RemoteBench::HostLink link{kHostName};
     LuaState lua;
 
     bool Ready()
@@ -740,23 +560,15 @@ void BM_RemoteLuaRead(benchmark::State &state)
     const int chunk = remote.lua.Compile("return app.Value");
     if (!remote.Ready() || chunk == LUA_NOREF) return state.SkipWithError("no host");
     lua_State *L = remote.lua.L;
-    RemoteBench::Percentiles times;
-    for (auto _ : state)
-    {
-        const RemoteBench::Clock::time_point start = RemoteBench::Clock::now();
-        lua_rawgeti(L, LUA_REGISTRYINDEX, chunk);
-        const bool ok = lua_pcall(L, 0, 1, 0) == 0 && lua_tonumber(L, -1) == 2.0;
-        lua_pop(L, 1);
-        times.Add(RemoteBench::MicrosecondsSince(start));
-        if (!ok)
-        {
-            state.SkipWithError("the read failed");
-            break;
-        }
-    }
-    times.Report(state);
-    g_Results["lua read p50 us"] = times.At(0.50);
-    g_Results["lua read p99 us"] = times.At(0.99);
+    RemoteBench::TimeEach(state, "the read failed",
+                          [&]
+                          {
+                              lua_rawgeti(L, LUA_REGISTRYINDEX, chunk);
+                              const bool ok = lua_pcall(L, 0, 1, 0) == 0 && lua_tonumber(L, -1) == 2.0;
+                              lua_pop(L, 1);
+                              return ok;
+                          })
+        .Record(g_Results, "lua read");
 }
 
 constexpr int kRemoteReadsPerRun = 100;

@@ -10,7 +10,7 @@
 // (p50 and p99 against the raw round trip) and pipelined DoCommandAsync calls (against the raw
 // pipelined run).
 #include "bench/BenchMain.h"
-#include "bench/RemoteBenchSupport.h"
+#include "bench/HostBenchSupport.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -43,21 +43,7 @@ std::map<std::string, double> g_Results; // by name, for the summary
 // The bytes of the PKT_Command that calls member "Foo" with the argument 2.0 on object 1.
 const std::vector<unsigned char> &CommandBytes()
 {
-    static std::vector<unsigned char> bytes;
-    if (bytes.empty())
-    {
-        ScriptArgs args;
-        args[0] = "Foo";
-        args[1] = 2.0;
-        Packet *packet = ToPacket(nullptr, 1, SST_CallMemberFunction, nullptr, &args);
-        if (packet)
-        {
-            const auto *raw = reinterpret_cast<const unsigned char *>(packet);
-            bytes.assign(raw, raw + packet->m_Size);
-            FreePkt(packet);
-        }
-    }
-    return bytes;
+    return RemoteBench::FooCallBytes();
 }
 
 // A connection to the echo peer for one benchmark run; skips the run if there is none.
@@ -79,39 +65,25 @@ struct EchoConnection
 
 void BM_RawRoundTrip(benchmark::State &state)
 {
-    EchoConnection connection(state);
-    const std::vector<unsigned char> &message = CommandBytes();
-    std::vector<unsigned char> reply;
-    RemoteBench::Percentiles times;
-    for (auto _ : state)
-    {
-        const RemoteBench::Clock::time_point start = RemoteBench::Clock::now();
-        if (!RemoteBench::RawRoundTrip(connection.fd, message, reply))
-        {
-            state.SkipWithError("the echo failed");
-            break;
-        }
-        times.Add(RemoteBench::MicrosecondsSince(start));
-    }
-    if (reply != message && times.Count() > 0) state.SkipWithError("the echo differs");
-    times.Report(state);
-    g_Results["raw p50 us"] = times.At(0.50);
-    g_Results["raw p99 us"] = times.At(0.99);
+    if (CommandBytes().size() != 88) return state.SkipWithError("the command packet is not 88 bytes");
+    RemoteBench::TimeRawRoundTrips(state, CommandBytes()).Record(g_Results, "raw");
 }
 
 constexpr size_t kWindow = 64;
 constexpr size_t kPipelinedCalls = 20000;
 
-void BM_RawPipelined(benchmark::State &state)
+// Runs `run` (kPipelinedCalls calls; false when they failed, which stops with `failure`) in every iteration
+// and gives the calls per second as the counter calls_per_s and as `name` in the results.
+template <typename F>
+void PipelinedRate(benchmark::State &state, const char *name, const char *failure, F &&run)
 {
-    EchoConnection connection(state);
     double calls = 0, seconds = 0;
     for (auto _ : state)
     {
         const RemoteBench::Clock::time_point start = RemoteBench::Clock::now();
-        if (RemoteBench::RawPipelined(connection.fd, CommandBytes(), kPipelinedCalls, kWindow) <= 0)
+        if (!run())
         {
-            state.SkipWithError("the pipelined echo failed");
+            state.SkipWithError(failure);
             break;
         }
         seconds += RemoteBench::MicrosecondsSince(start) / 1e6;
@@ -119,7 +91,16 @@ void BM_RawPipelined(benchmark::State &state)
     }
     const double rate = seconds > 0 ? calls / seconds : 0;
     state.counters["calls_per_s"] = rate;
-    g_Results["raw pipelined calls/s"] = rate;
+    g_Results[name] = rate;
+}
+
+void BM_RawPipelined(benchmark::State &state)
+{
+    EchoConnection connection(state);
+    PipelinedRate(
+        state, "raw pipelined calls/s", "the pipelined echo failed",
+        [&]
+        { return RemoteBench::RawPipelined(connection.fd, CommandBytes(), kPipelinedCalls, kWindow) > 0; });
 }
 
 BENCHMARK(BM_RawRoundTrip)->UseRealTime()->MinTime(1.0)->Unit(benchmark::kMicrosecond);
@@ -127,160 +108,15 @@ BENCHMARK(BM_RawPipelined)->UseRealTime()->MinTime(1.0)->Unit(benchmark::kMillis
 
 // ---- the same calls through connections ---------------------------------------------------------
 
-// The host's root: "Foo" gives back its argument, so a call carries the bytes of the raw message.
-class BenchRoot : public RefObject
-{
-public:
-    BenchRoot();
-    void IncRef() override { Use(); }
-    void DecRef() override { Recycle(); }
-    ScriptInfo *GetScriptInfo() const override { return m_Info; }
-    void SetScriptInfo(ScriptInfo *info) override { m_Info = info; }
-
-private:
-    ScriptInfo *m_Info = nullptr;
-};
-
-ScriptInfoT<BenchRoot> s_BenchRootInfo(1, "BenchRoot");
-
-void Foo(void *, ScriptArgs &args, ScriptSymbol *, bool)
-{
-    args.Return(ScriptVal(args.FindKeyConst(1)));
-}
-
-ScriptSymbol s_Foo(1, "Foo", SST_Function, Foo, s_BenchRootInfo);
-
-BenchRoot::BenchRoot()
-{
-    _SetScriptInfo(this, s_BenchRootInfo);
-}
-
-ScriptObject *BenchRootOf(void *user, void *)
-{
-    return static_cast<BenchRoot *>(user);
-}
-
-// A host in a forked process: its main thread pumps the script window, which runs every command, and
-// a thread accepts connections. It ends when its parent does.
-class HostPeer
-{
-public:
-    ~HostPeer() { Stop(); }
-
-    bool Start()
-    {
-        int listener = RemoteBench::ListenLoopback(m_Port);
-        if (listener < 0) return false;
-        std::fflush(nullptr);
-        const pid_t parent = getpid();
-        m_Pid = fork();
-        if (m_Pid == 0) Serve(listener, parent);
-        close(listener);
-        return m_Pid > 0;
-    }
-
-    void Stop()
-    {
-        if (m_Pid <= 0) return;
-        kill(m_Pid, SIGKILL);
-        waitpid(m_Pid, nullptr, 0);
-        m_Pid = -1;
-    }
-
-    uint16_t Port() const { return m_Port; }
-
-private:
-    [[noreturn]] static void Serve(int listener, pid_t parent)
-    {
-        static ScriptConfig config;
-        config.flags = SCF_Host;
-        config.name = "RemoteBench";
-        config.user = new BenchRoot;
-        config.root = BenchRootOf;
-        InitScripting(config);
-        if (!CreateScriptWindow()) _exit(1);
-        std::thread([listener, parent] {
-            for (;;)
-            {
-                pollfd entry{listener, POLLIN, 0};
-                if (getppid() != parent) _exit(0);
-                if (poll(&entry, 1, 1000) <= 0) continue;
-                int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-                if (fd >= 0 && RemoteBench::SetNoDelay(fd)) new RemoteApp(fd); // lives by its counts
-            }
-        }).detach();
-        for (;;)
-        {
-            int exitCode = 0;
-            (void)GetScriptWnd()->Pump(0, 1000, exitCode);
-            if (getppid() != parent) _exit(0);
-        }
-    }
-
-    pid_t m_Pid = -1;
-    uint16_t m_Port = 0;
-};
-
-// The host process of the whole program, forked at first use.
-HostPeer *TheHost()
-{
-    static HostPeer *host = [] {
-        auto *peer = new HostPeer;
-        return peer->Start() ? peer : nullptr;
-    }();
-    return host;
-}
-
-// A connection of its own for one benchmark run, as the raw runs have: TCP keeps state per connection
-// (acknowledgement modes), which one benchmark should not leave to the next.
-struct HostLink
-{
-    RemoteApp *app = nullptr;
-    ScriptVal root;
-
-    HostLink()
-    {
-        HostPeer *host = TheHost();
-        if (!host) return;
-        g_ScriptServerPort = host->Port();
-        app = new RemoteApp;
-        app->Use();
-        app->SetHost("127.0.0.1");
-        app->SetTimeOut(RemoteBench::kPeerWaitMs / 1000.0);
-        if (app->Connect()) root = app->FindRemoteObject(1);
-    }
-    ~HostLink()
-    {
-        root = ScriptVal();
-        if (!app) return;
-        app->_Disconnect();
-        app->Recycle();
-    }
-};
+// The host: its root's "Foo" gives back its argument, so a call carries the bytes of the raw message.
+constexpr const char *kHostName = "RemoteBench";
 
 void BM_RemoteCall(benchmark::State &state)
 {
-    HostLink link;
-    if (!link.root.IsRemoteObject())
-    {
-        state.SkipWithError("no host");
-        return;
-    }
-    RemoteBench::Percentiles times;
-    for (auto _ : state)
-    {
-        const RemoteBench::Clock::time_point start = RemoteBench::Clock::now();
-        ScriptVal result = link.root.CallMember("Foo", 2.0);
-        times.Add(RemoteBench::MicrosecondsSince(start));
-        if (result != 2.0)
-        {
-            state.SkipWithError("the call failed");
-            break;
-        }
-    }
-    times.Report(state);
-    g_Results["call p50 us"] = times.At(0.50);
-    g_Results["call p99 us"] = times.At(0.99);
+    RemoteBench::HostLink link(kHostName);
+    if (!link.root.IsRemoteObject()) return state.SkipWithError("no host");
+    RemoteBench::TimeEach(state, "the call failed", [&] { return link.root.CallMember("Foo", 2.0) == 2.0; })
+        .Record(g_Results, "call");
 }
 
 // Up to kWindow calls in flight with DoCommandAsync; their callbacks run on the connection's thread.
@@ -304,45 +140,33 @@ struct AsyncWindow
 
 void BM_RemotePipelined(benchmark::State &state)
 {
-    HostLink link;
+    RemoteBench::HostLink link(kHostName);
     RemoteObject *root = link.root.ToRemoteObject();
-    if (!root)
-    {
-        state.SkipWithError("no host");
-        return;
-    }
-    double calls = 0, seconds = 0;
-    for (auto _ : state)
-    {
-        AsyncWindow window;
-        const RemoteBench::Clock::time_point start = RemoteBench::Clock::now();
-        bool ok = true;
-        for (size_t i = 0; i < kPipelinedCalls && ok; ++i)
+    if (!root) return state.SkipWithError("no host");
+    PipelinedRate(
+        state, "pipelined calls/s", "the pipelined calls failed",
+        [&]
         {
+            AsyncWindow window;
+            bool ok = true;
+            for (size_t i = 0; i < kPipelinedCalls && ok; ++i)
             {
-                std::unique_lock lock(window.mutex);
-                ok = window.freed.wait_for(lock, std::chrono::milliseconds(RemoteBench::kPeerWaitMs),
-                                           [&] { return i - window.done < kWindow; });
+                {
+                    std::unique_lock lock(window.mutex);
+                    ok = window.freed.wait_for(lock, std::chrono::milliseconds(RemoteBench::kPeerWaitMs),
+                                               [&] { return i - window.done < kWindow; });
+                }
+                ScriptArgs args;
+                args[0] = "Foo";
+                args[1] = 2.0;
+                ok = ok &&
+                     root->DoCommandAsync(SST_CallMemberFunction, args, AsyncWindow::Completed, &window) != 0;
             }
-            ScriptArgs args;
-            args[0] = "Foo";
-            args[1] = 2.0;
-            ok = ok && root->DoCommandAsync(SST_CallMemberFunction, args, AsyncWindow::Completed, &window) != 0;
-        }
-        std::unique_lock lock(window.mutex);
-        ok = ok && window.freed.wait_for(lock, std::chrono::milliseconds(RemoteBench::kPeerWaitMs),
-                                         [&] { return window.done == kPipelinedCalls; });
-        if (!ok || window.failed)
-        {
-            state.SkipWithError("the pipelined calls failed");
-            break;
-        }
-        seconds += RemoteBench::MicrosecondsSince(start) / 1e6;
-        calls += kPipelinedCalls;
-    }
-    const double rate = seconds > 0 ? calls / seconds : 0;
-    state.counters["calls_per_s"] = rate;
-    g_Results["pipelined calls/s"] = rate;
+            std::unique_lock lock(window.mutex);
+            ok = ok && window.freed.wait_for(lock, std::chrono::milliseconds(RemoteBench::kPeerWaitMs),
+                                             [&] { return window.done == kPipelinedCalls; });
+            return ok && !window.failed;
+        });
 }
 
 BENCHMARK(BM_RemoteCall)->UseRealTime()->MinTime(1.0)->Unit(benchmark::kMicrosecond);

@@ -24,7 +24,9 @@
 #include <cstdint>
 #include <cstdio>
 #include <functional>
+#include <map>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -50,6 +52,13 @@ public:
     void Reserve(size_t n) { m_Us.reserve(n); }
     void Add(double us) { m_Us.push_back(us); }
     size_t Count() const { return m_Us.size(); }
+    double Mean() const
+    {
+        double sum = 0;
+        for (double us : m_Us)
+            sum += us;
+        return m_Us.empty() ? 0 : sum / double(m_Us.size());
+    }
     // The time that `fraction` (0..1) of the calls took at most; 0 with none.
     double At(double fraction)
     {
@@ -66,9 +75,36 @@ public:
         state.counters["p99_us"] = At(0.99);
     }
 
+    // Keeps "<name> p50 us" and "<name> p99 us" in `results`, for a summary.
+    void Record(std::map<std::string, double> &results, const std::string &name)
+    {
+        results[name + " p50 us"] = At(0.50);
+        results[name + " p99 us"] = At(0.99);
+    }
+
 private:
     std::vector<double> m_Us;
 };
+
+// Times each run of `call`, which gives false when it failed: the benchmark then stops with `failure`.
+// The counters p50_us and p99_us are set.
+template <typename F> Percentiles TimeEach(benchmark::State &state, const char *failure, F &&call)
+{
+    Percentiles times;
+    for (auto _ : state)
+    {
+        const Clock::time_point start = Clock::now();
+        const bool ok = call();
+        times.Add(MicrosecondsSince(start));
+        if (!ok)
+        {
+            state.SkipWithError(failure);
+            break;
+        }
+    }
+    times.Report(state);
+    return times;
+}
 
 // ---- plain sockets ------------------------------------------------------------------------------
 
@@ -233,6 +269,24 @@ inline bool RawRoundTrip(int fd, const std::vector<unsigned char> &message, std:
 {
     reply.resize(message.size());
     return SendAll(fd, message.data(), message.size()) && RecvAll(fd, reply.data(), reply.size());
+}
+
+// Round trips of `message` through the echo peer on a connection of this benchmark's own, each timed.
+// The benchmark stops with an error when there is no peer or an echo fails or comes back changed.
+inline Percentiles TimeRawRoundTrips(benchmark::State &state, const std::vector<unsigned char> &message)
+{
+    ForkedPeer &peer = EchoPeer();
+    const int fd = peer.Running() && !message.empty() ? ConnectLoopback(peer.Port()) : -1;
+    if (fd < 0)
+    {
+        state.SkipWithError("no echo peer");
+        return {};
+    }
+    std::vector<unsigned char> reply;
+    Percentiles times = TimeEach(state, "the echo failed", [&] { return RawRoundTrip(fd, message, reply); });
+    close(fd);
+    if (times.Count() > 0 && reply != message) state.SkipWithError("the echo differs");
+    return times;
 }
 
 // Keeps up to `window` calls in flight to an echo peer: a sender thread sends `message` whenever a

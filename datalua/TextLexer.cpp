@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "values/base/Names.h"
+
 namespace orvexScript::datalua::text
 {
 
@@ -84,24 +86,6 @@ bool ConvertNumeral(const char *s, size_t n, double &out)
     char *end = nullptr;
     out = CLocale() ? strtod_l(text.c_str(), &end, CLocale()) : std::strtod(text.c_str(), &end);
     return end != text.c_str() && *end == '\0';
-}
-
-bool IsReserved(const char *s, size_t n)
-{
-    struct Word
-    {
-        const char *text;
-        size_t length;
-    };
-    static const Word words[] = {{"and", 3},   {"break", 5}, {"do", 2},     {"else", 4},    {"elseif", 6},
-                                 {"end", 3},   {"false", 5}, {"for", 3},    {"function", 8}, {"if", 2},
-                                 {"in", 2},    {"local", 5}, {"nil", 3},    {"not", 3},     {"or", 2},
-                                 {"repeat", 6}, {"return", 6}, {"then", 4},  {"true", 4},    {"until", 5},
-                                 {"while", 5}};
-    if (n < 2 || n > 8) return false;
-    for (const Word &word : words)
-        if (word.length == n && word.text[0] == s[0] && std::memcmp(word.text, s, n) == 0) return true;
-    return false;
 }
 
 } // namespace
@@ -310,7 +294,7 @@ void Lexer::Lex(Token &t)
             t.text = start;
             t.length = static_cast<size_t>(m_P - start);
             t.type = T_Name;
-            if (IsReserved(start, t.length))
+            if (IsReservedWord(start, t.length))
             {
                 if (t.length == 4 && std::memcmp(start, "true", 4) == 0)
                     t.type = T_True;

@@ -108,14 +108,18 @@ TEST(RemoteAppProcess, ObjectsCrossBothWaysWithAndWithoutTheHostsWindow)
             EXPECT_EQ(item.CallMember("Name"), "renamed");
             EXPECT_EQ(client.root.CallMember("Live"), 1.0);
             EXPECT_TRUE(client.root.CallMember("Echo", item) == item); // back to its owner and back again
+            EXPECT_EQ(client.app->GetRemoteObjectCount(), 2u);         // the root and the item
         }
         EXPECT_TRUE(orvexTest::WaitUntil([&] { return client.root.CallMember("Live") == 0.0; }));
 
-        // An object of ours, kept by the host and called back by it.
+        // An object of ours, kept by the host three times (counted on its record, referenced once) and
+        // called back by it.
         auto *mine = new testhost::Item("mine");
         const ScriptVal value(static_cast<ScriptObject *>(mine));
         const int before = mine->GetUseCount();
-        EXPECT_EQ(client.root.CallMember("Keep", value), 1.0);
+        for (int i = 1; i <= 3; ++i)
+            EXPECT_EQ(client.root.CallMember("Keep", value), double(i));
+        EXPECT_EQ(mine->GetUseCount(), before + 1);
         EXPECT_EQ(client.root.CallMember("Call", value, "Name"), "mine");
         (void)client.root.CallMember("Call", value, "SetName", "set by the host");
         EXPECT_EQ(mine->m_Name, "set by the host");

@@ -163,6 +163,24 @@ void LoginMember(void *, ScriptArgs &args, ScriptSymbol *, bool)
 }
 
 constexpr unsigned long kHiddenFunction = SSF_HideHelp | SST_Function; // 0x400001
+
+// A record of a connection to make, held once by the caller: listed at the head of g_AppList by its
+// constructor, and named under the list's lock since other threads read the names.
+RemoteApp *NewClientApp(const char *name, const char *subtype, const ScriptVal &uuid, const char *host,
+                        double timeout)
+{
+    auto *app = new RemoteApp;
+    g_AppLock.ObtainLock();
+    app->SetName(name ? name : "");
+    if (subtype) app->SetSubtype(subtype);
+    app->SetHost(host);
+    app->SetUUID(uuid);
+    g_AppLock.ReleaseLock();
+    app->Use();
+    app->SetTimeOut(timeout);
+    return app;
+}
+
 } // namespace
 
 // ---- ConnectApp ---------------------------------------------------------------------------------------
@@ -230,15 +248,7 @@ ScriptVal ScriptApp(const char *name, const char *subtype, ScriptVal uuid, const
         ConnectLock().ObtainLock();
         held = true;
     }
-    auto *app = new RemoteApp; // listed at the head of g_AppList by its constructor
-    g_AppLock.ObtainLock();
-    app->SetName(name ? name : "");
-    if (subtype) app->SetSubtype(subtype);
-    app->SetHost(host);
-    app->SetUUID(uuid);
-    g_AppLock.ReleaseLock();
-    app->Use();
-    app->SetTimeOut(timeout);
+    RemoteApp *app = NewClientApp(name, subtype, uuid, host, timeout);
     // The proxy of the peer's root exists from the record's start; its value keeps the connection.
     ScriptVal result = app->FindRemoteObject(GlobalObjectTable::kRootId);
     if (held && early)
@@ -294,15 +304,7 @@ ScriptVal AsyncScriptApp(const char *name, const char *subtype, ScriptVal uuid, 
 {
     if (!host || !*host) host = "127.0.0.1";
     if (LoopbackOnly() && !IsLoopback(IPFromStr(host))) return ScriptVal();
-    auto *app = new RemoteApp;
-    g_AppLock.ObtainLock();
-    app->SetName(name ? name : "");
-    if (subtype) app->SetSubtype(subtype);
-    app->SetHost(host);
-    app->SetUUID(uuid);
-    g_AppLock.ReleaseLock();
-    app->Use();
-    app->SetTimeOut(timeout);
+    RemoteApp *app = NewClientApp(name, subtype, uuid, host, timeout);
     ScriptVal result = app->FindRemoteObject(GlobalObjectTable::kRootId);
     if (start) app->AsyncConnect();
     app->Recycle();

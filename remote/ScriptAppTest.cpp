@@ -17,25 +17,13 @@ namespace orvexScript
 namespace
 {
 using testhost::HostProcess;
-using testhost::ServerProcess;
-
-bool IsTrue(const ScriptVal &value)
-{
-    return value.IsBoolean() && value.ToBoolean();
-}
-
-bool IsFalse(const ScriptVal &value)
-{
-    return value.IsBoolean() && !value.ToBoolean();
-}
+using testhost::IsFalse;
+using testhost::IsTrue;
 
 TEST(ScriptAppLogin, AClientOfAHostThatChecksLoginsCanOnlyLogInFirst)
 {
-    testhost::RecordsGone gone; // last to go
-    const uint16_t port = testhost::FreeServerPort();
-    ServerProcess server(port);
-    testhost::BecomeClient(port, "ScriptAppTest");
-    HostProcess host("delta", port, {"--password", "secret"});
+    testhost::ServedClient served("ScriptAppTest");
+    HostProcess host("delta", served.port, {"--password", "secret"});
 
     ScriptVal root = ScriptApp("delta", nullptr, nil, "127.0.0.1", 5.0);
     ASSERT_FALSE(root.IsNil());
@@ -58,11 +46,8 @@ TEST(ScriptAppLogin, AClientOfAHostThatChecksLoginsCanOnlyLogInFirst)
 
 TEST(ScriptApp, EveryConnectLockSettingConnectsConcurrentCallers)
 {
-    testhost::RecordsGone gone; // last to go
-    const uint16_t port = testhost::FreeServerPort();
-    ServerProcess server(port);
-    testhost::BecomeClient(port, "ScriptAppTest");
-    HostProcess host("alpha", port);
+    testhost::ServedClient served("ScriptAppTest");
+    HostProcess host("alpha", served.port);
     struct Case
     {
         const char *lock, *early;

@@ -386,6 +386,23 @@ void AddHost(void *self, ScriptArgs &args, ScriptSymbol *, bool)
     args.ReturnBoolean(true);
 }
 
+// The first host registered as `name` whose connection is up: its process id, and its record when
+// `info` is given. Under the server's lock; false when there is none.
+bool FindUpHost(ScriptServerApp *server, const char *name, int32_t &processId, ScriptVal *info = nullptr)
+{
+    bool found = false;
+    server->m_Lock.ObtainLock();
+    for (HostEntry *entry = server->m_Hosts; entry && !found; entry = entry->next)
+        if (entry->name == name && Up(entry->app))
+        {
+            found = true;
+            processId = entry->processId;
+            if (info) *info = entry->info;
+        }
+    server->m_Lock.ReleaseLock();
+    return found;
+}
+
 void FindHost(void *self, ScriptArgs &args, ScriptSymbol *, bool)
 {
     const ScriptVal &name = args.FindKeyConst(1);
@@ -395,20 +412,9 @@ void FindHost(void *self, ScriptArgs &args, ScriptSymbol *, bool)
         return;
     }
     SERVER_LOG("FindHost '%s': \n", name.ToString());
-    ScriptServerApp *server = Self(self);
     ScriptVal info;
     int32_t processId = 0;
-    bool found = false;
-    server->m_Lock.ObtainLock();
-    for (HostEntry *entry = server->m_Hosts; entry && !found; entry = entry->next)
-        if (entry->name == name.ToString() && Up(entry->app))
-        {
-            found = true;
-            info = entry->info;
-            processId = entry->processId;
-        }
-    server->m_Lock.ReleaseLock();
-    if (found)
+    if (FindUpHost(Self(self), name.ToString(), processId, &info))
     {
         SERVER_LOG("Found [%d]\n", processId);
         args.Return(info);
@@ -474,18 +480,8 @@ void StartHost(void *self, ScriptArgs &args, ScriptSymbol *, bool)
     SERVER_LOG("StartHost '%s' ('%s'): \n", name.ToString(), command.ToString());
     if (!args.FindKeyConst(3).ToBoolean())
     {
-        ScriptServerApp *server = Self(self);
         int32_t processId = 0;
-        bool found = false;
-        server->m_Lock.ObtainLock();
-        for (HostEntry *entry = server->m_Hosts; entry && !found; entry = entry->next)
-            if (entry->name == name.ToString() && Up(entry->app))
-            {
-                found = true;
-                processId = entry->processId;
-            }
-        server->m_Lock.ReleaseLock();
-        if (found)
+        if (FindUpHost(Self(self), name.ToString(), processId))
         {
             SERVER_LOG("Host found.\n");
             args.ReturnBoolean(true);

@@ -183,22 +183,25 @@ TEST_F(ScriptServerDemo, AKilledHostVanishesAndUnknownNamesGiveNil)
     EXPECT_EQ(bare.CallMember("FindHost", kDemo)["ProcessID"], static_cast<double>(next.child.Pid()));
 }
 
-// SIGTERM and SIGINT: the host unregisters and exits with 0, and the server it started, with no
-// connection left, ends by itself.
+// SIGTERM and SIGINT, under the default name and one given: the host unregisters and exits with 0, and
+// the server it started, with no connection left, ends by itself.
 TEST_F(ScriptServerDemo, ASignalledHostUnregistersAndTheServerThenEnds)
 {
-    for (int signal : {SIGTERM, SIGINT})
+    const std::pair<int, const char *> cases[] = {{SIGTERM, kDemo}, {SIGINT, "demo-under-test"}};
+    for (const auto &[signal, name] : cases)
     {
         SCOPED_TRACE(signal);
-        DemoHostProcess host(port);
+        DemoHostProcess host(port, name);
         ASSERT_TRUE(host.ready);
         const int server = TheServerOn(port);
         ASSERT_GT(server, 0);
         {
             ScriptVal bare = Bare();
             ASSERT_TRUE(bare.IsRemoteObject());
-            ASSERT_TRUE(bare.CallMember("FindHost", kDemo).IsTable());
-            ScriptVal root = Demo();
+            const ScriptVal entry = bare.CallMember("FindHost", name);
+            ASSERT_TRUE(entry.IsTable());
+            EXPECT_EQ(entry["ProcessID"], static_cast<double>(host.child.Pid()));
+            ScriptVal root = ScriptApp(name, nullptr, nil, "127.0.0.1", 5.0);
             ASSERT_TRUE(root.IsRemoteObject());
             ScriptVal document = root.CallMember("NewDocument", "left open");
             ASSERT_TRUE(document.IsRemoteObject());
@@ -207,7 +210,7 @@ TEST_F(ScriptServerDemo, ASignalledHostUnregistersAndTheServerThenEnds)
             const orvexTest::ProcessResult end = host.child.Wait(30000);
             EXPECT_FALSE(end.timedOut);
             EXPECT_EQ(end.exitCode, 0);
-            EXPECT_TRUE(bare.CallMember("FindHost", kDemo).IsNil());
+            EXPECT_TRUE(bare.CallMember("FindHost", name).IsNil());
             EXPECT_EQ(bare.CallMember("GetHostList").NumKeys(), 0);
             EXPECT_TRUE(root.CallMember("Add", 1, 2).IsNil()); // the host's end closed our connection
         }

@@ -21,30 +21,15 @@ namespace orvexScript
 namespace
 {
 using testhost::HostProcess;
-using testhost::ServerProcess;
+using testhost::IsFalse;
+using testhost::IsTrue;
 using testhost::UUIDOf;
 
-bool IsTrue(const ScriptVal &value)
-{
-    return value.IsBoolean() && value.ToBoolean();
-}
-
-bool IsFalse(const ScriptVal &value)
-{
-    return value.IsBoolean() && !value.ToBoolean();
-}
-
 // A server on a free port with this process as its client.
-struct ScriptServer : ::testing::Test
+struct ScriptServer : ::testing::Test, testhost::ServedClient
 {
-    ScriptServer() : port(testhost::FreeServerPort()), server(port) { testhost::BecomeClient(port); }
-
     // The server's own root, over a bare connection.
     ScriptVal Bare(double timeout = 5.0) { return ScriptApp("", nullptr, nil, "127.0.0.1", timeout); }
-
-    testhost::RecordsGone gone; // last to go
-    uint16_t port;
-    ServerProcess server;
 };
 
 TEST_F(ScriptServer, HandsTheClientsOwnSocketToTheHost)
@@ -213,21 +198,16 @@ TEST_F(ScriptServer, AnUnansweredPktTestTimesOutAndTheConnectionGoesOn)
 }
 
 // The hand-over refuses what does not come from the chosen host, and says so in the server's log.
-struct ScriptServerHandover : ::testing::Test
+struct ServerLogOn
 {
-    ScriptServerHandover()
-        : log("KESCRIPT_LOG_SERVER", "true"), tmp("TMPDIR", dir.Path().c_str()),
-          port(testhost::FreeServerPort()), server(port)
-    {
-        testhost::BecomeClient(port);
-    }
-    std::string Log() const { return orvexTest::ReadFile(server.LogPath(dir.Path())); }
-
-    testhost::RecordsGone gone; // last to go
     orvexTest::TempDir dir;
-    orvexTest::ScopedEnv log, tmp;
-    uint16_t port;
-    ServerProcess server;
+    orvexTest::ScopedEnv log{"KESCRIPT_LOG_SERVER", "true"}, tmp{"TMPDIR", dir.Path().c_str()};
+};
+
+// The environment comes first: the server reads it when it starts.
+struct ScriptServerHandover : ::testing::Test, ServerLogOn, testhost::ServedClient
+{
+    std::string Log() const { return orvexTest::ReadFile(server.LogPath(dir.Path())); }
 };
 
 TEST_F(ScriptServerHandover, RefusesAHostOfAnotherProcessAndUnknownTokens)

@@ -7,15 +7,11 @@
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
 #include <dirent.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -26,7 +22,6 @@
 
 #include "remote/RemoteApp.h"
 #include "remote/ScriptWindow.h"
-#include "remote/SocketIo.h"
 #include "remote/testhost/HostObjects.h"
 #include "remote/testhost/Loopback.h"
 #include "testsupport/TestSupport.h"
@@ -149,55 +144,6 @@ void StartsTheServer()
 }
 
 // ---- the server's side, in this process ----------------------------------------------------------
-
-// A loopback socket bound at once and listening only when asked: until then a connect is refused.
-class LateListener
-{
-public:
-    LateListener()
-    {
-        m_Fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof(address);
-        if (m_Fd >= 0 && bind(m_Fd, reinterpret_cast<sockaddr *>(&address), size) == 0 &&
-            getsockname(m_Fd, reinterpret_cast<sockaddr *>(&address), &size) == 0)
-            m_Port = ntohs(address.sin_port);
-    }
-    ~LateListener()
-    {
-        m_Stop.store(true);
-        if (m_Acceptor.joinable()) m_Acceptor.join();
-        if (m_Fd >= 0) close(m_Fd);
-    }
-    LateListener(const LateListener &) = delete;
-    LateListener &operator=(const LateListener &) = delete;
-
-    uint16_t Port() const { return m_Port; }
-
-    // Listens once `flag` exists (waiting at most 30 s for it) and wraps each accepted socket in a
-    // connection that lives by its counts.
-    void ListenWhenExists(const std::string &flag)
-    {
-        m_Acceptor = std::thread([this, flag] {
-            if (!orvexTest::WaitUntil([&] { return m_Stop.load() || access(flag.c_str(), F_OK) == 0; }, 30000))
-                return;
-            if (m_Stop.load() || listen(m_Fd, 16) != 0) return;
-            while (!m_Stop.load())
-            {
-                int fd = SocketIo::kNoFd;
-                if (SocketIo::Accept(m_Fd, 100, fd) == SocketIo::IO_Ok) new RemoteApp(fd);
-            }
-        });
-    }
-
-private:
-    int m_Fd = -1;
-    uint16_t m_Port = 0;
-    std::atomic<bool> m_Stop{false};
-    std::thread m_Acceptor;
-};
 
 // A stand-in server program: reports its arguments, folder, standard streams and session into
 // `report`, then touches `flag`.
@@ -384,7 +330,7 @@ TEST_F(StartUp, AnUnnamedHostWithNoServerStartsNoneAndDoesNotRetry)
 {
     if (RanAsChild(UnnamedHost)) return;
     orvexTest::TempDir dir;
-    LateListener nobody; // refuses, and never listens
+    testhost::Listener nobody{std::string()}; // refuses, and never listens
     auto child = StartChild(nobody.Port(), WriteReportingProgram(dir), true);
     ASSERT_TRUE(child->Running());
     ExpectPassed(*child);
@@ -395,9 +341,8 @@ TEST_F(StartUp, ANamedHostStartsTheServerWhenNoneAnswersAndRegistersWithIt)
 {
     if (RanAsChild(StartsTheServer)) return;
     orvexTest::TempDir dir;
-    LateListener server;
+    testhost::Listener server(dir.File("started"));
     ASSERT_NE(server.Port(), 0);
-    server.ListenWhenExists(dir.File("started"));
     auto child = StartChild(server.Port(), WriteReportingProgram(dir));
     ASSERT_TRUE(child->Running());
     const int pid = child->Pid();
@@ -445,39 +390,6 @@ TEST_F(StartUp, StartServerRunsTheProgramDetachedAndLeavesNoZombie)
     SetServerProgram(nullptr);
     g_ScriptServerPort = savedPort;
 }
-
-#ifdef ORVEX_DEMO_HOST
-// The demo host registers under its name, says so on one line, and on SIGINT or SIGTERM takes itself
-// out of the list and exits with 0.
-TEST_F(StartUp, TheDemoHostRegistersAndLeavesCleanlyOnASignal)
-{
-    struct Case
-    {
-        const char *name; // null: the default
-        int signal;
-    };
-    for (const Case &c : {Case{nullptr, SIGTERM}, Case{"demo-under-test", SIGINT}})
-    {
-        SCOPED_TRACE(c.signal);
-        Forget();
-        testhost::Listener server;
-        std::vector<std::string> argv{ORVEX_DEMO_HOST, "--port", std::to_string(server.Port())};
-        if (c.name) argv.insert(argv.end(), {"--name", c.name});
-        const std::string name = c.name ? c.name : "orvexDemo";
-        orvexTest::ChildProcess host(argv);
-        ASSERT_TRUE(host.Running());
-        const int pid = host.Pid();
-        ASSERT_TRUE(host.WaitForLine(name + " ready", 30000));
-        ASSERT_EQ(Hosts().size(), 1u);
-        ExpectEntryOf(Hosts()[0], name.c_str(), pid);
-        host.Signal(c.signal);
-        orvexTest::ProcessResult result = host.Wait(30000);
-        EXPECT_FALSE(result.timedOut);
-        EXPECT_EQ(result.exitCode, 0);
-        EXPECT_EQ(Removed(), std::vector<double>{double(pid)});
-    }
-}
-#endif
 
 } // namespace
 } // namespace orvexScript

@@ -68,6 +68,26 @@ bool WaitFor(int fd, short events, int timeoutMs)
 
 std::mutex s_ChildrenLock;
 std::vector<pid_t> *s_Children = new std::vector<pid_t>; // never destroyed: reaped to the end
+
+// A message of one byte with room for one descriptor beside it, as the hand-over sends and receives.
+struct DescriptorMessage
+{
+    char byte;
+    iovec data{&byte, 1};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    msghdr message{};
+
+    explicit DescriptorMessage(char value) : byte(value)
+    {
+        message.msg_iov = &data;
+        message.msg_iovlen = 1;
+        message.msg_control = control;
+        message.msg_controllen = sizeof(control);
+    }
+    DescriptorMessage(const DescriptorMessage &) = delete;
+    DescriptorMessage &operator=(const DescriptorMessage &) = delete;
+};
+
 } // namespace
 
 int OpenTcp(int &err)
@@ -266,14 +286,8 @@ bool ReadExact(int fd, void *data, size_t size, int timeoutMs)
 
 bool SendDescriptor(int fd, int descriptor)
 {
-    char byte = 'S';
-    iovec data{&byte, 1};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-    msghdr message{};
-    message.msg_iov = &data;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof(control);
+    DescriptorMessage sent('S');
+    msghdr &message = sent.message;
     cmsghdr *header = CMSG_FIRSTHDR(&message);
     header->cmsg_level = SOL_SOCKET;
     header->cmsg_type = SCM_RIGHTS;
@@ -308,14 +322,8 @@ int TakeHandedSocket(uint16_t port, int serverPid, uint64_t token, int timeoutMs
         why = "no answer from the server";
     else
     {
-        char byte = 0;
-        iovec data{&byte, 1};
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-        msghdr message{};
-        message.msg_iov = &data;
-        message.msg_iovlen = 1;
-        message.msg_control = control;
-        message.msg_controllen = sizeof(control);
+        DescriptorMessage answer(0);
+        msghdr &message = answer.message;
         ssize_t n;
         do
             n = recvmsg(fd, &message, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -20,6 +21,9 @@ class Listener
 {
 public:
     explicit Listener(bool hold = false);
+    // Bound at once but listening only once the file `flag` exists (waiting at most 30 s for it), so
+    // that until then a connect is refused; with an empty `flag` it never listens.
+    explicit Listener(const std::string &flag);
     ~Listener();
     Listener(const Listener &) = delete;
     Listener &operator=(const Listener &) = delete;
@@ -28,7 +32,9 @@ public:
     int Accepted() const { return m_Accepted.load(); }
 
 private:
-    bool m_Hold;
+    void Accept();
+
+    bool m_Hold = false;
     int m_Listen = -1;
     uint16_t m_Port = 0;
     std::atomic<bool> m_Stop{false};

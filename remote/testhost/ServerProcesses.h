@@ -167,14 +167,20 @@ struct HostProcess
 
 #ifdef ORVEX_DEMO_HOST
 // The demo host as a child on the server port `port`: with no server there it starts one itself (the
-// front end beside it). `ready` once it said so.
+// front end beside it). `ready` once it said so. Its own default name is given by no --name.
 struct DemoHostProcess
 {
     explicit DemoHostProcess(uint16_t port, std::string name_ = "orvexDemo")
-        : name(std::move(name_)), child({ORVEX_DEMO_HOST, "--port", std::to_string(port), "--name", name})
+        : name(std::move(name_)), child(Arguments(port, name))
     {
         ready = WaitReady();
         EXPECT_TRUE(ready) << "the demo host " << name << " did not say it was ready";
+    }
+    static std::vector<std::string> Arguments(uint16_t port, const std::string &name)
+    {
+        std::vector<std::string> args{ORVEX_DEMO_HOST, "--port", std::to_string(port)};
+        if (name != "orvexDemo") args.insert(args.end(), {"--name", name});
+        return args;
     }
     // The next "<name> ready" line (after a start or a restart).
     bool WaitReady() { return child.WaitForLine(name + " ready", 60000).has_value(); }
@@ -212,6 +218,31 @@ struct RecordsGone
         return names;
     }
 };
+
+// A script server on a free port with this process as its client `name`. The connection records are
+// waited for last.
+struct ServedClient
+{
+    explicit ServedClient(const char *name = "ScriptServerTest") : port(FreeServerPort()), server(port)
+    {
+        BecomeClient(port, name);
+    }
+
+    RecordsGone gone;
+    uint16_t port;
+    ServerProcess server;
+};
+
+// A boolean result of a remote call, as opposed to a nil or a number.
+inline bool IsTrue(const ScriptVal &value)
+{
+    return value.IsBoolean() && value.ToBoolean();
+}
+
+inline bool IsFalse(const ScriptVal &value)
+{
+    return value.IsBoolean() && !value.ToBoolean();
+}
 
 // The UUID of the application a root proxy leads to, as the server named it.
 inline std::string UUIDOf(const ScriptVal &root)

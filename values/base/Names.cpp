@@ -1,4 +1,5 @@
-// Name checks and repairs: CompareName, StripName and IsValidName with its table of reserved words.
+// Name checks and repairs: CompareName, StripName and IsValidName with its table of reserved words, and
+// IsReservedWord, the keywords of the text form.
 #include "values/base/Names.h"
 
 #include <cstring>
@@ -60,6 +61,24 @@ bool IsValidName(const char *name, TagList *)
     for (const char *word : kReservedWords)
         if (EqualsAsciiFolded(name, word)) return false;
     return true;
+}
+
+// The words of the text form's grammar, each with its length; compared with case.
+bool IsReservedWord(const char *s, size_t len)
+{
+    struct Word
+    {
+        const char *text;
+        size_t length;
+    };
+    static const Word words[] = {
+        {"and", 3}, {"break", 5},    {"do", 2},     {"else", 4}, {"elseif", 6}, {"end", 3},   {"false", 5},
+        {"for", 3}, {"function", 8}, {"if", 2},     {"in", 2},   {"local", 5},  {"nil", 3},   {"not", 3},
+        {"or", 2},  {"repeat", 6},   {"return", 6}, {"then", 4}, {"true", 4},   {"until", 5}, {"while", 5}};
+    if (len < 2 || len > 8) return false;
+    for (const Word &word : words)
+        if (word.length == len && word.text[0] == s[0] && std::memcmp(word.text, s, len) == 0) return true;
+    return false;
 }
 
 } // namespace orvexScript

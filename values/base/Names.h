@@ -4,6 +4,8 @@
 
 #include "values/base/Export.h"
 
+#include <cstddef>
+
 namespace orvexScript
 {
 
@@ -22,5 +24,9 @@ ORVEX_API void StripName(char *out, const char *in, TagList *tags = nullptr);
 // False when `name` is one of the reserved words (ignoring ASCII case), or null; true otherwise. Tests
 // nothing else: an empty text or one with blanks is valid here.
 ORVEX_API bool IsValidName(const char *name, TagList *tags = nullptr);
+
+// True when the `len` bytes at `s` are one of the keywords of the text form, with case ("end", not
+// "End"). Used inside the library by the writer and the reader of that form.
+bool IsReservedWord(const char *s, size_t len);
 
 } // namespace orvexScript

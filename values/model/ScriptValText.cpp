@@ -10,6 +10,7 @@
 #include <cstring>
 #include <vector>
 
+#include "values/base/Names.h"
 #include "values/base/TextLocale.h"
 #include "values/model/ScriptVal.h"
 #include "values/model/TableEntry.h"
@@ -148,24 +149,6 @@ size_t FormatNumber(char *out, double v, bool single)
         return len;
     }
     return FormatGeneral(out, v, single ? 6 : 15, single);
-}
-
-bool IsReservedWord(const char *s, size_t len)
-{
-    struct Word
-    {
-        const char *text;
-        size_t length;
-    };
-    static const Word words[] = {{"and", 3},   {"break", 5}, {"do", 2},     {"else", 4},    {"elseif", 6},
-                                 {"end", 3},   {"false", 5}, {"for", 3},    {"function", 8}, {"if", 2},
-                                 {"in", 2},    {"local", 5}, {"nil", 3},    {"not", 3},     {"or", 2},
-                                 {"repeat", 6}, {"return", 6}, {"then", 4},  {"true", 4},    {"until", 5},
-                                 {"while", 5}};
-    if (len < 2 || len > 8) return false;
-    for (const Word &word : words)
-        if (word.length == len && word.text[0] == s[0] && std::memcmp(word.text, s, len) == 0) return true;
-    return false;
 }
 
 // Bytes of names in the C locale: 1 letters, 2 digits and '_'.

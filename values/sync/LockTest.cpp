@@ -75,15 +75,10 @@ template <class L> void ExpectNoLostUpdates(L &lock, int threads, int rounds)
     EXPECT_EQ(counter, static_cast<long>(threads) * rounds);
 }
 
-TEST(Lock, IsRecursiveAndExcludesOtherThreads)
+TEST(Lock, IsRecursiveExcludesOtherThreadsAndLosesNoUpdates)
 {
     Lock lock;
     ExpectRecursiveExclusion(lock);
-}
-
-TEST(Lock, NoLostUpdatesUnderContention)
-{
-    Lock lock;
     ExpectNoLostUpdates(lock, 4, 2000);
 }
 
