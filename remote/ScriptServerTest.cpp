@@ -115,6 +115,30 @@ TEST_F(ScriptServer, AKilledHostVanishesAndTheServerEndsWithItsLastConnection)
     EXPECT_EQ(end.exitCode, 0);
 }
 
+// Loopback only (the server runs with -l): every address of 127.0.0.0/8 is loopback, for the client's
+// dialing and for the server's accepting; any other address is refused before anything is sent.
+TEST_F(ScriptServer, LoopbackOnlyServesTheWholeLoopbackRange)
+{
+    HostProcess host("alpha", port);
+    SetLoopbackOnly(true);
+    struct Case
+    {
+        const char *address;
+        bool served;
+    } cases[] = {{"127.0.0.1", true}, {"127.0.0.2", true}, {"127.255.1.9", true}, {"10.0.0.1", false},
+                 {"128.0.0.127", false}};
+    for (const Case &c : cases)
+    {
+        ScriptVal root = ScriptApp("alpha", nullptr, nil, c.address, 2.0);
+        EXPECT_EQ(root.IsRemoteObject(), c.served) << c.address;
+        if (c.served)
+        {
+            EXPECT_EQ(root.CallMember("Add", 1, 2), 3.0) << c.address;
+        }
+    }
+    SetLoopbackOnly(false);
+}
+
 TEST_F(ScriptServer, ASecondServerOnThePortExitsWithOne)
 {
     const orvexTest::ProcessResult second =

@@ -6,7 +6,9 @@
 //
 // --name registers under another application name; --port talks to a script server on another port
 // than the default 10251. Once start-up has completed it prints one line, "<name> ready", on standard
-// output. SIGINT or SIGTERM ends it: it takes itself out of the server's list and exits with 0.
+// output. SIGINT or SIGTERM ends it: it takes itself out of the server's list and exits with 0. SIGHUP
+// stops scripting and starts it again, which registers anew (starting a server if none runs now) and
+// prints the ready line again; connections that peers have open go on.
 #include <atomic>
 #include <csignal>
 #include <cstdio>
@@ -24,10 +26,22 @@ using namespace orvexScript;
 namespace
 {
 volatile std::sig_atomic_t s_Stop = 0;
+volatile std::sig_atomic_t s_Restart = 0;
 
 void OnSignal(int)
 {
     s_Stop = 1;
+}
+
+void OnRestart(int)
+{
+    s_Restart = 1;
+}
+
+void SayReady(const char *name)
+{
+    std::printf("%s ready\n", name);
+    std::fflush(stdout);
 }
 
 ScriptObject *RootOf(void *user, void *)
@@ -65,6 +79,8 @@ int main(int argc, char **argv)
     sigemptyset(&action.sa_mask);
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+    action.sa_handler = OnRestart;
+    sigaction(SIGHUP, &action, nullptr);
 
     auto *root = new orvexDemo::DemoRoot;
     static ScriptConfig config;
@@ -74,22 +90,36 @@ int main(int argc, char **argv)
     config.root = RootOf;
     InitScripting(config);
     StartScripting(nullptr, nil);
-    ScriptWindow *window = GetScriptWnd();
-    if (!window)
+    if (!GetScriptWnd())
     {
         std::fprintf(stderr, "%s: no script window\n", argv[0]);
         return 1;
     }
-    std::printf("%s ready\n", name);
-    std::fflush(stdout);
+    SayReady(name);
 
     // The main loop: commands of peers run here. The pump wakes at least every 100 ms to see a signal.
     int exitCode = 0;
+    bool failed = false;
     while (!s_Stop)
-        if (window->Pump(0, 100, exitCode) == ScriptWindow::Pump_Quit) break;
+    {
+        if (s_Restart)
+        {
+            s_Restart = 0;
+            StopScripting();
+            StartScripting(nullptr, nil);
+            if (!GetScriptWnd())
+            {
+                std::fprintf(stderr, "%s: no script window\n", argv[0]);
+                failed = true;
+                break;
+            }
+            SayReady(name);
+        }
+        if (GetScriptWnd()->Pump(0, 100, exitCode) == ScriptWindow::Pump_Quit) break;
+    }
 
     StopScripting();
     root->CloseAll();
     // Peers may still hold proxies of objects here; their connections end with the process.
-    return 0;
+    return failed ? 1 : 0;
 }

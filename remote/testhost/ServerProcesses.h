@@ -1,17 +1,22 @@
 // Real processes for the tests of finding applications: a script server (the front end with -s) on
-// a port of its own, applications (the test host with --register) that register with it, and this
-// process made ready to be the client. Header only: it uses the test support of the test program.
+// a port of its own, applications (the test host with --register, or the demo host, which starts the
+// server itself) that register with it, and this process made ready to be the client. Header only: it
+// uses the test support of the test program.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <netinet/in.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -57,6 +62,65 @@ inline void BecomeClient(uint16_t port, const char *name = "ScriptServerTest")
     SetPingBroadcastAddress("127.255.255.255");
 }
 
+// This process as a client the way a script is one: a configuration that is no host, and scripting
+// started (no window, no registering), so that named connects go ahead at once.
+inline void StartAsClient(uint16_t port, const char *name)
+{
+    (void)InitTestScripting(name);
+    g_ScriptServerPort = port;
+    (void)StartScripting(nullptr, nil);
+}
+
+// The script servers that serve `port`, found by their command lines: a server a host started is
+// detached, so no parent here knows it.
+inline std::vector<int> ServersOnPort(uint16_t port)
+{
+    std::vector<int> pids;
+    DIR *proc = opendir("/proc");
+    if (!proc) return pids;
+    const std::string portText = std::to_string(port);
+    while (dirent *entry = readdir(proc))
+    {
+        if (entry->d_name[0] < '0' || entry->d_name[0] > '9') continue;
+        const std::string line = orvexTest::ReadFile(std::string("/proc/") + entry->d_name + "/cmdline");
+        std::vector<std::string> argv;
+        for (size_t start = 0; start < line.size();)
+        {
+            const size_t end = line.find('\0', start);
+            argv.push_back(line.substr(start, end == std::string::npos ? std::string::npos : end - start));
+            if (end == std::string::npos) break;
+            start = end + 1;
+        }
+        const std::string program = argv.empty() ? "" : argv[0].substr(argv[0].find_last_of('/') + 1);
+        if (program == "orvexScript" && argv.size() >= 4 && argv[1] == "-s" && argv[2] == "-p" &&
+            argv[3] == portText)
+            pids.push_back(std::atoi(entry->d_name));
+    }
+    closedir(proc);
+    return pids;
+}
+
+// Whether a process that need not be a child of this one has ended: it is gone, or a zombie that its
+// parent has not collected yet.
+inline bool ProcessEnded(int pid)
+{
+    const std::string stat = orvexTest::ReadFile("/proc/" + std::to_string(pid) + "/stat");
+    const size_t close = stat.rfind(')');
+    if (close == std::string::npos) return kill(pid, 0) != 0;
+    std::istringstream fields(stat.substr(close + 1));
+    std::string state;
+    fields >> state;
+    return state == "Z" || state == "X";
+}
+
+// The one server on `port` once there is one (within `limitMs`); 0 if none or several.
+inline int TheServerOn(uint16_t port, int limitMs = 10000)
+{
+    std::vector<int> pids;
+    (void)orvexTest::WaitUntil([&] { return !(pids = ServersOnPort(port)).empty(); }, limitMs);
+    return pids.size() == 1 ? pids.front() : 0;
+}
+
 // The script server as a child: `orvexScript -s -p PORT -l`. Started once it printed its first line.
 struct ServerProcess
 {
@@ -100,6 +164,26 @@ struct HostProcess
     orvexTest::ChildProcess child;
     std::string uuid;
 };
+
+#ifdef ORVEX_DEMO_HOST
+// The demo host as a child on the server port `port`: with no server there it starts one itself (the
+// front end beside it). `ready` once it said so.
+struct DemoHostProcess
+{
+    explicit DemoHostProcess(uint16_t port, std::string name_ = "orvexDemo")
+        : name(std::move(name_)), child({ORVEX_DEMO_HOST, "--port", std::to_string(port), "--name", name})
+    {
+        ready = WaitReady();
+        EXPECT_TRUE(ready) << "the demo host " << name << " did not say it was ready";
+    }
+    // The next "<name> ready" line (after a start or a restart).
+    bool WaitReady() { return child.WaitForLine(name + " ready", 60000).has_value(); }
+
+    std::string name;
+    orvexTest::ChildProcess child;
+    bool ready = false;
+};
+#endif
 
 // Waits (at most 5 s) when it goes until this process has no connection record left: the records end
 // on their own threads once their peers are gone, and must be done before the process exits.

@@ -165,7 +165,9 @@ ScriptVal::ScriptVal(ScriptVal &&other) noexcept : ScriptVal()
 
 ScriptVal::~ScriptVal()
 {
-    CleanUp();
+    // A nil value owns nothing, and its destruction writes nothing: the global nil is destroyed at the
+    // process's exit while connection threads may still be reading it to build their replies.
+    if (Type() != SV_Nil || m_Index) CleanUp();
 }
 
 // ---- assignment --------------------------------------------------------------------------------
