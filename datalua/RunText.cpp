@@ -12,6 +12,7 @@
 
 #include "datalua/Interp.h"
 #include "datalua/Parser.h"
+#include "values/base/StringBlock.h"
 #include "values/model/MemBlock.h"
 #include "values/model/ScriptVal.h"
 #include "values/model/TableEntry.h"
@@ -225,6 +226,24 @@ bool RunProtected(State &S, const Value &fn, Value &result, std::string &error)
 
 constexpr int kMaxNesting = 1000;
 
+// A string value of exactly these bytes. Made from a block of its own: a text pointer whose first
+// byte is the block marker would otherwise be taken for a shared block and lose that byte.
+void ExactString(ScriptVal &out, const char *data, size_t len)
+{
+    char *block = StringBlockNew(data, len);
+    if (!block)
+    {
+        out.CleanUp();
+        return;
+    }
+    ScriptValue payload{};
+    payload.m_String.m_String = block;
+    payload.m_String.m_StringCopy = block;
+    payload.m_String.m_Hash = StringHash(block + 1, len);
+    out.Set(SV_String, &payload);
+    StringBlockRelease(block);
+}
+
 class Converter
 {
 public:
@@ -242,7 +261,7 @@ public:
             if (std::memchr(v.s->data, 0, v.s->len))
                 out = ScriptVal(MemBlock(v.s->data, v.s->len));
             else
-                out = ScriptVal(v.s->data, static_cast<int>(v.s->len));
+                ExactString(out, v.s->data, v.s->len);
             return true;
         case T_TABLE: return ConvertTable(v.h, out, depth);
         case T_LFUNC:

@@ -38,4 +38,8 @@ int CollateFoldedChars(wchar_t a, wchar_t b);
 // folded on the stack; only longer ones allocate.
 int CollateFoldedUtf8(const char *a, const char *b);
 
+// Sets the C locale for the whole process (all categories), as the value text form needs for its
+// numbers; the previous locale is not restored.
+void UseCLocale();
+
 } // namespace orvexScript::TextLocale

@@ -20,6 +20,7 @@ class RemoteApp;
 class ScriptObject;
 class ScriptSymbol;
 class ScriptArgs;
+class TagList;
 
 // The kinds. Their numbers travel in packets and in the generated binding.
 enum ScriptValType : uint32_t
@@ -250,6 +251,24 @@ public:
     // Prints the value to standard output, for debugging.
     void Dump(int indent = 0, bool newline = true) const;
 
+    // ---- text form (a Lua expression that rebuilds the value) ----------------------------------
+    // The exact number of bytes ToText writes at `depth`, without the terminator. Depth 0 is a
+    // top-level value and sets the C locale for the whole process first; a negative depth drops the
+    // indentation of that level.
+    unsigned long ToTextLen(int depth) const;
+    // Writes the text and a NUL into `buffer` (at least ToTextLen(depth) + 1 bytes, unchecked) and
+    // gives the address of the NUL.
+    char *ToText(char *buffer, int depth) const;
+    // Reads a text written by ToText, or any chunk that gives one value: `prologue` goes in front
+    // (null: "return "). This value is nil on failure. The chunk name is the content of `errorBuffer`
+    // if not empty, else "FromText"; afterwards the buffer (if errorSize > 0) holds the message of a
+    // failure, or the result as text when it is a string or number, else "". With `freeText` the
+    // text is a malloc'd block that the reader frees.
+    bool FromText(const char *text, const char *prologue, char *errorBuffer, int errorSize);
+    bool FromText(const char *text, const char *prologue, char *errorBuffer, int errorSize, bool freeText);
+    // Runs `text` as statements on the script Lua and reads the global `name` (under 256 bytes).
+    bool FromTextByName(const char *text, const char *name, char *errorBuffer, int errorSize, bool freeText);
+
     // ---- tables: look-ups ----------------------------------------------------------------------
     ScriptVal &FindKey(const ScriptVal &key);
     ScriptVal &FindKey(double key);
@@ -378,5 +397,16 @@ private:
 
 // The constant nil value: what const look-ups give for a missing key. Assigning to it does nothing.
 ORVEX_API extern ScriptVal nil;
+
+// The prologue under which value texts are read: names that are no globals become constructor
+// records, so "Point { ... }" reads as a table named Point. Ends in "return ". `tags` is unused.
+ORVEX_API const char *GetSerializePrologue(TagList *tags = nullptr);
+
+// A value read from text under the serialize prologue (nil if the text does not read).
+class ORVEX_API ScriptValText : public ScriptVal
+{
+public:
+    explicit ScriptValText(const char *text);
+};
 
 } // namespace orvexScript

@@ -178,7 +178,13 @@ void EntryPool::FreeLocked(void *ptr)
     FreeSlot *slot = static_cast<FreeSlot *>(ptr);
     slot->next = chunk->freeList;
     chunk->freeList = slot;
-    --chunk->used;
+    if (--chunk->used == 0)
+    {
+        // Every slot is back: the chunk hands them out from its start again, in address order, rather
+        // than in the scattered order they came back in.
+        chunk->freeList = nullptr;
+        chunk->bumped = 0;
+    }
     if (!chunk->available) LinkAvail(chunk);
 }
 

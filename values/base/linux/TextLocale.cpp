@@ -183,4 +183,9 @@ int CollateFoldedUtf8(const char *a, const char *b)
     return CollateTexts(left.Get(), right.Get());
 }
 
+void UseCLocale()
+{
+    setlocale(LC_ALL, "C");
+}
+
 } // namespace orvexScript::TextLocale
