@@ -1,8 +1,12 @@
-// A minimal `orvex` table: exit, scriptapp, using and getusing. It stands in for the full library until
-// that lands, and goes then.
+// A minimal `orvex` table: exit, scriptapp, using, getusing, readfile and writefile. It stands in for
+// the full library until that lands, and goes then.
 #include "languages/lua/LuaHostLib.h"
 
 #include <lua.hpp>
+
+#include <cstdio>
+#include <string>
+#include <vector>
 
 #include "languages/lua/LuaBridge.h"
 #include "languages/lua/LuaGuard.h"
@@ -65,9 +69,58 @@ ORVEX_LUA_FUNCTION(HostGetUsing)
     return 1;
 }
 
+// readfile(path, name): the value of the text in the file (with a name, the global of that name after
+// running it), or nil.
+ORVEX_LUA_FUNCTION(HostReadFile)
+{
+    const char *path = StringArgument(L, 1);
+    FILE *file = path ? std::fopen(path, "r") : nullptr;
+    if (!file)
+    {
+        lua_pushnil(L);
+        return 1;
+    }
+    std::string text;
+    char buffer[4096];
+    size_t n;
+    while ((n = std::fread(buffer, 1, sizeof buffer, file)) > 0)
+        text.append(buffer, n);
+    const bool readError = std::ferror(file) != 0;
+    std::fclose(file);
+    orvexScript::ScriptVal value;
+    char error[256] = "";
+    const char *name = StringArgument(L, 2);
+    const bool ok = !readError && (name ? value.FromTextByName(text.c_str(), name, error, sizeof error, false)
+                                        : value.FromText(text.c_str(), orvexScript::GetSerializePrologue(),
+                                                         error, sizeof error));
+    if (!ok || !orvexScript::ToLua(nullptr, L, value)) lua_pushnil(L);
+    return 1;
+}
+
+// writefile(path, value): the text form of the value into the file; true if all of it was written.
+ORVEX_LUA_FUNCTION(HostWriteFile)
+{
+    orvexScript::ScriptVal value;
+    lua_settop(L, 2);
+    if (!orvexScript::FromLua(L, 2, value)) return luaL_error(L, "Unsupported type for custom data!");
+    const char *path = StringArgument(L, 1);
+    FILE *file = path ? std::fopen(path, "w") : nullptr;
+    if (!file)
+    {
+        lua_pushboolean(L, 0);
+        return 1;
+    }
+    std::vector<char> text(value.ToTextLen(0) + 1);
+    const size_t size = static_cast<size_t>(value.ToText(text.data(), 0) - text.data());
+    const bool written = std::fwrite(text.data(), 1, size, file) == size;
+    lua_pushboolean(L, std::fclose(file) == 0 && written);
+    return 1;
+}
+
 const luaL_Reg kFunctions[] = {
     {"exit", HostExit},   {"scriptapp", HostScriptApp}, {"using", HostUsing},
-    {"getusing", HostGetUsing}, {nullptr, nullptr},
+    {"getusing", HostGetUsing}, {"readfile", HostReadFile}, {"writefile", HostWriteFile},
+    {nullptr, nullptr},
 };
 
 } // namespace
