@@ -140,7 +140,7 @@ local function drive(app)
         end
         print(("  orvex.writefile gave %s, %d bytes:"):format(tostring(written), #text))
         for line in text:gmatch("[^\n]+") do
-            print("    " .. line)
+            print("    " .. line:gsub("\t", "  "))
         end
         local back = orvex.readfile(path)
         os.remove(path)

@@ -108,6 +108,8 @@ TEST(DriveDemo, ScriptDrivesTheHostAndLetsGoOfEverything)
              "  document \"Poster\"\n    layer \"Background\"   opacity 1.00\n    layer \"Title\"        opacity 1.00\n"
              "  document \"Letter\"\n    layer \"Body\"         opacity 1.00\n  LiveObjects() = 5\n",
              "  Background opacity 0.25 after setting 0.25\n",
+             "            Opacity = 0.25,\n", // the order of the keys in the saved text is Lua's
+             "  the same as saved: true\n",
              "  open documents after Close: 0\n  LiveObjects() = 0\ndone\n",
          })
         EXPECT_NE(run.out.find(line), std::string::npos) << "missing:\n" << line << "\nin:\n" << run.out;
