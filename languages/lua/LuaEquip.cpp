@@ -20,8 +20,6 @@ namespace
 {
 
 constexpr const char *kVersion = "7.00";
-constexpr const char *kActiveObjectKey = "orvexScriptActiveObject";
-constexpr const char *kIgnoreErrorsKey = "orvexScriptIgnoreErrors";
 
 // A member function of the active object called by its bare name: the object goes in front of the
 // arguments, as a colon call would put it. Upvalues: the function, the object.

@@ -152,11 +152,12 @@ bool ScriptVal::FromTextByName(const char *text, const char *name, char *errorBu
         lua_settop(L, 0);
     }
 
-    // The prologue without its closing "return ", the statements, then the named global.
+    // The prologue without its closing "return ", the statements, then on a line of its own the named
+    // global, so that a text whose last line has no line end still reads.
     const char *prologue = GetSerializePrologue();
     const std::string front(prologue, std::strlen(prologue) - std::strlen("return "));
     char tail[300];
-    std::snprintf(tail, sizeof tail, "return %s", name ? name : "");
+    std::snprintf(tail, sizeof tail, "\nreturn %s", name ? name : "");
     const int status = loadstringval(L, text, -1, chunkName.c_str(), front.c_str(), tail);
     if (freeText) std::free(const_cast<char *>(text));
     bool ok = false;

@@ -72,9 +72,9 @@ TEST(FromTextByName, FailuresLeaveNilAndTheMessage)
     EXPECT_TRUE(ordered.value.IsNil());
     EXPECT_NE(ordered.buffer.find("sethashstate"), std::string::npos) << ordered.buffer;
 
-    ByName syntax = Read("x = {\n", "x", "settings");
+    ByName syntax = Read("x = {\n", "x", "settings"); // the named global is read on a line of its own
     EXPECT_FALSE(syntax.ok);
-    EXPECT_EQ(syntax.buffer.rfind("[string \"settings\"]:2:", 0), 0u) << syntax.buffer;
+    EXPECT_EQ(syntax.buffer.rfind("[string \"settings\"]:3:", 0), 0u) << syntax.buffer;
 
     ByName unsupported = Read("x = coroutine.create(function() end)", "x");
     EXPECT_FALSE(unsupported.ok);
