@@ -70,6 +70,22 @@ TEST_F(EquippedState, LeavesVersionExitClassAndBlockConstructors)
 {
     const Case cases[] = {
         {"version", R"(assert(orvex._VERSION == "7.00" and _VERSION == "Lua 5.1"))"},
+        {"the prelude's short names are the library's functions", R"(
+            local aliases = { readdir = "readdir", createdir = "createdir", removedir = "removedir",
+                pinghosts = "pinghosts", fileexists = "fileexists", direxists = "direxists",
+                executebg = "executebg", getcurrentdir = "getcurrentdir", setcurrentdir = "setcurrentdir",
+                getpid = "getpid", touserdata = "touserdata", wait = "wait", stripname = "stripname",
+                isvalidname = "isvalidname", fullpath = "fullpath", exit = "exit", getclipboard = "getclipboard",
+                setclipboard = "setclipboard", StartServer = "startserver", GetAppName = "getappname",
+                GetAppUUID = "getappuuid", CreateUUID = "createuuid", ToUNC = "tounc", ScriptApp = "scriptapp",
+                AsyncScriptApp = "asyncscriptapp", SendNotify = "sendnotify", Using = "using",
+                SetActiveComp = "using", GetUsing = "getusing", GetActiveComp = "getusing" }
+            for short, name in pairs(aliases) do
+                assert(type(orvex[name]) == "function" and rawget(_G, short) == orvex[name], short)
+            end
+            for _, name in ipairs({ "noise", "crash", "readfile", "writefile", "readstring", "writestring" }) do
+                assert(type(orvex[name]) == "function" and rawget(_G, name) == nil, name)
+            end)"},
         {"exit records and returns", R"(
             assert(os.exit == orvex.exit and exit == orvex.exit)
             assert(select("#", os.exit(7, { reason = "done" })) == 0)
