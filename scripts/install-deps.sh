@@ -9,6 +9,8 @@ PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   # interpreter and its pattern library
   libluajit-5.1-dev lua-lpeg-dev
+  # the stock interpreter program: a test loads the library into it as the module "qmscript"
+  luajit
   # for the benchmarks only: msgpack-c, the codec baseline of bench/RemoteBench, and RapidJSON, the
   # writer baseline of bench/TextBench
   libmsgpack-dev rapidjson-dev

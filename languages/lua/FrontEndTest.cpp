@@ -25,14 +25,20 @@ ProcessResult RunFrontEnd(std::vector<std::string> arguments)
     return result;
 }
 
-// Usage without arguments (status 2, on stderr) and for -h (status 0, on stdout).
+// Usage without arguments or a file (status 2, on stderr) and for -h (status 0, on stdout); a bad
+// server port is refused before anything runs.
 TEST(FrontEnd, PrintsUsage)
 {
-    ProcessResult none = RunFrontEnd({}), help = RunFrontEnd({"-h"});
+    ProcessResult none = RunFrontEnd({}), help = RunFrontEnd({"-h"}), noFile = RunFrontEnd({"-p", "4000"});
     EXPECT_EQ(2, none.exitCode);
-    EXPECT_NE(std::string::npos, none.err.find("usage: orvexScript FILE")) << none.err;
+    EXPECT_NE(std::string::npos, none.err.find("usage: orvexScript [-p PORT] FILE")) << none.err;
     EXPECT_EQ(0, help.exitCode);
-    EXPECT_NE(std::string::npos, help.out.find("usage: orvexScript FILE")) << help.out;
+    EXPECT_NE(std::string::npos, help.out.find("usage: orvexScript [-p PORT] FILE")) << help.out;
+    EXPECT_EQ(2, noFile.exitCode);
+    ProcessResult badPort = RunFrontEnd({"-p", "70000", kTour});
+    EXPECT_EQ(2, badPort.exitCode);
+    EXPECT_EQ("orvexScript: bad port '70000'\n", badPort.err);
+    EXPECT_EQ("", badPort.out);
 }
 
 // The exit status is the script's number; failures to load exit with 254, failures to run with 255.

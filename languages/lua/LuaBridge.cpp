@@ -219,6 +219,33 @@ ORVEX_LUA_FUNCTION(MemBlockNew)
     return 1;
 }
 
+// The global HexData(text): the numbers of the text in base 16, each cut to a byte, as a new block;
+// reading stops at the first thing that isn't a number. Anything but a string gives nothing.
+size_t ParseHexBytes(const char *text, uint8_t *out)
+{
+    size_t count = 0;
+    for (;;)
+    {
+        char *end = nullptr;
+        const long value = std::strtol(text, &end, 16);
+        if (end == text) return count;
+        if (out) out[count] = static_cast<uint8_t>(value);
+        ++count;
+        text = end;
+    }
+}
+
+ORVEX_LUA_FUNCTION(HexDataNew)
+{
+    if (lua_type(L, 1) != LUA_TSTRING) return 0;
+    const char *text = lua_tostring(L, 1);
+    MemBlock *block = NewMemBlock(ParseHexBytes(text, nullptr));
+    if (!block) return 0;
+    ParseHexBytes(text, static_cast<uint8_t *>(block->m_Ptr));
+    lua_pushobject(L, block, kMemBlockType);
+    return 1;
+}
+
 // Makes the "MemBlock" metatable in the registry if the state has none.
 void EnsureMemBlockType(lua_State *state)
 {
@@ -1022,6 +1049,8 @@ void OpenMemBlock(lua_State *state)
     EnsureMemBlockType(state);
     lua_pushcfunction(state, MemBlockNew);
     lua_setglobal(state, "MemBlock");
+    lua_pushcfunction(state, HexDataNew);
+    lua_setglobal(state, "HexData");
 }
 
 void OpenObjectTypes(lua_State *state)

@@ -91,7 +91,8 @@ ORVEX_API int lua_function_call(lua_State *state);
 ORVEX_API MemBlock *lua_FileToCode(const char *fileName, KeID &error, TagList *tags = nullptr);
 ORVEX_API MemBlock *lua_StrToCode(const char *source, KeID &error, TagList *tags = nullptr);
 
-// The "MemBlock" userdata type: its metatable in the registry and the global MemBlock(size).
+// The "MemBlock" userdata type: its metatable in the registry, the global MemBlock(size), and the
+// global HexData(text), a block of the bytes written in base 16 in the text.
 ORVEX_API void OpenMemBlock(lua_State *state);
 
 // What a state needs to hold objects: the MemBlock type, the table `class` (kept if it is one) with

@@ -9,8 +9,7 @@
 #include <cstring>
 #include <memory>
 
-#include "languages/lua/LuaBase.h"
-#include "languages/lua/LuaBridge.h"
+#include "languages/lua/LuaEquip.h"
 #include "languages/lua/LuaGuard.h"
 
 namespace
@@ -93,9 +92,7 @@ ORVEX_LUA_FUNCTION(PrepareState)
     char **arguments = static_cast<char **>(lua_touserdata(L, 1));
     lua_pushboolean(L, 1);
     lua_setfield(L, LUA_REGISTRYINDEX, "QMLocalConnect");
-    orvexScript::OpenBaseLibs(L);
-    orvexScript::OpenObjectTypes(L);
-    lua_settop(L, 0);
+    orvexScript::OpenAllLibs(L, nullptr);
     SetArguments(L, arguments);
     return 0;
 }
