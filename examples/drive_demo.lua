@@ -100,6 +100,9 @@ local function drive(app)
     print("  Echo(...)     = " .. show(echoed))
     print("  Add(2, 3)     = " .. show(need(app:Add(2, 3), "calling Add")))
     print("  LiveObjects() = " .. show(need(app:LiveObjects(), "calling LiveObjects")))
+    -- A member that fails raises a Lua error carrying the application's message.
+    local failed, message = pcall(function() return app:Fail("no such layer") end)
+    print("  Fail(...)     raised an error: " .. tostring(not failed) .. ", " .. show(message))
 
     step("the application as the active object")
     -- With Using, names that aren't globals are looked up in the application: Add(20, 22) is app:Add(20, 22).

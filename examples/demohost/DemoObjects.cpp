@@ -2,6 +2,7 @@
 #include "examples/demohost/DemoObjects.h"
 
 #include <chrono>
+#include <stdexcept>
 #include <thread>
 
 namespace orvexDemo
@@ -59,9 +60,11 @@ void Sleep(void *, ScriptArgs &args, ScriptSymbol *, bool)
     args.ReturnBoolean(true);
 }
 
+// Only results travel back to a caller; a member fails by throwing, which the command runner turns
+// into an error reply carrying the text.
 void Fail(void *, ScriptArgs &args, ScriptSymbol *, bool)
 {
-    args.SetError(SE_Unknown, args[1].ToString("failed"));
+    throw std::runtime_error(args[1].ToString("failed"));
 }
 
 void NewDocument(void *self, ScriptArgs &args, ScriptSymbol *, bool)

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -94,9 +95,15 @@ TEST_F(DemoObjects, RootMembersAnswerAsDocumented)
 
     ScriptArgs fail;
     fail[1] = "no such layer";
-    ScriptArgs failed = RunMember(m_Root, "Fail", fail);
-    EXPECT_EQ(failed["Error"].ToNumber(), SE_Unknown);
-    EXPECT_EQ(failed["ErrorString"].ToString(""), std::string("no such layer"));
+    try
+    {
+        RunMember(m_Root, "Fail", fail);
+        ADD_FAILURE() << "Fail returned";
+    }
+    catch (const std::runtime_error &e)
+    {
+        EXPECT_STREQ(e.what(), "no such layer");
+    }
 }
 
 TEST_F(DemoObjects, DocumentsAndLayersKeepTheirOrderAndValues)

@@ -836,6 +836,14 @@ void ArgumentFromLua(lua_State *state, int index, ScriptVal &out)
                    kLuaMaxNesting);
 }
 
+bool PushObjectUserdata(lua_State *state, void *object)
+{
+    PushCache(state, TypedCacheKey());
+    const bool found = PushCached(state, object);
+    lua_remove(state, found ? -2 : -1);
+    return found;
+}
+
 void _PushScriptObject(lua_State *state, RemoteObject *object, bool keepReference)
 {
     if (!object)

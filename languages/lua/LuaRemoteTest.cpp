@@ -87,6 +87,7 @@ TEST(LuaRemote, ScriptReadsWritesCallsAndLetsGoOfTheHostsObjects)
         assert(v.list[2] == 2 and v.name == "x", "a table written is read back")
         assert(root:Add(2, 3) == 5)
         assert(root.Add(root, 4, 5) == 9, "a function read with a dot takes the object first")
+        assert(root.Add ~= root.Add and root:Add(1, 1) == 2, "a remembered member is a fresh closure each read")
 
         local n, text, flag, t = root:Echo(1.5, "two", true, { 10, 20, k = "v", nested = { x = 3 } })
         assert(n == 1.5 and text == "two" and flag == true, "plain results come back in order")

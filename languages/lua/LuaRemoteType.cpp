@@ -150,11 +150,88 @@ int LuaType_RemoteObject::lw_call(LuaType *, lua_State *state, void *object, Lua
     return Command(state, object, SST_Call, args);
 }
 
+// The member functions a proxy has handed out, so that `app:Add(1, 2)` costs one round trip and not
+// two: a member read that gave a function of the object keeps that function's value (the upvalue of
+// its closure) under the name, and the next read of the name makes a fresh closure over it without
+// asking. A write through the proxy forgets the name. The table is kept per userdata in a weak-keyed
+// registry table, so it goes with the proxy.
+static const char s_MemberCacheKey = 0;
+
+// Pushes the member table of the proxy userdata of `object`, made if `create`; false (nothing pushed)
+// if there is none.
+static bool PushMemberTable(lua_State *state, void *object, bool create)
+{
+    lua_checkstack(state, 6);
+    if (!PushObjectUserdata(state, object)) return false;
+    lua_pushlightuserdata(state, const_cast<char *>(&s_MemberCacheKey));
+    lua_rawget(state, LUA_REGISTRYINDEX);
+    if (!lua_istable(state, -1))
+    {
+        lua_pop(state, 1);
+        if (!create)
+        {
+            lua_pop(state, 1);
+            return false;
+        }
+        lua_newtable(state);
+        lua_createtable(state, 0, 1);
+        lua_pushliteral(state, "k");
+        lua_setfield(state, -2, "__mode");
+        lua_setmetatable(state, -2);
+        lua_pushlightuserdata(state, const_cast<char *>(&s_MemberCacheKey));
+        lua_pushvalue(state, -2);
+        lua_rawset(state, LUA_REGISTRYINDEX);
+    }
+    lua_pushvalue(state, -2); // the userdata
+    lua_rawget(state, -2);
+    if (!lua_istable(state, -1))
+    {
+        lua_pop(state, 1);
+        if (!create)
+        {
+            lua_pop(state, 2);
+            return false;
+        }
+        lua_newtable(state);
+        lua_pushvalue(state, -3);
+        lua_pushvalue(state, -2);
+        lua_rawset(state, -4);
+    }
+    lua_replace(state, -3);
+    lua_pop(state, 1);
+    return true;
+}
+
 int LuaType_RemoteObject::lw_index(LuaType *, lua_State *state, void *object, LuaType *)
 {
     ScriptArgs args;
     KeyFromLua(state, 1, args.FindKey(0));
-    return Command(state, object, SST_GetTable, args);
+    const bool named = lua_type(state, 1) == LUA_TSTRING;
+    // A proxy whose connection has gone reads nil, functions included.
+    auto *remote = static_cast<RemoteObject *>(object);
+    const bool connected = remote && remote->m_App && remote->m_App->Connected();
+    if (named && connected && PushMemberTable(state, object, false))
+    {
+        lua_pushvalue(state, 1);
+        lua_rawget(state, -2);
+        if (lua_isuserdata(state, -1))
+        {
+            lua_pushcclosure(state, lua_function_call, 1);
+            return 1;
+        }
+        lua_pop(state, 2);
+    }
+    const int top = lua_gettop(state);
+    const int count = Command(state, object, SST_GetTable, args);
+    if (named && count >= 1 && lua_tocfunction(state, top + 1) == lua_function_call &&
+        PushMemberTable(state, object, true))
+    {
+        lua_pushvalue(state, 1);
+        lua_getupvalue(state, top + 1, 1);
+        lua_rawset(state, -3);
+        lua_pop(state, 1);
+    }
+    return count;
 }
 
 int LuaType_RemoteObject::lw_newindex(LuaType *, lua_State *state, void *object, LuaType *)
@@ -162,6 +239,13 @@ int LuaType_RemoteObject::lw_newindex(LuaType *, lua_State *state, void *object,
     ScriptArgs args;
     KeyFromLua(state, 1, args.FindKey(0));
     ArgumentFromLua(state, 2, args.FindKey(1));
+    if (lua_type(state, 1) == LUA_TSTRING && PushMemberTable(state, object, false))
+    {
+        lua_pushvalue(state, 1);
+        lua_pushnil(state);
+        lua_rawset(state, -3);
+        lua_pop(state, 1);
+    }
     return Command(state, object, SST_SetTable, args);
 }
 

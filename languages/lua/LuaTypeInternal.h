@@ -18,6 +18,10 @@ void PushDescriptorHolder(lua_State *state, LuaType *type);
 // is probing quietly (the registry's orvexScriptIgnoreErrors is true): then it gives no results.
 int PushRemoteReply(RemoteApp *app, lua_State *state, ScriptVal &reply);
 
+// Pushes the typed userdata this state holds for `object` (its cache entry) and gives true; false and
+// nothing pushed if the state holds none.
+bool PushObjectUserdata(lua_State *state, void *object);
+
 // Reads the Lua value at `index` into `out` for an argument of a remote command; a table that does not
 // convert is a Lua error.
 void ArgumentFromLua(lua_State *state, int index, ScriptVal &out);
