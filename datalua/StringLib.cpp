@@ -151,8 +151,8 @@ int S_format(State &S, int base, int nargs)
             out.push_back(*p++);
             continue;
         }
-        // the specification: flags, width, precision
-        std::string spec = "%";
+        // the conversion: flags, width, precision
+        std::string conversion = "%";
         const char *start = p;
         while (p < end && std::strchr("-+ #0", *p))
             ++p;
@@ -166,7 +166,7 @@ int S_format(State &S, int base, int nargs)
                 ++p;
         }
         if (p < end && std::isdigit(static_cast<unsigned char>(*p))) RunError(S, "invalid format (width or precision too long)");
-        spec.append(start, static_cast<size_t>(p - start));
+        conversion.append(start, static_cast<size_t>(p - start));
         if (p >= end) RunError(S, "invalid option '%%' to 'format'");
         const char conv = *p++;
         char buffer[512];
@@ -179,8 +179,8 @@ int S_format(State &S, int base, int nargs)
         case 'd':
         case 'i':
         {
-            spec += "lld";
-            std::snprintf(buffer, sizeof buffer, spec.c_str(), static_cast<long long>(ToInt(CheckNumber(S, base, nargs, arg))));
+            conversion += "lld";
+            std::snprintf(buffer, sizeof buffer, conversion.c_str(), static_cast<long long>(ToInt(CheckNumber(S, base, nargs, arg))));
             out += buffer;
             break;
         }
@@ -189,11 +189,11 @@ int S_format(State &S, int base, int nargs)
         case 'x':
         case 'X':
         {
-            spec += "ll";
-            spec.push_back(conv);
+            conversion += "ll";
+            conversion.push_back(conv);
             const double d = CheckNumber(S, base, nargs, arg);
             const auto v = static_cast<unsigned long long>(ToInt(d));
-            std::snprintf(buffer, sizeof buffer, spec.c_str(), v);
+            std::snprintf(buffer, sizeof buffer, conversion.c_str(), v);
             out += buffer;
             break;
         }
@@ -202,20 +202,20 @@ int S_format(State &S, int base, int nargs)
         case 'f':
         case 'g':
         case 'G':
-            spec.push_back(conv);
-            std::snprintf(buffer, sizeof buffer, spec.c_str(), CheckNumber(S, base, nargs, arg));
+            conversion.push_back(conv);
+            std::snprintf(buffer, sizeof buffer, conversion.c_str(), CheckNumber(S, base, nargs, arg));
             out += buffer;
             break;
         case 'q': AddQuoted(out, CheckString(S, base, nargs, arg)); break;
         case 's':
         {
             const String *s = CheckString(S, base, nargs, arg);
-            if (spec == "%")
+            if (conversion == "%")
                 out.append(s->data, s->len);
             else
             {
-                spec.push_back('s');
-                std::snprintf(buffer, sizeof buffer, spec.c_str(), s->data);
+                conversion.push_back('s');
+                std::snprintf(buffer, sizeof buffer, conversion.c_str(), s->data);
                 out += buffer;
             }
             break;
