@@ -24,6 +24,10 @@ std::string LibraryFolder();
 // True if `path` names a file this process may execute.
 bool IsExecutable(const std::string &path);
 
+// Splits a command line into words: blanks separate, double quotes group, \" stands for a quote. Other
+// backslashes are kept, so paths written with them pass through.
+std::vector<std::string> SplitCommandLine(const char *line);
+
 // This process's id.
 uint32_t CurrentProcessId();
 

@@ -130,4 +130,39 @@ uint32_t CurrentProcessId()
     return static_cast<uint32_t>(getpid());
 }
 
+std::vector<std::string> SplitCommandLine(const char *line)
+{
+    std::vector<std::string> words;
+    std::string word;
+    bool inWord = false, quoted = false;
+    for (const char *p = line; *p; ++p)
+    {
+        const char c = *p;
+        if (c == '\\' && p[1] == '"')
+        {
+            word += '"';
+            inWord = true;
+            ++p;
+        }
+        else if (c == '"')
+        {
+            quoted = !quoted;
+            inWord = true;
+        }
+        else if (!quoted && (c == ' ' || c == '\t' || c == '\n' || c == '\r'))
+        {
+            if (inWord) words.push_back(word);
+            word.clear();
+            inWord = false;
+        }
+        else
+        {
+            word += c;
+            inWord = true;
+        }
+    }
+    if (inWord) words.push_back(word);
+    return words;
+}
+
 } // namespace orvexScript::ProcessStart

@@ -1,6 +1,7 @@
 // Linux side of ServerNet.h: BSD sockets, an abstract local socket with SCM_RIGHTS and SO_PEERCRED
 // for the hand-over, posix_spawn for detached processes.
 #include "remote/ServerNet.h"
+#include "remote/ProcessStart.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -385,54 +386,13 @@ int ProcessId()
 
 std::string OwnDirectory()
 {
-    char path[PATH_MAX];
-    const ssize_t n = readlink("/proc/self/exe", path, sizeof(path) - 1);
-    if (n <= 0) return std::string();
-    std::string text(path, static_cast<size_t>(n));
-    const size_t slash = text.find_last_of("/\\");
-    return slash == std::string::npos ? std::string() : text.substr(0, slash + 1);
+    const std::string folder = ProcessStart::ExecutableFolder();
+    return folder.empty() ? folder : folder + "/";
 }
-
-namespace
-{
-std::vector<std::string> SplitCommandLine(const char *text)
-{
-    std::vector<std::string> words;
-    std::string word;
-    bool inWord = false, quoted = false;
-    for (const char *p = text; *p; ++p)
-    {
-        const char c = *p;
-        if (c == '\\' && p[1])
-        {
-            word += *++p;
-            inWord = true;
-        }
-        else if (c == '"')
-        {
-            quoted = !quoted;
-            inWord = true;
-        }
-        else if (!quoted && (c == ' ' || c == '\t' || c == '\n'))
-        {
-            if (inWord) words.push_back(word);
-            word.clear();
-            inWord = false;
-        }
-        else
-        {
-            word += c;
-            inWord = true;
-        }
-    }
-    if (inWord) words.push_back(word);
-    return words;
-}
-} // namespace
 
 bool SpawnDetached(const char *commandLine, const char *directory, int &pid, int &err)
 {
-    const std::vector<std::string> words = SplitCommandLine(commandLine ? commandLine : "");
+    const std::vector<std::string> words = ProcessStart::SplitCommandLine(commandLine ? commandLine : "");
     if (words.empty())
     {
         err = EINVAL;

@@ -4,6 +4,7 @@
 //
 // Sections: paths and folders; processes; console and faults; clipboard; global locks; key store.
 #include "languages/lua/HostSystem.h"
+#include "remote/ProcessStart.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -139,42 +140,6 @@ bool ChangeFolder(const char *path)
 namespace
 {
 
-// Splits a command line into words: blanks separate, double quotes group, \" stands for a quote.
-std::vector<std::string> SplitCommandLine(const char *line)
-{
-    std::vector<std::string> words;
-    std::string word;
-    bool inWord = false, quoted = false;
-    for (const char *p = line; *p; ++p)
-    {
-        const char c = *p;
-        if (c == '\\' && p[1] == '"')
-        {
-            word += '"';
-            inWord = true;
-            ++p;
-        }
-        else if (c == '"')
-        {
-            quoted = !quoted;
-            inWord = true;
-        }
-        else if (!quoted && (c == ' ' || c == '\t' || c == '\n' || c == '\r'))
-        {
-            if (inWord) words.push_back(word);
-            word.clear();
-            inWord = false;
-        }
-        else
-        {
-            word += c;
-            inWord = true;
-        }
-    }
-    if (inWord) words.push_back(word);
-    return words;
-}
-
 int ExitStatus(int status)
 {
     if (WIFEXITED(status)) return WEXITSTATUS(status);
@@ -248,7 +213,7 @@ bool StartProcess(const char *commandLine, bool wait, int &exitCode)
 {
     exitCode = 0;
     if (!commandLine) return false;
-    const std::vector<std::string> words = SplitCommandLine(commandLine);
+    const std::vector<std::string> words = ProcessStart::SplitCommandLine(commandLine);
     if (words.empty() || words[0].empty()) return false;
     SpawnSetup setup;
     posix_spawn_file_actions_addclosefrom_np(&setup.actions, 3);
