@@ -45,37 +45,6 @@ const char *ReadPieces(lua_State *, void *data, size_t *size)
     return nullptr;
 }
 
-// HexData(text) of this state: the hexadecimal numbers of the text, each cut to a byte, as a
-// "MemBlock" userdata made through the global MemBlock; nothing for another argument or no bytes.
-ORVEX_LUA_FUNCTION(HexDataBlock)
-{
-    if (lua_type(L, 1) != LUA_TSTRING) return 0;
-    const char *text = lua_tostring(L, 1);
-    int count = 0;
-    for (const char *p = text;; ++count)
-    {
-        char *end = nullptr;
-        (void)std::strtol(p, &end, 16);
-        if (end == p) break;
-        p = end;
-    }
-    lua_getglobal(L, "MemBlock");
-    lua_pushnumber(L, count);
-    lua_call(L, 1, 1);
-    if (lua_isnil(L, -1)) return 0;
-    const char *p = text;
-    for (int i = 1; i <= count; ++i)
-    {
-        char *end = nullptr;
-        const long value = std::strtol(p, &end, 16);
-        p = end;
-        lua_pushnumber(L, i);
-        lua_pushnumber(L, static_cast<unsigned char>(value));
-        lua_settable(L, -3);
-    }
-    return 1;
-}
-
 void Alert(lua_State *L, const char *message)
 {
     lua_getglobal(L, "_ALERT");
@@ -142,9 +111,7 @@ bool ScriptVal::FromTextByName(const char *text, const char *name, char *errorBu
     lua_pushcfunction(L, luaopen_base);
     lua_call(L, 0, 0);
     lua_settop(L, 0);
-    OpenMemBlock(L);
-    lua_pushcfunction(L, HexDataBlock);
-    lua_setglobal(L, "HexData");
+    OpenMemBlock(L); // MemBlock and HexData, both giving block userdata
     if (luaL_loadbuffer(L, kOrderedDefinition, sizeof kOrderedDefinition - 1, "=ordered") != 0 ||
         lua_pcall(L, 0, 0, 0) != 0)
     {
