@@ -248,10 +248,12 @@ TEST(LuaRemote, AnObjectOfThisProcessGoesToTheHostAndIsCalledBack)
         assert(root:Keep(mine) == 1)
         assert(root:Call(mine, "Name") == "mine", "the host calls it back")
         root:Call(mine, "SetName", "set by the host")
-        root:Drop()
+        -- The script lets go before the host does: its reference is a count on the connection's
+        -- record of the object, which the host's last release clears together with the others.
         mine = nil
         collectgarbage()
         collectgarbage()
+        root:Drop()
     )"),
               "");
     EXPECT_EQ(mine->m_Name, "set by the host");
